@@ -1,0 +1,6 @@
+#include "app/entry.h"
+
+int wmain(int argc, wchar_t **argv)
+{
+    return ruvo::runEntry(argc, argv);
+}

@@ -1,0 +1,11 @@
+#pragma once
+
+namespace ruvo {
+
+/// Asks the application's event loop to end. From any thread, while the application exists.
+///
+/// Posted, as a quit before the loop runs would be lost; and taken once for each application, as one left over
+/// would end the loops in which the shutdown waits.
+void requestQuit();
+
+} // namespace ruvo

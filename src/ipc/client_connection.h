@@ -1,0 +1,59 @@
+#pragma once
+
+#include "ipc/frame.h"
+
+#include <QJsonObject>
+#include <QLocalSocket>
+#include <QObject>
+#include <QPointer>
+
+namespace ruvo {
+
+/// The daemon's end of one connected client: an accepted socket, the client's random id, and JSON objects
+/// cut from and written to its byte stream.
+///
+/// Everything runs on the service thread. Destroyed only by deferred deletion, ordered by CommunicationServer.
+class ClientConnection : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// What may wait unsent for a client that does not read, in bytes. Beyond it the client counts as gone.
+    static constexpr qint64 maxUnsentBytes = 64 * 1024 * 1024;
+
+    explicit ClientConnection(QObject *parent = nullptr);
+    ~ClientConnection() override;
+
+    /// Takes ownership of the accepted `socket`. `sessionId` is the Windows session of the pipe it came through.
+    void setSocket(QLocalSocket *socket, quint32 sessionId);
+
+    /// Writes one message; nothing if the client is gone. Delivery is left to the socket and the event loop.
+    void send(const QJsonObject &message);
+
+    /// 1 to 16 lower-case hexadecimal digits; the client's key everywhere.
+    QString clientId() const { return m_clientId; }
+    /// 0 until setSocket.
+    quint32 sessionId() const { return m_sessionId; }
+
+    /// Ends the connection from this side. No signal is emitted by this object from here on.
+    void disconnectQuietly();
+
+signals:
+    void messageReceived(const QString &clientId, const QJsonObject &message);
+    /// May be emitted more than once (an error is followed by a disconnect).
+    void clientDisconnected(const QString &clientId);
+
+private slots:
+    void onDataReady();
+    void onSocketDisconnected();
+    void onSocketError(QLocalSocket::LocalSocketError error);
+
+private:
+    const QString m_clientId;
+    quint32 m_sessionId = 0;
+    QLocalSocket *m_socket = nullptr;
+    FrameDecoder m_readBuffer;
+    bool m_unsentLimitReached = false;
+};
+
+} // namespace ruvo

@@ -1,0 +1,187 @@
+#include "ipc/communication_server.h"
+
+#include "common/log_category.h"
+
+#include <utility>
+
+namespace ruvo {
+
+CommunicationServer::CommunicationServer(SessionLister listSessions, QObject *parent, Clock clock)
+    : QObject(parent)
+    , m_listSessions(std::move(listSessions))
+    , m_clock(std::move(clock))
+{
+    connect(&m_heartbeatTimer, &QTimer::timeout, this, &CommunicationServer::checkHeartbeats);
+    connect(&m_sessionPollTimer, &QTimer::timeout, this, &CommunicationServer::pollSessions);
+    armHeartbeatCheck(heartbeatCheckInterval);
+}
+
+CommunicationServer::~CommunicationServer() = default;
+
+CommunicationServer::Clock CommunicationServer::monotonicClock()
+{
+    return [] {
+        return std::chrono::duration_cast<Milliseconds>(std::chrono::steady_clock::now().time_since_epoch());
+    };
+}
+
+bool CommunicationServer::start(const QString &serverName)
+{
+    m_serverName = serverName;
+    pollSessions();
+    m_sessionPollTimer.start(sessionPollInterval);
+    qCDebug(lcRuvod) << "Session polling started (every 3 seconds)";
+    return true;
+}
+
+void CommunicationServer::stop()
+{
+    m_heartbeatTimer.stop();
+    for (ClientConnection *client : std::as_const(m_clients)) {
+        client->disconnect(this);
+        client->deleteLater();
+    }
+    m_clients.clear();
+    m_heartbeats.clear();
+    m_sessionPollTimer.stop();
+    for (SessionServer *server : std::as_const(m_sessionServers)) {
+        server->disconnect(this);
+        server->deleteLater();
+    }
+    m_sessionServers.clear();
+}
+
+void CommunicationServer::sendToClient(const QString &clientId, const QJsonObject &message)
+{
+    if (ClientConnection *client = m_clients.value(clientId))
+        client->send(message);
+}
+
+void CommunicationServer::broadcast(const QJsonObject &message)
+{
+    for (ClientConnection *client : std::as_const(m_clients))
+        client->send(message);
+}
+
+void CommunicationServer::updateHeartbeat(const QString &clientId)
+{
+    if (const auto heartbeat = m_heartbeats.find(clientId); heartbeat != m_heartbeats.end())
+        *heartbeat = m_clock();
+}
+
+void CommunicationServer::onNewConnection()
+{
+    for (SessionServer *server : std::as_const(m_sessionServers)) {
+        if (!server->server().hasPendingConnections())
+            continue;
+        QLocalSocket *socket = server->server().nextPendingConnection();
+        if (!socket)
+            return;
+        auto *client = new ClientConnection(this);
+        client->setSocket(socket, server->sessionId());
+        connect(client, &ClientConnection::messageReceived, this, &CommunicationServer::onClientMessage);
+        connect(client, &ClientConnection::clientDisconnected, this, &CommunicationServer::onClientDisconnected);
+        const QString clientId = client->clientId();
+        m_clients.insert(clientId, client);
+        m_heartbeats.insert(clientId, m_clock());
+        emit clientConnected(clientId);
+        return; // one connection for each signal
+    }
+}
+
+void CommunicationServer::onClientMessage(const QString &clientId, const QJsonObject &message)
+{
+    // The rest of a read may follow a message that ended the client's life here.
+    if (m_clients.contains(clientId))
+        emit messageReceived(clientId, message);
+}
+
+void CommunicationServer::onClientDisconnected(const QString &clientId)
+{
+    ClientConnection *client = m_clients.take(clientId);
+    if (!client)
+        return;
+    const quint32 sessionId = client->sessionId();
+    client->deleteLater();
+    m_heartbeats.remove(clientId);
+    emit clientDisconnected(clientId, sessionId);
+}
+
+void CommunicationServer::armHeartbeatCheck(Milliseconds interval)
+{
+    m_heartbeatCheckDue = m_clock() + interval;
+    m_heartbeatTimer.start(interval);
+}
+
+void CommunicationServer::checkHeartbeats()
+{
+    // After the thread was busy, heartbeats may wait unread in the sockets: they are read first.
+    if (m_clock() > m_heartbeatCheckDue + heartbeatCheckTolerance) {
+        armHeartbeatCheck(heartbeatCheckRetry);
+        return;
+    }
+    armHeartbeatCheck(heartbeatCheckInterval);
+
+    const Milliseconds now = m_clock();
+    QStringList silent;
+    for (auto heartbeat = m_heartbeats.cbegin(); heartbeat != m_heartbeats.cend(); ++heartbeat) {
+        if (now - heartbeat.value() > heartbeatTimeout)
+            silent.append(heartbeat.key());
+    }
+    for (const QString &clientId : std::as_const(silent))
+        timeOut(clientId);
+}
+
+void CommunicationServer::timeOut(const QString &clientId)
+{
+    qCWarning(lcRuvod) << "Client" << clientId << "timed out (no heartbeat for" << heartbeatTimeout.count() << "ms)";
+    quint32 sessionId = 0;
+    // Out of the table before its socket closes: the disconnect must not be taken for a second departure.
+    if (ClientConnection *client = m_clients.take(clientId)) {
+        sessionId = client->sessionId();
+        client->disconnectQuietly();
+        client->deleteLater();
+    }
+    m_heartbeats.remove(clientId);
+    emit clientTimedOut(clientId, sessionId);
+}
+
+void CommunicationServer::pollSessions()
+{
+    const QList<quint32> active = m_listSessions();
+    removeInactiveSessions(active);
+    for (const quint32 sessionId : active)
+        serveSession(sessionId);
+}
+
+void CommunicationServer::removeInactiveSessions(const QList<quint32> &active)
+{
+    const QList<quint32> served = m_sessionServers.keys();
+    for (const quint32 sessionId : served) {
+        if (active.contains(sessionId))
+            continue;
+        qCInfo(lcRuvod) << "Removing pipe for inactive session" << sessionId;
+        m_sessionServers.take(sessionId)->deleteLater();
+    }
+}
+
+void CommunicationServer::serveSession(quint32 sessionId)
+{
+    if (SessionServer *server = m_sessionServers.value(sessionId)) {
+        // Reopens a server that lost its listener; one that cannot be reopened is made anew at the next poll.
+        if (!server->start())
+            m_sessionServers.take(sessionId)->deleteLater();
+        return;
+    }
+    qCInfo(lcRuvod) << "Creating pipe for new active session" << sessionId;
+    auto *server = new SessionServer(sessionId, QStringLiteral(R"(\\.\pipe\%1-%2)").arg(m_serverName).arg(sessionId),
+                                     this);
+    if (!server->start()) {
+        delete server; // never listened, so nothing of it is in the event loop
+        return;
+    }
+    connect(server, &SessionServer::newConnection, this, &CommunicationServer::onNewConnection);
+    m_sessionServers.insert(sessionId, server);
+}
+
+} // namespace ruvo

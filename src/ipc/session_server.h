@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QLocalServer>
+#include <QObject>
+
+namespace ruvo {
+
+/// The named pipe of one Windows session. Service thread only.
+class SessionServer : public QObject
+{
+    Q_OBJECT
+
+public:
+    SessionServer(quint32 sessionId, const QString &pipeName, QObject *parent = nullptr);
+    /// Closes the pipe and removes its name.
+    ~SessionServer() override;
+
+    /// Listens, open to every local user. True at once if it already listens as it should; a server that has
+    /// lost a listener (see isComplete) is opened again. False (and a warning is logged) if the pipe cannot be
+    /// made.
+    bool start();
+
+    quint32 sessionId() const { return m_sessionId; }
+    QString pipeName() const { return m_pipeName; }
+    QLocalServer &server() { return m_server; }
+
+signals:
+    void newConnection();
+
+private:
+    bool isComplete() const;
+
+    const quint32 m_sessionId;
+    const QString m_pipeName;
+    QLocalServer m_server;
+};
+
+} // namespace ruvo
