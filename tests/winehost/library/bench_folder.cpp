@@ -1,0 +1,46 @@
+#include "bench_folder.h"
+
+#include "common/windows_handles.h"
+
+namespace ruvo::winehost {
+
+namespace {
+
+std::filesystem::path folderBesideThisDll()
+{
+    static const char anchor = 0;
+    HMODULE self = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                       reinterpret_cast<LPCWSTR>(&anchor), &self);
+    wchar_t path[1024] = {};
+    GetModuleFileNameW(self, path, 1024);
+    return std::filesystem::path(path).parent_path() / L"winehost";
+}
+
+} // namespace
+
+const std::filesystem::path &benchFolder()
+{
+    static const std::filesystem::path folder = folderBesideThisDll();
+    return folder;
+}
+
+std::optional<std::string> readBenchFile(const wchar_t *name)
+{
+    constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const FileHandle file(CreateFileW((benchFolder() / name).c_str(), GENERIC_READ, shareAll, nullptr,
+                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file)
+        return std::nullopt;
+    std::string text;
+    char block[4096];
+    DWORD count = 0;
+    do {
+        if (!ReadFile(file.get(), block, sizeof block, &count, nullptr))
+            return std::nullopt;
+        text.append(block, count);
+    } while (count > 0);
+    return text;
+}
+
+} // namespace ruvo::winehost

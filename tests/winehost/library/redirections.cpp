@@ -1,0 +1,45 @@
+// Entry of the DLL. It comes into the program as a dependency of a substitute library, so it is there before the
+// program's first instruction and can put right where Wine differs from Windows.
+
+#include "journal.h"
+#include "redirect.h"
+#include "substitutes.h"
+
+namespace ruvo::winehost {
+
+namespace {
+
+template<typename Function>
+const void *address(Function *function)
+{
+    return reinterpret_cast<const void *>(function);
+}
+
+const Redirection redirections[] = {
+    // Written down, passed on unchanged.
+    {"advapi32.dll", "SetServiceStatus", address(setServiceStatus)},
+    {"advapi32.dll", "SetServiceObjectSecurity", address(setServiceObjectSecurity)},
+    // Windows ignores CREATE_NEW_PROCESS_GROUP beside CREATE_NEW_CONSOLE; Wine starts the child with Ctrl+C off.
+    {"kernel32.dll", "CreateProcessW", address(createProcess)},
+    // Group 0 is every process of the console; Wine's is the caller's own group.
+    {"kernel32.dll", "GenerateConsoleCtrlEvent", address(generateConsoleCtrlEvent)},
+    // All of Wine's processes are in session 1.
+    {"kernel32.dll", "ProcessIdToSessionId", address(processIdToSessionId)},
+};
+
+void redirectAndReport()
+{
+    JournalEntry entry("attached");
+    entry.add("command-line", GetCommandLineW()).add("redirected", redirectImports(redirections));
+}
+
+} // namespace
+
+} // namespace ruvo::winehost
+
+BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID)
+{
+    if (reason == DLL_PROCESS_ATTACH)
+        ruvo::winehost::redirectAndReport();
+    return TRUE;
+}
