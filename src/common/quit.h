@@ -8,4 +8,7 @@ namespace ruvo {
 /// would end the loops in which the shutdown waits.
 void requestQuit();
 
+/// Whether the loop was asked to end: waits that run the event loop end early then. Service thread.
+bool quitRequested();
+
 } // namespace ruvo

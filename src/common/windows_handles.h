@@ -5,7 +5,9 @@
 // Every owner is movable, not copyable, and closes what it holds when it goes; closing keeps the thread's last
 // error, so that a failure can be reported after the handles of its step are gone.
 
-#include <windows.h>
+// windows.h would bring the old Winsock, which does not go together with the new one.
+#include "common/winsock_headers.h"
+
 #include <winsvc.h>
 #include <wtsapi32.h>
 
@@ -93,6 +95,14 @@ struct ServiceHandleTraits
 };
 /// The service control manager, or a service.
 using ServiceHandle = UniqueHandle<ServiceHandleTraits>;
+
+struct RegistryKeyTraits
+{
+    using Type = HKEY;
+    static Type none() { return nullptr; }
+    static void close(Type key) { RegCloseKey(key); }
+};
+using RegistryKey = UniqueHandle<RegistryKeyTraits>;
 
 struct LocalMemoryFree
 {

@@ -29,6 +29,11 @@ QJsonObject failure(const QString &text)
     return {{"status", "error"}, {"error", text}};
 }
 
+QString processId(const QJsonObject &message)
+{
+    return message["process-id"].toString();
+}
+
 QString compact(const QJsonObject &object)
 {
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
@@ -40,12 +45,20 @@ QString compact(const QJsonObject &object)
 const RequestDispatcher::Action RequestDispatcher::actions[] = {
     {"client-hello", &RequestDispatcher::clientHello},
     {"heartbeat", &RequestDispatcher::heartbeat},
+    {"start", &RequestDispatcher::start},
+    {"stop", &RequestDispatcher::stop},
+    {"kill", &RequestDispatcher::kill},
+    {"restart", &RequestDispatcher::restart},
+    {"status", &RequestDispatcher::status},
+    {"list", &RequestDispatcher::list},
+    {"stdin", &RequestDispatcher::writeStdin},
     {"clear-logs", &RequestDispatcher::clearLogs},
 };
 
-RequestDispatcher::RequestDispatcher(RequestServices services, QObject *parent)
+RequestDispatcher::RequestDispatcher(RequestServices services, ProcessOwnership &ownership, QObject *parent)
     : QObject(parent)
     , m_services(std::move(services))
+    , m_ownership(ownership)
 {
 }
 
@@ -113,6 +126,55 @@ RequestDispatcher::Response RequestDispatcher::heartbeat(const Request &request)
 {
     m_services.updateHeartbeat(request.clientId);
     return success();
+}
+
+// The owner is recorded before the start, whose own events already have to reach it. A start of a process that
+// runs fails, and so takes the process away from its owner.
+RequestDispatcher::Response RequestDispatcher::start(const Request &request)
+{
+    if (m_services.isStopping())
+        return failure("Daemon is stopping");
+    const QString id = processId(request.message);
+    m_ownership.setOwner(id, request.clientId);
+    qCDebug(lcRuvod) << "Process" << id << "will be owned by client" << request.clientId;
+    QJsonObject result = m_services.startProcess(request.message);
+    if (result["status"].toString() != QLatin1StringView("started")) {
+        m_ownership.remove(id);
+        qCDebug(lcRuvod) << "Process" << id << "failed to start, removed ownership";
+    }
+    return result;
+}
+
+RequestDispatcher::Response RequestDispatcher::stop(const Request &request)
+{
+    return m_services.stopProcess(processId(request.message));
+}
+
+RequestDispatcher::Response RequestDispatcher::kill(const Request &request)
+{
+    return m_services.killProcess(processId(request.message));
+}
+
+RequestDispatcher::Response RequestDispatcher::restart(const Request &request)
+{
+    return m_services.restartProcess(processId(request.message));
+}
+
+RequestDispatcher::Response RequestDispatcher::status(const Request &request)
+{
+    return m_services.processStatus(processId(request.message));
+}
+
+RequestDispatcher::Response RequestDispatcher::list(const Request &)
+{
+    return m_services.listProcesses();
+}
+
+RequestDispatcher::Response RequestDispatcher::writeStdin(const Request &request)
+{
+    const QByteArray data = request.message["data"].toString().toUtf8();
+    return m_services.writeToProcess(processId(request.message), data) ? success()
+                                                                      : failure("Failed to write to process stdin");
 }
 
 RequestDispatcher::Response RequestDispatcher::clearLogs(const Request &)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "daemon/process_ownership.h"
+
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
@@ -19,6 +21,17 @@ struct RequestServices
     std::function<bool()> clearLogs;
     /// Ends the daemon.
     std::function<void()> quit;
+    /// Whether the daemon is on its way out: nothing new is started then.
+    std::function<bool()> isStopping;
+
+    std::function<QJsonObject(const QJsonObject &spec)> startProcess;
+    std::function<QJsonObject(const QString &processId)> stopProcess;
+    std::function<QJsonObject(const QString &processId)> killProcess;
+    std::function<QJsonObject(const QString &processId)> restartProcess;
+    std::function<QJsonObject(const QString &processId)> processStatus;
+    std::function<QJsonObject()> listProcesses;
+    /// False if the process is unknown.
+    std::function<bool(const QString &processId, const QByteArray &data)> writeToProcess;
 };
 
 /// Runs the action that a client's message names, and answers it.
@@ -30,7 +43,8 @@ class RequestDispatcher : public QObject
     Q_OBJECT
 
 public:
-    explicit RequestDispatcher(RequestServices services, QObject *parent = nullptr);
+    /// `ownership` has to outlive the dispatcher.
+    RequestDispatcher(RequestServices services, ProcessOwnership &ownership, QObject *parent = nullptr);
 
     void handleClientMessage(const QString &clientId, const QJsonObject &message);
 
@@ -54,11 +68,19 @@ private:
 
     Response clientHello(const Request &request);
     Response heartbeat(const Request &request);
+    Response start(const Request &request);
+    Response stop(const Request &request);
+    Response kill(const Request &request);
+    Response restart(const Request &request);
+    Response status(const Request &request);
+    Response list(const Request &request);
+    Response writeStdin(const Request &request);
     Response clearLogs(const Request &request);
 
     void restartForNewerClient(const Request &request);
 
     const RequestServices m_services;
+    ProcessOwnership &m_ownership;
 };
 
 } // namespace ruvo

@@ -9,6 +9,7 @@
 #include "daemon/stale_processes.h"
 #include "ipc/communication_server.h"
 #include "ipc/session_listing.h"
+#include "process/process_manager.h"
 
 #include <QCoreApplication>
 #include <QTimer>
@@ -17,9 +18,29 @@
 
 namespace ruvo {
 
+namespace {
+
+constexpr int processGracePeriod = 10000; // ms
+
+} // namespace
+
 RuvoDaemon::RuvoDaemon()
-    : m_communicationServer(new CommunicationServer(activeSessions, this))
+    : m_processManager(new ProcessManager(this))
+    , m_communicationServer(new CommunicationServer(activeSessions, this))
     , m_privilegeManager(new PrivilegeManager(this))
+    , m_dispatcher(new RequestDispatcher(requestServices(), m_ownership, this))
+{
+    connect(m_communicationServer, &CommunicationServer::messageReceived, this, &RuvoDaemon::handleClientMessage);
+    connect(m_communicationServer, &CommunicationServer::clientConnected, this, &RuvoDaemon::onClientConnected);
+    connect(m_communicationServer, &CommunicationServer::clientDisconnected, this,
+            &RuvoDaemon::onClientDisconnected);
+    connect(m_communicationServer, &CommunicationServer::clientTimedOut, this, &RuvoDaemon::onClientTimedOut);
+    // In this order: the owner gets the "finished" event before it stops being the owner.
+    connect(m_processManager, &ProcessManager::processEvent, this, &RuvoDaemon::broadcastProcessEvent);
+    connect(m_processManager, &ProcessManager::processEvent, this, &RuvoDaemon::removeFinishedProcess);
+}
+
+RequestServices RuvoDaemon::requestServices()
 {
     RequestServices services;
     services.sendToClient = [this](const QString &clientId, const QJsonObject &message) {
@@ -29,13 +50,17 @@ RuvoDaemon::RuvoDaemon()
     services.useLogFile = useLogFile;
     services.clearLogs = clearLogs;
     services.quit = requestQuit;
-    m_dispatcher = new RequestDispatcher(std::move(services), this);
-
-    connect(m_communicationServer, &CommunicationServer::messageReceived, this, &RuvoDaemon::handleClientMessage);
-    connect(m_communicationServer, &CommunicationServer::clientConnected, this, &RuvoDaemon::onClientConnected);
-    connect(m_communicationServer, &CommunicationServer::clientDisconnected, this,
-            &RuvoDaemon::onClientDisconnected);
-    connect(m_communicationServer, &CommunicationServer::clientTimedOut, this, &RuvoDaemon::onClientTimedOut);
+    services.isStopping = [this] { return m_stopping; };
+    services.startProcess = [this](const QJsonObject &spec) { return m_processManager->startProcess(spec); };
+    services.stopProcess = [this](const QString &id) { return m_processManager->stopProcess(id); };
+    services.killProcess = [this](const QString &id) { return m_processManager->killProcess(id); };
+    services.restartProcess = [this](const QString &id) { return m_processManager->restartProcess(id); };
+    services.processStatus = [this](const QString &id) { return m_processManager->getProcessStatus(id); };
+    services.listProcesses = [this] { return m_processManager->listProcesses(); };
+    services.writeToProcess = [this](const QString &id, const QByteArray &data) {
+        return m_processManager->writeToProcess(id, data);
+    };
+    return services;
 }
 
 RuvoDaemon::~RuvoDaemon() = default;
@@ -54,7 +79,10 @@ bool RuvoDaemon::start()
 
 void RuvoDaemon::stop()
 {
+    m_stopping = true;
+    m_communicationServer->refuseNewClients();
     qCInfo(lcRuvod) << "Stopping ruvod daemon...";
+    m_processManager->stopAll(processGracePeriod);
     m_communicationServer->stop();
     // No loop runs any more that would delete the pipes and connections before "stopped" is reported.
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
@@ -79,12 +107,24 @@ void RuvoDaemon::onClientDisconnected(const QString &clientId, quint32 sessionId
 {
     qCInfo(lcRuvod) << "Client disconnected:" << clientId << "session:" << sessionId;
     qCInfo(lcRuvod) << "Remaining connected clients:" << m_communicationServer->clientCount();
+    stopProcessesOf(clientId, "(owned by disconnected client");
     sweepStaleProcesses(clientId, sessionId);
 }
 
 void RuvoDaemon::onClientTimedOut(const QString &clientId, quint32 sessionId)
 {
+    stopProcessesOf(clientId, "(owned by timed-out client");
     sweepStaleProcesses(clientId, sessionId);
+}
+
+void RuvoDaemon::stopProcessesOf(const QString &clientId, const char *reason)
+{
+    const QStringList owned = m_ownership.ownedBy(clientId);
+    for (const QString &processId : owned) {
+        qCInfo(lcRuvod) << "Stopping process" << processId << reason << clientId << ")";
+        m_processManager->stopProcess(processId);
+        m_ownership.remove(processId);
+    }
 }
 
 void RuvoDaemon::sweepStaleProcesses(const QString &clientId, quint32 sessionId)
@@ -102,6 +142,36 @@ void RuvoDaemon::sweepPendingSessions()
 {
     for (const quint32 sessionId : std::exchange(m_sessionsToSweep, {}))
         killStaleProcesses(sessionId);
+}
+
+void RuvoDaemon::broadcastProcessEvent(const QJsonObject &event)
+{
+    const QString processId = event["process-id"].toString();
+    const std::optional<QString> owner = m_ownership.owner(processId);
+    if (!owner) {
+        qCDebug(lcRuvod) << "Process event for unowned process" << processId << "- not sending to any client";
+        return;
+    }
+    qCDebug(lcRuvod) << "Sending process event to owner client" << *owner << "for process" << processId << "event:"
+                     << event["event"].toString();
+    m_communicationServer->sendToClient(*owner, event);
+}
+
+void RuvoDaemon::removeFinishedProcess(const QJsonObject &event)
+{
+    if (event["event"].toString() != QLatin1StringView("finished"))
+        return;
+    onProcessFinished(event["process-id"].toString(), event["data"].toString().toInt(), QProcess::NormalExit);
+}
+
+void RuvoDaemon::onProcessFinished(const QString &processId, int exitCode, QProcess::ExitStatus)
+{
+    const std::optional<QString> owner = m_ownership.owner(processId);
+    if (!owner)
+        return;
+    qCDebug(lcRuvod) << "Process" << processId << "finished (exit code" << exitCode
+                     << "), removing ownership tracking (was owned by client" << *owner << ")";
+    m_ownership.remove(processId);
 }
 
 void RuvoDaemon::broadcastClientShutdown()

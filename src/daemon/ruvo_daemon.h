@@ -4,13 +4,16 @@
 
 #include <QJsonObject>
 #include <QObject>
+#include <QProcess>
 #include <QSet>
 
 namespace ruvo {
 
 class CommunicationServer;
 class PrivilegeManager;
+class ProcessManager;
 class RequestDispatcher;
+struct RequestServices;
 
 /// The root of the daemon: owns its parts, greets clients and cleans up after them.
 /// Lives on the service thread, from its construction to its end.
@@ -32,16 +35,27 @@ public slots:
     void onClientConnected(const QString &clientId);
     void onClientDisconnected(const QString &clientId, quint32 sessionId);
     void onClientTimedOut(const QString &clientId, quint32 sessionId);
+    /// Sends the event to the process's owner; to nobody if it has none.
+    void broadcastProcessEvent(const QJsonObject &event);
+    /// The process has ended: it belongs to nobody any more.
+    void onProcessFinished(const QString &processId, int exitCode, QProcess::ExitStatus exitStatus);
     /// Tells every client to close itself, before the installer replaces files.
     void broadcastClientShutdown();
 
 private:
+    RequestServices requestServices();
+    void removeFinishedProcess(const QJsonObject &event);
+    void stopProcessesOf(const QString &clientId, const char *reason);
     void sweepStaleProcesses(const QString &clientId, quint32 sessionId);
     void sweepPendingSessions();
 
+    ProcessManager *m_processManager;
     CommunicationServer *m_communicationServer;
     PrivilegeManager *m_privilegeManager;
+    ProcessOwnership m_ownership;
     RequestDispatcher *m_dispatcher;
+    /// Set first in stop(): clients are still served while it waits, but nothing new starts.
+    bool m_stopping = false;
     /// Sessions that clients left in this turn of the event loop: one sweep serves them all.
     QSet<quint32> m_sessionsToSweep;
 };

@@ -39,7 +39,7 @@ void CommunicationServer::stop()
     m_heartbeatTimer.stop();
     for (ClientConnection *client : std::as_const(m_clients)) {
         client->disconnect(this);
-        client->deleteLater();
+        client->retire();
     }
     m_clients.clear();
     m_heartbeats.clear();
@@ -77,6 +77,11 @@ void CommunicationServer::onNewConnection()
         QLocalSocket *socket = server->server().nextPendingConnection();
         if (!socket)
             return;
+        if (m_refusingNewClients) {
+            socket->abort();
+            socket->deleteLater();
+            return;
+        }
         auto *client = new ClientConnection(this);
         client->setSocket(socket, server->sessionId());
         connect(client, &ClientConnection::messageReceived, this, &CommunicationServer::onClientMessage);
@@ -102,7 +107,7 @@ void CommunicationServer::onClientDisconnected(const QString &clientId)
     if (!client)
         return;
     const quint32 sessionId = client->sessionId();
-    client->deleteLater();
+    client->retire();
     m_heartbeats.remove(clientId);
     emit clientDisconnected(clientId, sessionId);
 }
@@ -140,7 +145,7 @@ void CommunicationServer::timeOut(const QString &clientId)
     if (ClientConnection *client = m_clients.take(clientId)) {
         sessionId = client->sessionId();
         client->disconnectQuietly();
-        client->deleteLater();
+        client->retire();
     }
     m_heartbeats.remove(clientId);
     emit clientTimedOut(clientId, sessionId);
@@ -182,6 +187,10 @@ void CommunicationServer::serveSession(quint32 sessionId)
     }
     connect(server, &SessionServer::newConnection, this, &CommunicationServer::onNewConnection);
     m_sessionServers.insert(sessionId, server);
+    // A client that came while the pipe was being made (Windows) was signalled to nobody. Left pending, it would be
+    // taken in place of the next one, and every client after it one too late.
+    while (server->server().hasPendingConnections())
+        onNewConnection();
 }
 
 } // namespace ruvo

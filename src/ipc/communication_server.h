@@ -43,6 +43,8 @@ public:
     /// Opens the pipes "\\.\pipe\<serverName>-<session>" and starts polling for sessions. Always true, even
     /// when no pipe could be made: the poll tries again.
     bool start(const QString &serverName);
+    /// From now on whoever connects is dropped at once; connected clients are still served. For the shutdown.
+    void refuseNewClients() { m_refusingNewClients = true; }
     /// Drops all clients (without disconnect signals), pipes and timers.
     void stop();
 
@@ -84,6 +86,7 @@ private:
     QTimer m_heartbeatTimer;
     Milliseconds m_heartbeatCheckDue{};
 
+    bool m_refusingNewClients = false;
     QString m_serverName;
     QHash<quint32, SessionServer *> m_sessionServers;
     QTimer m_sessionPollTimer;
