@@ -1,0 +1,113 @@
+"""A client of the daemon: ruvoctl, driven through its standard streams."""
+
+import itertools
+import json
+import subprocess
+import threading
+
+from . import processes
+from .waiting import wait_for
+
+
+def matches(message, wanted):
+    """`wanted` is a predicate, or an object whose members the message has to have."""
+    if callable(wanted):
+        return wanted(message)
+    return all(key in message and message[key] == value for key, value in wanted.items())
+
+
+class Client:
+    """One connection through the pipe of a session. Messages come in on a thread of their own."""
+
+    _ids = itertools.count(1)
+
+    def __init__(self, prefix, ruvoctl, session, log_path, options=(), on_hello=None):
+        self.session = session
+        self.messages = []  # all that came, in order
+        self._taken = 0  # how many of them the beginning of the list has that were all taken
+        self._taken_later = set()
+        self._on_hello = on_hello
+        self._arrival = threading.Condition()
+        self.errors = log_path
+        with open(log_path, "wb") as errors:
+            self.process = prefix.popen(ruvoctl, "--session", session, "--linger", 0, *options,
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for row in self.process.stdout:
+            message = json.loads(row)
+            with self._arrival:
+                self.messages.append(message)
+                self._arrival.notify_all()
+        with self._arrival:
+            self._arrival.notify_all()
+
+    def send(self, message):
+        """Sends one object."""
+        if self._on_hello and message.get("action") == "client-hello":
+            self._on_hello(message.get("log-path", ""))
+        self.send_line(json.dumps(message))
+
+    def send_line(self, text):
+        """Hands ruvoctl one line of input, whatever it is."""
+        self.process.stdin.write(text.encode() + b"\n")
+        self.process.stdin.flush()
+
+    def expect(self, wanted, timeout=15):
+        """Takes the first message that matches and was not taken before; waits for it up to `timeout` seconds."""
+        with self._arrival:
+            found = self._arrival.wait_for(lambda: self._take(wanted) or self._over(), timeout)
+        if not isinstance(found, dict):
+            why = f"ruvoctl ended: {self.error_text()}" if self._over() else f"{timeout} s passed"
+            raise AssertionError(f"no message {wanted!r} ({why}); got {self.messages[-20:]}")
+        return found
+
+    def _take(self, wanted):
+        for index in range(self._taken, len(self.messages)):
+            if index in self._taken_later or not matches(self.messages[index], wanted):
+                continue
+            self._taken_later.add(index)
+            while self._taken in self._taken_later:
+                self._taken_later.discard(self._taken)
+                self._taken += 1
+            return self.messages[index]
+        return None
+
+    def _over(self):
+        return not self._reader.is_alive() and self.process.poll() is not None
+
+    def request(self, action, timeout=15, **fields):
+        """Sends a request with an id of its own and returns the answer. Underscores in names become hyphens."""
+        identity = f"request-{next(self._ids)}"
+        self.send({"action": action, "request-id": identity} | {k.replace("_", "-"): v for k, v in fields.items()})
+        return self.expect({"request-id": identity}, timeout)
+
+    def events(self, name):
+        """All events of that name that have come so far."""
+        return [message for message in list(self.messages) if message.get("event") == name]
+
+    def error_text(self):
+        return self.errors.read_text(errors="replace").strip()
+
+    def is_connected(self):
+        return self.process.poll() is None
+
+    def wait_closed(self, timeout=20):
+        """Waits until the connection has ended from the other side; returns ruvoctl's exit status."""
+        wait_for(lambda: self.process.poll() is not None, timeout, "the end of the connection")
+        return self.process.returncode
+
+    def close(self, timeout=15):
+        """Ends the input: ruvoctl disconnects and ends. Returns its exit status."""
+        try:
+            self.process.stdin.close()
+        except BrokenPipeError:
+            pass  # it has ended already
+        return self.process.wait(timeout)
+
+    def kill(self):
+        """Ends ruvoctl in the middle of whatever it does."""
+        processes.kill([self.process.pid])
+        self.process.wait(10)

@@ -1,0 +1,136 @@
+"""One Windows machine under test: namespaces, prefix, service, sessions, clients, logs; and its removal."""
+
+import itertools
+import os
+import shutil
+
+from . import processes
+from .client import Client
+from .daemon_log import DaemonLog
+from .journal import Journal
+from .network import Network
+from .paths import BUILD, OUTPUT, PRODUCT, WINEHOST, windows_path
+from .service import RUNNING, Service
+from .wine import CRASH_MARKS, Prefix
+
+# Below a prefix; the folder of the user is named after the account that Wine runs as.
+DEFAULT_LOG = "drive_c/users/*/AppData/Local/Ruvo/logs/ruvod.log"
+
+
+def volume(whole, share):
+    """A count of a large test: `whole` when the whole volumes were asked for, else its share of an ordinary run."""
+    return whole if os.environ.get("RUVOD_WHOLE") == "1" else share
+
+
+class Bench(Service):
+    """Everything in one directory; `up` makes it, `down` removes it whatever happened in between."""
+
+    def __init__(self, directory, roles=("host",)):
+        self.directory = directory
+        # With a blank, as below "Program Files".
+        self.application = directory / "Ruvo Client"
+        self.substitutes = self.application / "winehost"
+        self.network = Network(roles)
+        self.prefix = Prefix(directory / "prefix", self.network.enter("host"))
+        super().__init__(self.prefix, self.application)
+        self.log = DaemonLog()
+        self.log.add(self.prefix.directory, DEFAULT_LOG)
+        self.journal = Journal(self.substitutes / "journal.jsonl")
+        self.clients = []
+        self._numbers = itertools.count(1)
+
+    def up(self):
+        remove(self.directory)
+        self.substitutes.mkdir(parents=True)
+        (self.directory / "owner").write_text(str(os.getpid()), encoding="ascii")
+        for name in PRODUCT + WINEHOST:
+            if not (BUILD / name).exists():
+                raise RuntimeError(f"{BUILD / name} is missing: build the preset 'windows' first")
+            shutil.copy2(BUILD / name, self.application)
+        self.set_sessions("1 active user")
+        self.network.up()
+        self.prefix.up()
+
+    def down(self, keep_logs=False):
+        """Ends and removes everything; with `keep_logs` the logs of daemon, substitutes and clients stay."""
+        logs = [self.journal.path, self.substitutes / "sessions.txt", *self.log.files()]
+        if keep_logs:
+            for path in logs:
+                if path.exists() and path.parent != self.directory:
+                    shutil.copy2(path, self.directory)
+        try:
+            self.prefix.down()
+        finally:
+            self.network.down()
+        for client in self.clients:
+            client.process.wait(10)
+        if keep_logs:
+            shutil.rmtree(self.application, ignore_errors=True)
+        else:
+            shutil.rmtree(self.directory)
+
+    def finish(self):
+        """The last part of every test: the service stops in order if it runs, and left nothing unexpected behind."""
+        if self.daemon_pids() and self.state() == RUNNING:
+            self.stop()
+        self.log.check()
+        output = self.prefix.output.read_text(errors="replace")
+        assert not any(mark in output for mark in CRASH_MARKS), output[-4000:]
+
+    # Sessions
+
+    def set_sessions(self, *lines):
+        """The sessions of the machine from now on, a line each: "1 active alice", or "fail 5"."""
+        self._replace(self.substitutes / "sessions.txt", lines)
+
+    def set_process_sessions(self, sessions):
+        """The sessions of processes that are not the daemon's: {Windows pid: session}."""
+        self._replace(self.substitutes / "process-sessions.txt", [f"{pid} {session}" for pid, session in sessions.items()])
+
+    @staticmethod
+    def _replace(path, lines):
+        new = path.with_suffix(".new")
+        new.write_text("".join(line + "\n" for line in lines), encoding="utf-8")
+        new.rename(path)
+
+    # Clients
+
+    def client(self, session=1, *, heartbeat=True, options=()):
+        """Connects a client; it has got its "connected" event."""
+        client = self.connect(session, heartbeat=heartbeat, options=options)
+        client.expect({"event": "connected"})
+        return client
+
+    def connect(self, session=1, *, heartbeat=True, options=()):
+        """Starts a client and does not wait for it."""
+        words = list(options) + ([] if heartbeat else ["--no-heartbeat"])
+        client = Client(self.prefix, self.application / "ruvoctl.exe", session,
+                        self.directory / f"client-{next(self._numbers)}.log", words, self._note_log)
+        self.clients.append(client)
+        return client
+
+    def ruvoctl(self, *arguments, timeout=40):
+        """Runs ruvoctl to its end."""
+        return self.prefix.run(self.application / "ruvoctl.exe", *arguments, timeout=timeout)
+
+    def _note_log(self, path):
+        if path.startswith("Z:"):
+            self.log.add(self.directory, os.path.relpath(path[2:].replace("\\", "/"), self.directory))
+
+    def log_path(self, name="daemon.log"):
+        """A file of this bench for the "log-path" of a client-hello."""
+        return windows_path(self.directory / "logs" / name)
+
+
+def remove(directory):
+    """Removes what an earlier run left in a directory of a bench, with the programs that still run there."""
+    if (directory / "prefix").exists():
+        Prefix(directory / "prefix").down()
+    shutil.rmtree(directory, ignore_errors=True)
+
+
+def remove_abandoned():
+    """Removes the prefixes of runs whose process is gone; logs that they left stay."""
+    for owner in OUTPUT.glob("*/owner"):
+        if not processes.is_alive(int(owner.read_text(encoding="ascii"))) and (owner.parent / "prefix").exists():
+            Prefix(owner.parent / "prefix").down()

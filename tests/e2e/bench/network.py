@@ -1,0 +1,90 @@
+"""Network namespaces of a bench: `host` is the Windows machine, `net` the Internet, `guest` a machine behind host."""
+
+import itertools
+import os
+import re
+import subprocess
+
+from . import processes
+
+# End, interface and address, twice: both are made inside the namespaces, so names cannot meet others'.
+LINKS = (
+    (("host", "uplink", "192.0.2.2/24"), ("net", "host0", "192.0.2.1/24")),
+    (("guest", "uplink", "198.51.100.2/24"), ("host", "guest0", "198.51.100.1/24")),
+)
+ROUTES = (
+    ("host", "default", "192.0.2.1", "net"),
+    ("guest", "default", "198.51.100.1", "host"),
+    ("net", "198.51.100.0/24", "192.0.2.2", "guest"),
+)
+OURS = re.compile(r"^ruvod-(\d+)-")
+
+_counter = itertools.count(1)
+
+
+def ip(*words):
+    done = subprocess.run(["ip", *words], capture_output=True, text=True, timeout=20, check=False)
+    if done.returncode != 0:
+        raise RuntimeError(f"ip {' '.join(words)}: {done.stderr.strip()}")
+    return done.stdout
+
+
+def namespaces():
+    return [line.split()[0] for line in ip("netns", "list").splitlines() if line]
+
+
+def remove_namespace(name):
+    """Deletes a namespace and ends what still runs in it."""
+    inside = [int(pid) for pid in ip("netns", "pids", name).split()]
+    processes.kill(inside)
+    ip("netns", "delete", name)
+
+
+def remove_abandoned():
+    """Removes the namespaces of runs whose process is gone."""
+    for name in namespaces():
+        owner = OURS.match(name)
+        if owner and not processes.is_alive(int(owner[1])):
+            remove_namespace(name)
+
+
+class Network:
+    """The namespaces of `roles`, and the links among them."""
+
+    def __init__(self, roles=("host",)):
+        self._run = f"ruvod-{os.getpid()}-{next(_counter)}"
+        self.roles = tuple(roles)
+
+    def name(self, role):
+        return f"{self._run}-{role}"
+
+    def enter(self, role):
+        """What a command has to start with to run in that namespace."""
+        return ["ip", "netns", "exec", self.name(role)]
+
+    def up(self):
+        for role in self.roles:
+            ip("netns", "add", self.name(role))
+            ip("-n", self.name(role), "link", "set", "lo", "up")
+        for link in LINKS:
+            if all(role in self.roles for role, _, _ in link):
+                self._connect(link)
+        for role, target, gateway, needed in ROUTES:
+            if role in self.roles and needed in self.roles:
+                ip("-n", self.name(role), "route", "add", target, "via", gateway)
+        if "guest" in self.roles:
+            subprocess.run([*self.enter("host"), "sysctl", "-qw", "net.ipv4.ip_forward=1"], check=True, timeout=20)
+
+    def _connect(self, link):
+        (role, device, _), (peer_role, peer_device, _) = link
+        ip("link", "add", device, "netns", self.name(role), "type", "veth",
+           "peer", "name", peer_device, "netns", self.name(peer_role))
+        for end_role, end_device, address in link:
+            ip("-n", self.name(end_role), "address", "add", address, "dev", end_device)
+            ip("-n", self.name(end_role), "link", "set", end_device, "up")
+
+    def down(self):
+        existing = namespaces()
+        for role in self.roles:
+            if self.name(role) in existing:
+                remove_namespace(self.name(role))

@@ -1,0 +1,50 @@
+"""Fixtures of the end-to-end tests: a bench for each test, made and removed whatever happens in between."""
+
+import re
+import signal
+
+import pytest
+
+from bench import machine, network, paths
+from bench.machine import Bench
+
+
+def pytest_sessionstart(session):  # pylint: disable=unused-argument
+    """A run that was killed could not clean up: the next one does."""
+    # The fixtures' clean-up has to run also when the run is ended from outside.
+    signal.signal(signal.SIGTERM, lambda *_: pytest.exit("terminated", returncode=1))
+    network.remove_abandoned()
+    machine.remove_abandoned()
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    report = (yield).get_result()
+    if call.when == "call":
+        item.call_passed = report.passed
+
+
+@pytest.fixture
+def bench(request):
+    """A Windows machine with the product's files, a user in session 1, and the service not registered."""
+    roles = getattr(request, "param", ("host",))
+    name = re.sub(r"[^\w.-]+", "_", f"{request.module.__name__}.{request.node.name}")
+    made = Bench(paths.OUTPUT / name, roles)
+    keep_logs = True
+    try:
+        made.up()
+        yield made
+        # What was wrong with the test is told by its own failure.
+        if getattr(request.node, "call_passed", False):
+            made.finish()
+            keep_logs = False
+    finally:
+        made.down(keep_logs)
+
+
+@pytest.fixture
+def running(bench):
+    """The same, with the service registered and running."""
+    bench.register()
+    bench.start()
+    return bench
