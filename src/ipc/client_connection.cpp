@@ -37,8 +37,27 @@ void ClientConnection::setSocket(QLocalSocket *socket, quint32 sessionId)
 
 void ClientConnection::onDataReady()
 {
-    m_readBuffer.append(m_socket->readAll());
-    while (const std::optional<QByteArray> payload = m_readBuffer.next()) {
+    // The handler of a message may run an event loop of its own. The client's next message waits for it, so that
+    // answers keep their order.
+    if (m_delivering)
+        return;
+    m_delivering = true;
+    do {
+        m_readBuffer.append(m_socket->readAll());
+        deliverMessages();
+        // The socket signals nothing of what came meanwhile: without another look it would wait for the next byte.
+    } while (!m_retired && m_socket->bytesAvailable() > 0);
+    m_delivering = false;
+    if (m_retired)
+        deleteLater();
+}
+
+void ClientConnection::deliverMessages()
+{
+    while (!m_retired) {
+        const std::optional<QByteArray> payload = m_readBuffer.next();
+        if (!payload)
+            return;
         QJsonParseError error;
         const QJsonDocument document = QJsonDocument::fromJson(*payload, &error);
         // The length was honoured, so the stream is still in step: whatever is no message is skipped.
@@ -69,6 +88,13 @@ void ClientConnection::disconnectQuietly()
     disconnect();
     if (m_socket->state() != QLocalSocket::UnconnectedState)
         m_socket->disconnectFromServer();
+}
+
+void ClientConnection::retire()
+{
+    m_retired = true;
+    if (!m_delivering)
+        deleteLater();
 }
 
 void ClientConnection::onSocketDisconnected()

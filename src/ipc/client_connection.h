@@ -38,6 +38,10 @@ public:
     /// Ends the connection from this side. No signal is emitted by this object from here on.
     void disconnectQuietly();
 
+    /// Delivers nothing more and deletes this object from the event loop, but not before the handler of a message
+    /// has returned that runs a loop of its own: both this object and the socket are still on the stack then.
+    void retire();
+
 signals:
     void messageReceived(const QString &clientId, const QJsonObject &message);
     /// May be emitted more than once (an error is followed by a disconnect).
@@ -49,11 +53,15 @@ private slots:
     void onSocketError(QLocalSocket::LocalSocketError error);
 
 private:
+    void deliverMessages();
+
     const QString m_clientId;
     quint32 m_sessionId = 0;
     QLocalSocket *m_socket = nullptr;
     FrameDecoder m_readBuffer;
     bool m_unsentLimitReached = false;
+    bool m_delivering = false;
+    bool m_retired = false;
 };
 
 } // namespace ruvo

@@ -7,8 +7,11 @@ namespace ruvo {
 namespace {
 
 constexpr qsizetype lengthFieldSize = 4;
-/// A buffer that a large message left behind is given back; a small one is kept for the next message.
+/// A buffer of this size is kept for the next message; a larger one is given back once it is mostly empty.
 constexpr qsizetype keptCapacity = 64 * 1024;
+/// "Mostly empty". Each copy to a smaller buffer moves at most this share of the bytes that were taken before it,
+/// so a buffer full of small frames still costs time in proportion to its size.
+constexpr qsizetype mostlyEmpty = 4;
 
 } // namespace
 
@@ -38,12 +41,9 @@ std::optional<QByteArray> FrameDecoder::next()
         return std::nullopt;
 
     QByteArray payload = m_buffer.mid(lengthFieldSize, payloadSize);
-    if (m_buffer.size() > frameSize)
-        m_buffer.remove(0, frameSize); // moves the start, not the bytes
-    else if (m_buffer.capacity() > keptCapacity)
-        m_buffer = QByteArray();
-    else
-        m_buffer.resize(0);
+    m_buffer.remove(0, frameSize); // moves the start, not the bytes
+    if (m_buffer.capacity() > keptCapacity && m_buffer.size() < m_buffer.capacity() / mostlyEmpty)
+        m_buffer = QByteArray(m_buffer.constData(), m_buffer.size());
     return payload;
 }
 

@@ -24,6 +24,9 @@ public:
     /// The next whole payload, or nothing until more bytes come.
     std::optional<QByteArray> next();
 
+    /// The memory that is held, in bytes: what a large message took is given back after it.
+    qsizetype capacity() const { return m_buffer.capacity(); }
+
 private:
     QByteArray m_buffer;
 };

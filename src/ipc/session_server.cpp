@@ -8,6 +8,7 @@ SessionServer::SessionServer(quint32 sessionId, const QString &pipeName, QObject
     : QObject(parent)
     , m_sessionId(sessionId)
     , m_pipeName(pipeName)
+    , m_server(this)
 {
     m_server.setSocketOptions(QLocalServer::WorldAccessOption);
     connect(&m_server, &QLocalServer::newConnection, this, &SessionServer::newConnection);
@@ -24,10 +25,10 @@ SessionServer::~SessionServer()
 
 // On Windows, QLocalServer keeps a number of pipe instances waiting. A client that connects and drops at once
 // makes it close itself, or lose one instance after the other until none is left while isListening() stays
-// true; the error text, which a healthy server does not have, is the only trace of the second.
+// true; an error text that was not there when it was opened is the only trace of the second.
 bool SessionServer::isComplete() const
 {
-    return m_server.isListening() && m_server.errorString().isEmpty();
+    return m_server.isListening() && m_server.errorString() == m_errorWhenOpened;
 }
 
 bool SessionServer::start()
@@ -39,6 +40,7 @@ bool SessionServer::start()
         qCWarning(lcRuvod) << "Failed to start named pipe for session" << m_sessionId << ":" << m_server.errorString();
         return false;
     }
+    m_errorWhenOpened = m_server.errorString();
     qCInfo(lcRuvod) << "Named pipe server started for session" << m_sessionId << ":" << m_pipeName;
     return true;
 }

@@ -33,6 +33,8 @@ private:
     const quint32 m_sessionId;
     const QString m_pipeName;
     QLocalServer m_server;
+    /// Qt keeps the text of an error that closed the server, even when it is opened again.
+    QString m_errorWhenOpened;
 };
 
 } // namespace ruvo
