@@ -5,7 +5,6 @@
 
 #include <QJsonObject>
 #include <QObject>
-#include <QPointer>
 #include <QProcess>
 #include <QThread>
 #include <QTimer>
@@ -81,9 +80,9 @@ private:
     QString processId() const { return m_info.processId; }
 
     ProcessInfo m_info;
-    QProcess m_process;
-    QTimer m_killTimer;
-    QTimer m_restartTimer;
+    QProcess m_process{this};
+    QTimer m_killTimer{this};
+    QTimer m_restartTimer{this};
     QJsonObject m_spec;
 
     /// The current run; null between runs.

@@ -59,7 +59,7 @@ private:
 
     QHash<QString, ManagedProcess *> m_processes;
     OutputCollector m_outputBuffers;
-    QTimer m_flushTimer;
+    QTimer m_flushTimer{this};
     TunCompanion *m_tunCompanion;
 };
 

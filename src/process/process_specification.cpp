@@ -1,5 +1,7 @@
 #include "process/process_specification.h"
 
+#include "common/log_category.h"
+
 #include <QJsonArray>
 
 namespace ruvo {
@@ -28,6 +30,7 @@ void parseProcessSpec(const QJsonObject &spec, ProcessInfo &info)
     info.maxRestartAttempts = spec["max-restart-attempts"].toInt(3);
     info.restartDelayMs = spec["restart-delay-ms"].toInt(1000);
     info.sessionId = static_cast<quint32>(spec["session-id"].toInt(0));
+    qCDebug(lcRuvod) << "[ProcessManager] Will create process in session" << info.sessionId;
 }
 
 std::optional<TunDnsOverride> tunDnsOverride(const QJsonObject &spec)

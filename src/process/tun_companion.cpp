@@ -10,6 +10,8 @@
 #include <QProcess>
 #include <QThread>
 
+#include <optional>
+
 namespace ruvo {
 
 namespace {
@@ -19,8 +21,9 @@ constexpr unsigned long pollInterval = 200; // ms
 constexpr int pnputilTimeout = 5000;       // ms
 constexpr int pnputilKillTimeout = 1000;   // ms
 
-/// What went wrong with the removal, or nothing. A tool that cannot be started or does not end is a failure too.
-QString runPnputil(const QString &bracedGuid)
+/// What went wrong with the removal (an empty text if the tool does not say), or nothing. A tool that cannot be
+/// started or does not end is a failure too.
+std::optional<QString> runPnputil(const QString &bracedGuid)
 {
     QProcess pnputil;
     pnputil.setProgram(qEnvironmentVariable("WINDIR", "C:\\Windows") + "\\System32\\pnputil.exe");
@@ -33,10 +36,8 @@ QString runPnputil(const QString &bracedGuid)
         return error;
     }
     if (pnputil.exitStatus() == QProcess::NormalExit && pnputil.exitCode() == 0)
-        return QString();
-    const QString text = QString::fromLocal8Bit(pnputil.readAllStandardError()).trimmed();
-    // Not empty, as that would read as success.
-    return text.isEmpty() ? QStringLiteral("exit code %1").arg(pnputil.exitCode()) : text;
+        return std::nullopt;
+    return QString::fromLocal8Bit(pnputil.readAllStandardError()).trimmed();
 }
 
 void writeNameServer(const QString &guid, const QString &address, const QString &interfaceName)
@@ -103,8 +104,8 @@ void TunCompanion::cleanupTunInterface(const QString &adapterName)
     if (!guid.startsWith(u'{'))
         guid = u'{' + guid + u'}';
     qCInfo(lcRuvod) << "[ProcessManager] Cleaning up TUN interface with GUID:" << guid;
-    if (const QString error = runPnputil(guid); !error.isEmpty())
-        qCWarning(lcRuvod) << "[ProcessManager] Failed to remove TUN interface:" << error;
+    if (const std::optional<QString> error = runPnputil(guid))
+        qCWarning(lcRuvod) << "[ProcessManager] Failed to remove TUN interface:" << *error;
     else
         qCInfo(lcRuvod) << "[ProcessManager] TUN interface removed successfully";
 }

@@ -1,0 +1,93 @@
+#include "process/process_objects.h"
+
+#include <gtest/gtest.h>
+
+#include <QByteArray>
+#include <QDateTime>
+
+#include <ctime>
+
+namespace ruvo {
+namespace {
+
+/// Far from UTC, where tests run usually: else local time could not be told from it. Wine takes no notice.
+class FarAwayTimeZone
+{
+public:
+    FarAwayTimeZone() { set("XYZ-05:30"); }
+    ~FarAwayTimeZone()
+    {
+        if (m_wasSet)
+            set(m_before);
+        else
+            qunsetenv("TZ");
+        tzset();
+    }
+    FarAwayTimeZone(const FarAwayTimeZone &) = delete;
+    FarAwayTimeZone &operator=(const FarAwayTimeZone &) = delete;
+
+private:
+    static void set(const QByteArray &zone)
+    {
+        qputenv("TZ", zone);
+        tzset();
+    }
+
+    const bool m_wasSet = qEnvironmentVariableIsSet("TZ");
+    const QByteArray m_before = qgetenv("TZ");
+};
+
+class ProcessObjects : public ::testing::Test
+{
+protected:
+    /// Takes the timestamp out of `object` after a look at it; what is left can be compared whole.
+    QJsonObject withoutTimestamp(QJsonObject object) const
+    {
+        const QString text = object.take("timestamp").toString();
+        const QDateTime written = QDateTime::fromString(text, "yyyy-MM-ddTHH:mm:ss");
+        EXPECT_TRUE(written.isValid()) << text.toStdString();
+        const QDateTime asUtc(written.date(), written.time(), Qt::UTC);
+        EXPECT_GE(asUtc.toSecsSinceEpoch(), m_begin + m_offset) << text.toStdString();
+        EXPECT_LE(asUtc.toSecsSinceEpoch(), QDateTime::currentSecsSinceEpoch() + m_offset) << text.toStdString();
+        return object;
+    }
+
+private:
+    const FarAwayTimeZone m_zone;
+    const int m_offset = QDateTime::currentDateTime().offsetFromUtc();
+    const qint64 m_begin = QDateTime::currentSecsSinceEpoch();
+};
+
+TEST_F(ProcessObjects, statusHasItsMessage)
+{
+    EXPECT_EQ(withoutTimestamp(createStatusResponse("started", "Process started successfully")),
+              (QJsonObject{{"status", "started"}, {"message", "Process started successfully"}}));
+}
+
+TEST_F(ProcessObjects, statusWithoutMessageHasNoKeyForIt)
+{
+    EXPECT_EQ(withoutTimestamp(createStatusResponse("success")), (QJsonObject{{"status", "success"}}));
+    EXPECT_EQ(withoutTimestamp(createStatusResponse("success", "")), (QJsonObject{{"status", "success"}}));
+}
+
+TEST_F(ProcessObjects, errorHasStatusAndText)
+{
+    EXPECT_EQ(withoutTimestamp(createErrorResponse("Process not found: x")),
+              (QJsonObject{{"status", "error"}, {"error", "Process not found: x"}}));
+}
+
+TEST_F(ProcessObjects, eventHasItsData)
+{
+    EXPECT_EQ(withoutTimestamp(createEventObject("core", "finished", "-1")),
+              (QJsonObject{{"process-id", "core"}, {"event", "finished"}, {"data", "-1"}}));
+}
+
+TEST_F(ProcessObjects, eventWithoutDataHasNoKeyForIt)
+{
+    const QJsonObject started{{"process-id", "core"}, {"event", "started"}};
+    EXPECT_EQ(withoutTimestamp(createEventObject("core", "started")), started);
+    EXPECT_EQ(withoutTimestamp(createEventObject("core", "started", "")), started);
+}
+
+} // namespace
+} // namespace ruvo
