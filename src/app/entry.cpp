@@ -5,6 +5,7 @@
 #include "app/winsock.h"
 #include "common/log_category.h"
 #include "common/quit.h"
+#include "daemon/daemon_log.h"
 
 #include <cstdio>
 #include <exception>
@@ -71,6 +72,8 @@ int runEntry(int argc, wchar_t **argv)
 {
     const Winsock winsock;
     if (winsock.error() != 0) {
+        // The daemon, which installs it otherwise, is not reached; without it nobody would see this line.
+        installDaemonLog();
         qCCritical(lcRuvod) << "WSAStartup failed:" << winsock.error();
         return 1;
     }

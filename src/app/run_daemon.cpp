@@ -9,6 +9,7 @@
 
 #include <QCoreApplication>
 #include <QLoggingCategory>
+#include <QScopeGuard>
 
 namespace ruvo {
 
@@ -71,14 +72,13 @@ void runDaemon(int argc, wchar_t **argv)
     WindowsService &service = WindowsService::instance();
     RuvoDaemon daemon;
     s_daemon = &daemon;
+    const auto forgetDaemon = qScopeGuard([] { s_daemon = nullptr; });
     const ControlCallbackGuard guard(service);
     service.setCustomControlCallback([&daemon](DWORD control) { onCustomControl(control, &daemon); });
-    if (daemon.start()) {
+    if (daemon.start())
         serveUntilQuit(service);
-    } else {
+    else
         qCCritical(lcRuvod) << "Failed to start daemon";
-        s_daemon = nullptr;
-    }
 }
 
 } // namespace ruvo

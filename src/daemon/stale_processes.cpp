@@ -29,13 +29,13 @@ bool kill(const QString &name, DWORD processId, quint32 sessionId)
                        << "- killing";
     const KernelHandle process(OpenProcess(PROCESS_TERMINATE, FALSE, processId));
     if (!process) {
-        qCWarning(lcRuvod) << "Failed to open stale process" << name << "PID:" << processId << "error:"
-                           << GetLastError();
+        const DWORD error = GetLastError();
+        qCWarning(lcRuvod) << "Failed to open stale process" << name << "PID:" << processId << "error:" << error;
         return false;
     }
     if (!TerminateProcess(process.get(), 1)) {
-        qCWarning(lcRuvod) << "Failed to terminate stale process" << name << "PID:" << processId << "error:"
-                           << GetLastError();
+        const DWORD error = GetLastError();
+        qCWarning(lcRuvod) << "Failed to terminate stale process" << name << "PID:" << processId << "error:" << error;
         return false;
     }
     qCInfo(lcRuvod) << "Successfully killed stale process" << name << "PID:" << processId;
@@ -49,13 +49,15 @@ void killStaleProcesses(quint32 sessionId)
     qCInfo(lcRuvod) << "Checking for stale processes in session" << sessionId;
     const FileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
     if (!snapshot) {
-        qCWarning(lcRuvod) << "Failed to create process snapshot:" << GetLastError();
+        const DWORD error = GetLastError();
+        qCWarning(lcRuvod) << "Failed to create process snapshot:" << error;
         return;
     }
     PROCESSENTRY32W entry{};
     entry.dwSize = sizeof(entry);
     if (!Process32FirstW(snapshot.get(), &entry)) {
-        qCWarning(lcRuvod) << "Failed to get first process:" << GetLastError();
+        const DWORD error = GetLastError();
+        qCWarning(lcRuvod) << "Failed to get first process:" << error;
         return;
     }
 

@@ -26,7 +26,8 @@ QList<quint32> activeSessions()
     PWTS_SESSION_INFOW sessions = nullptr;
     DWORD count = 0;
     if (!WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 1, &sessions, &count)) {
-        qCWarning(lcRuvod) << "WTSEnumerateSessionsW failed:" << GetLastError();
+        const DWORD error = GetLastError(); // before the log's own calls
+        qCWarning(lcRuvod) << "WTSEnumerateSessionsW failed:" << error;
         return {};
     }
     const WtsMemory<WTS_SESSION_INFOW> owned(sessions);
