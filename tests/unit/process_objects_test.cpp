@@ -2,40 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <QByteArray>
 #include <QDateTime>
-
-#include <ctime>
 
 namespace ruvo {
 namespace {
-
-/// Far from UTC, where tests run usually: else local time could not be told from it. Wine takes no notice.
-class FarAwayTimeZone
-{
-public:
-    FarAwayTimeZone() { set("XYZ-05:30"); }
-    ~FarAwayTimeZone()
-    {
-        if (m_wasSet)
-            set(m_before);
-        else
-            qunsetenv("TZ");
-        tzset();
-    }
-    FarAwayTimeZone(const FarAwayTimeZone &) = delete;
-    FarAwayTimeZone &operator=(const FarAwayTimeZone &) = delete;
-
-private:
-    static void set(const QByteArray &zone)
-    {
-        qputenv("TZ", zone);
-        tzset();
-    }
-
-    const bool m_wasSet = qEnvironmentVariableIsSet("TZ");
-    const QByteArray m_before = qgetenv("TZ");
-};
 
 class ProcessObjects : public ::testing::Test
 {
@@ -53,7 +23,7 @@ protected:
     }
 
 private:
-    const FarAwayTimeZone m_zone;
+    // CTest runs this in a zone far from UTC, where local time can be told from it.
     const int m_offset = QDateTime::currentDateTime().offsetFromUtc();
     const qint64 m_begin = QDateTime::currentSecsSinceEpoch();
 };
