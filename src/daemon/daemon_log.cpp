@@ -20,6 +20,7 @@ namespace {
 /// Null: the default path. A shared pointer, as other threads log while a client changes it.
 std::atomic<std::shared_ptr<const QString>> s_logFilePath;
 std::atomic<qint32> s_messageCount = 0;
+std::atomic<bool> s_rotating = false;
 
 const char *levelWord(QtMsgType type)
 {
@@ -38,8 +39,7 @@ QString oldGeneration(const QString &path)
     return path + QStringLiteral(".old");
 }
 
-// Of two threads that rotate at once, one finds no file or a small one. The standard library's rename: Qt's
-// would copy, and lose what is written meanwhile, where a rename fails.
+// The standard library's rename: Qt's would copy, and lose what is written meanwhile, where a rename fails.
 void rotateIfLarge(const QString &path)
 {
     const QFileInfo file(path);
@@ -60,8 +60,14 @@ void handleMessage(QtMsgType type, const QMessageLogContext &, const QString &me
     const QString path = logFilePath();
     if (!path.isEmpty())
         appendTextToFile(path, line);
-    if (++s_messageCount % logRotationCheckInterval == 0 && !path.isEmpty())
+    if (++s_messageCount % logRotationCheckInterval != 0 || path.isEmpty())
+        return;
+    // Never waits: a thread that is held up between its look at the size and its rename would otherwise throw away
+    // the old generation that another one made meanwhile.
+    if (!s_rotating.exchange(true)) {
         rotateIfLarge(path);
+        s_rotating = false;
+    }
 }
 
 } // namespace
@@ -109,7 +115,11 @@ void useLogFile(const QString &path)
 
 bool clearLogs()
 {
-    const QString path = logFilePath();
+    return clearLogFiles(logFilePath());
+}
+
+bool clearLogFiles(const QString &path)
+{
     if (path.isEmpty()) {
         qCWarning(lcRuvod) << "Log path is empty, cannot clear";
         return false;

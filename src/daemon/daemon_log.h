@@ -37,4 +37,7 @@ void useLogFile(const QString &path);
 /// Removes the log file and its old generation. False if one is there and stays. A missing one is fine.
 bool clearLogs();
 
+/// The same for the log at `path`; false for an empty one.
+bool clearLogFiles(const QString &path);
+
 } // namespace ruvo

@@ -53,6 +53,10 @@ const RequestDispatcher::Action RequestDispatcher::actions[] = {
     {"list", &RequestDispatcher::list},
     {"stdin", &RequestDispatcher::writeStdin},
     {"clear-logs", &RequestDispatcher::clearLogs},
+    {"start-tun", &RequestDispatcher::startTun},
+    {"stop-tun", &RequestDispatcher::stopTun},
+    {"tun-status", &RequestDispatcher::tunStatus},
+    {"flush-dns-cache", &RequestDispatcher::flushDnsCache},
 };
 
 RequestDispatcher::RequestDispatcher(RequestServices services, ProcessOwnership &ownership, QObject *parent)
@@ -137,7 +141,7 @@ RequestDispatcher::Response RequestDispatcher::start(const Request &request)
     const QString id = processId(request.message);
     m_ownership.setOwner(id, request.clientId);
     qCDebug(lcRuvod) << "Process" << id << "will be owned by client" << request.clientId;
-    QJsonObject result = m_services.startProcess(request.message);
+    const QJsonObject result = m_services.startProcess(request.message);
     if (result["status"].toString() != QLatin1StringView("started")) {
         m_ownership.remove(id);
         qCDebug(lcRuvod) << "Process" << id << "failed to start, removed ownership";
@@ -180,6 +184,30 @@ RequestDispatcher::Response RequestDispatcher::writeStdin(const Request &request
 RequestDispatcher::Response RequestDispatcher::clearLogs(const Request &)
 {
     return m_services.clearLogs() ? success() : failure("Failed to clear daemon logs");
+}
+
+RequestDispatcher::Response RequestDispatcher::startTun(const Request &request)
+{
+    if (m_services.isStopping())
+        return failure("Daemon is stopping");
+    return m_services.startTun(request.message);
+}
+
+RequestDispatcher::Response RequestDispatcher::stopTun(const Request &request)
+{
+    qCWarning(lcRuvod) << "Explicit stop-tun request from client" << request.clientId;
+    return m_services.stopTun();
+}
+
+RequestDispatcher::Response RequestDispatcher::tunStatus(const Request &)
+{
+    return m_services.tunStatus();
+}
+
+RequestDispatcher::Response RequestDispatcher::flushDnsCache(const Request &)
+{
+    m_services.flushDnsCache();
+    return success();
 }
 
 } // namespace ruvo
