@@ -96,6 +96,23 @@ struct ServiceHandleTraits
 /// The service control manager, or a service.
 using ServiceHandle = UniqueHandle<ServiceHandleTraits>;
 
+struct SocketTraits
+{
+    using Type = SOCKET;
+    static Type none() { return INVALID_SOCKET; }
+    static void close(Type socket) { closesocket(socket); }
+};
+using Socket = UniqueHandle<SocketTraits>;
+
+struct LibraryTraits
+{
+    using Type = HMODULE;
+    static Type none() { return nullptr; }
+    static void close(Type library) { FreeLibrary(library); }
+};
+/// A library loaded at run time.
+using Library = UniqueHandle<LibraryTraits>;
+
 struct RegistryKeyTraits
 {
     using Type = HKEY;

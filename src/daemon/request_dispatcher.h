@@ -32,6 +32,11 @@ struct RequestServices
     std::function<QJsonObject()> listProcesses;
     /// False if the process is unknown.
     std::function<bool(const QString &processId, const QByteArray &data)> writeToProcess;
+
+    std::function<QJsonObject(const QJsonObject &config)> startTun;
+    std::function<QJsonObject()> stopTun;
+    std::function<QJsonObject()> tunStatus;
+    std::function<void()> flushDnsCache;
 };
 
 /// Runs the action that a client's message names, and answers it.
@@ -76,6 +81,10 @@ private:
     Response list(const Request &request);
     Response writeStdin(const Request &request);
     Response clearLogs(const Request &request);
+    Response startTun(const Request &request);
+    Response stopTun(const Request &request);
+    Response tunStatus(const Request &request);
+    Response flushDnsCache(const Request &request);
 
     void restartForNewerClient(const Request &request);
 

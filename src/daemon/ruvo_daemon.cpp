@@ -10,6 +10,7 @@
 #include "ipc/communication_server.h"
 #include "ipc/session_listing.h"
 #include "process/process_manager.h"
+#include "tun/ruvo_tun_manager.h"
 
 #include <QCoreApplication>
 #include <QTimer>
@@ -28,6 +29,7 @@ RuvoDaemon::RuvoDaemon()
     : m_processManager(new ProcessManager(this))
     , m_communicationServer(new CommunicationServer(activeSessions, this))
     , m_privilegeManager(new PrivilegeManager(this))
+    , m_tunManager(new RuvoTunManager(this))
     , m_dispatcher(new RequestDispatcher(requestServices(), m_ownership, this))
 {
     connect(m_communicationServer, &CommunicationServer::messageReceived, this, &RuvoDaemon::handleClientMessage);
@@ -38,6 +40,7 @@ RuvoDaemon::RuvoDaemon()
     // In this order: the owner gets the "finished" event before it stops being the owner.
     connect(m_processManager, &ProcessManager::processEvent, this, &RuvoDaemon::broadcastProcessEvent);
     connect(m_processManager, &ProcessManager::processEvent, this, &RuvoDaemon::removeFinishedProcess);
+    connect(m_tunManager, &RuvoTunManager::proxyHealthCheckFailed, this, &RuvoDaemon::broadcastServerDead);
 }
 
 RequestServices RuvoDaemon::requestServices()
@@ -60,6 +63,10 @@ RequestServices RuvoDaemon::requestServices()
     services.writeToProcess = [this](const QString &id, const QByteArray &data) {
         return m_processManager->writeToProcess(id, data);
     };
+    services.startTun = [this](const QJsonObject &config) { return m_tunManager->start(config); };
+    services.stopTun = [this] { return m_tunManager->stop(); };
+    services.tunStatus = [this] { return m_tunManager->status(); };
+    services.flushDnsCache = [this] { m_tunManager->flushDnsCache(); };
     return services;
 }
 
@@ -82,6 +89,10 @@ void RuvoDaemon::stop()
     m_stopping = true;
     m_communicationServer->refuseNewClients();
     qCInfo(lcRuvod) << "Stopping ruvod daemon...";
+    if (m_tunManager->isStarted()) {
+        qCInfo(lcRuvod) << "Stopping TUN...";
+        m_tunManager->stop();
+    }
     m_processManager->stopAll(processGracePeriod);
     m_communicationServer->stop();
     // No loop runs any more that would delete the pipes and connections before "stopped" is reported.
@@ -107,14 +118,27 @@ void RuvoDaemon::onClientDisconnected(const QString &clientId, quint32 sessionId
 {
     qCInfo(lcRuvod) << "Client disconnected:" << clientId << "session:" << sessionId;
     qCInfo(lcRuvod) << "Remaining connected clients:" << m_communicationServer->clientCount();
+    stopTunIfUnused();
     stopProcessesOf(clientId, "(owned by disconnected client");
     sweepStaleProcesses(clientId, sessionId);
 }
 
 void RuvoDaemon::onClientTimedOut(const QString &clientId, quint32 sessionId)
 {
+    stopTunIfUnused();
     stopProcessesOf(clientId, "(owned by timed-out client");
     sweepStaleProcesses(clientId, sessionId);
+}
+
+// The tunnel is everybody's: the last client to leave takes it down.
+void RuvoDaemon::stopTunIfUnused()
+{
+    if (!m_tunManager->isStarted())
+        return;
+    if (m_communicationServer->clientCount() > 0)
+        qCInfo(lcRuvod) << "TUN still running - other clients are connected";
+    else
+        m_tunManager->stop();
 }
 
 void RuvoDaemon::stopProcessesOf(const QString &clientId, const char *reason)
@@ -172,6 +196,11 @@ void RuvoDaemon::onProcessFinished(const QString &processId, int exitCode, QProc
     qCDebug(lcRuvod) << "Process" << processId << "finished (exit code" << exitCode
                      << "), removing ownership tracking (was owned by client" << *owner << ")";
     m_ownership.remove(processId);
+}
+
+void RuvoDaemon::broadcastServerDead()
+{
+    m_communicationServer->broadcast({{"event", "server-dead"}});
 }
 
 void RuvoDaemon::broadcastClientShutdown()

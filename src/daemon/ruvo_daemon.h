@@ -13,6 +13,7 @@ class CommunicationServer;
 class PrivilegeManager;
 class ProcessManager;
 class RequestDispatcher;
+class RuvoTunManager;
 struct RequestServices;
 
 /// The root of the daemon: owns its parts, greets clients and cleans up after them.
@@ -39,12 +40,15 @@ public slots:
     void broadcastProcessEvent(const QJsonObject &event);
     /// The process has ended: it belongs to nobody any more.
     void onProcessFinished(const QString &processId, int exitCode, QProcess::ExitStatus exitStatus);
+    /// The proxy does not answer any more: tells every client.
+    void broadcastServerDead();
     /// Tells every client to close itself, before the installer replaces files.
     void broadcastClientShutdown();
 
 private:
     RequestServices requestServices();
     void removeFinishedProcess(const QJsonObject &event);
+    void stopTunIfUnused();
     void stopProcessesOf(const QString &clientId, const char *reason);
     void sweepStaleProcesses(const QString &clientId, quint32 sessionId);
     void sweepPendingSessions();
@@ -52,6 +56,7 @@ private:
     ProcessManager *m_processManager;
     CommunicationServer *m_communicationServer;
     PrivilegeManager *m_privilegeManager;
+    RuvoTunManager *m_tunManager;
     ProcessOwnership m_ownership;
     RequestDispatcher *m_dispatcher;
     /// Set first in stop(): clients are still served while it waits, but nothing new starts.

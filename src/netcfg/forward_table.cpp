@@ -1,0 +1,23 @@
+#include "netcfg/forward_table.h"
+
+namespace ruvo {
+
+ForwardTable::ForwardTable()
+{
+    ULONG size = 0;
+    if (GetIpForwardTable(nullptr, &size, FALSE) != ERROR_INSUFFICIENT_BUFFER)
+        return;
+    m_buffer.resize(size);
+    if (GetIpForwardTable(reinterpret_cast<MIB_IPFORWARDTABLE *>(m_buffer.data()), &size, FALSE) != NO_ERROR)
+        m_buffer.clear();
+}
+
+std::span<const MIB_IPFORWARDROW> ForwardTable::rows() const
+{
+    if (m_buffer.empty())
+        return {};
+    const auto *table = reinterpret_cast<const MIB_IPFORWARDTABLE *>(m_buffer.data());
+    return {table->table, table->dwNumEntries};
+}
+
+} // namespace ruvo

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "common/winsock_headers.h"
+
+#include <memory>
+
+namespace ruvo {
+
+/// One outstanding overlapped call. It owns itself while it is in flight: from CompletionPort::begin until its
+/// completion is dequeued it holds a reference to the record that it belongs to (and is a member of), so nothing is
+/// freed under the kernel's hands, and a completion finds its way without a look into any table.
+///
+/// At most one call at a time for each operation.
+class IoOperation : public OVERLAPPED
+{
+public:
+    IoOperation() : OVERLAPPED{} {}
+    virtual ~IoOperation() = default;
+    IoOperation(const IoOperation &) = delete;
+    IoOperation &operator=(const IoOperation &) = delete;
+
+protected:
+    /// On a worker thread. `record` is the reference that was held; `error` is NO_ERROR on success.
+    virtual void completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept = 0;
+
+private:
+    friend class CompletionPort;
+    std::shared_ptr<void> m_record;
+};
+
+} // namespace ruvo

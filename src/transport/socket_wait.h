@@ -1,0 +1,33 @@
+#pragma once
+
+#include "common/windows_handles.h"
+
+#include <chrono>
+
+namespace ruvo {
+
+/// Lets a thread wait on its own non-blocking socket, for a limited time and until a stop event: so nobody ever has to
+/// close another thread's socket to wake it. One thread.
+class SocketWait
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// `stopEvent` may be null (no stop); it is not owned.
+    explicit SocketWait(HANDLE stopEvent);
+
+    /// Makes `socket` non-blocking and signals its `events` (FD_CONNECT, FD_READ …) here. False if Winsock refuses.
+    bool attach(SOCKET socket, long events);
+    /// The socket is signalled nowhere any more; it stays non-blocking.
+    void detach(SOCKET socket);
+
+    /// Waits for one of the attached events. NO_ERROR when one came (or with the error that it carries),
+    /// WSAETIMEDOUT at the deadline, WSAEINTR on the stop.
+    int wait(SOCKET socket, Clock::time_point deadline);
+
+private:
+    const HANDLE m_stopEvent;
+    KernelHandle m_event;
+};
+
+} // namespace ruvo

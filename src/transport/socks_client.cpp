@@ -1,0 +1,213 @@
+#include "transport/socks_client.h"
+
+#include "common/log_category.h"
+#include "transport/socket_options.h"
+
+#include <QString>
+
+#include <array>
+
+namespace ruvo {
+
+namespace {
+
+constexpr long connectedEvents = FD_READ | FD_WRITE | FD_CLOSE;
+
+SocketWait::Clock::time_point stepDeadline()
+{
+    return SocketWait::Clock::now() + SocksClient::stepTimeout;
+}
+
+} // namespace
+
+SocksClient::SocksClient(const std::wstring &proxyHost, std::uint16_t proxyPort, HANDLE stopEvent)
+    : m_proxyHost(proxyHost)
+    , m_proxyPort(proxyPort)
+    , m_wait(stopEvent)
+{
+}
+
+bool SocksClient::parseProxyAddress(in_addr &address) const
+{
+    return InetPtonW(AF_INET, m_proxyHost.c_str(), &address) == 1;
+}
+
+bool SocksClient::connectToProxy()
+{
+    m_connected = false;
+    m_tcpSocket.reset(openSocket(SOCK_STREAM, IPPROTO_TCP));
+    if (!m_tcpSocket) {
+        qCWarning(lcRuvod) << "Failed to create socket:" << WSAGetLastError();
+        return false;
+    }
+    setProxyBuffers(m_tcpSocket.get());
+
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(m_proxyPort);
+    if (!parseProxyAddress(address.sin_addr)) {
+        qCWarning(lcRuvod) << "Invalid proxy address:" << QString::fromStdWString(m_proxyHost);
+        m_tcpSocket.reset();
+        return false;
+    }
+    return connectSocket(address);
+}
+
+bool SocksClient::connectSocket(const sockaddr_in &address)
+{
+    const SOCKET socket = m_tcpSocket.get();
+    int error = NO_ERROR;
+    if (!m_wait.attach(socket, FD_CONNECT)) {
+        error = WSAGetLastError();
+    } else if (connect(socket, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+        error = WSAGetLastError();
+        if (error == WSAEWOULDBLOCK)
+            error = m_wait.wait(socket, stepDeadline());
+    }
+    if (error == NO_ERROR && !m_wait.attach(socket, connectedEvents))
+        error = WSAGetLastError();
+    if (error != NO_ERROR) {
+        qCWarning(lcRuvod) << "Failed to connect to proxy:" << error;
+        m_tcpSocket.reset();
+        return false;
+    }
+    return true;
+}
+
+bool SocksClient::authenticate()
+{
+    if (!sendAll(socks5::greeting)) {
+        qCWarning(lcRuvod) << "Failed to send SOCKS5 greeting";
+        return false;
+    }
+    std::array<std::uint8_t, socks5::methodReplySize> reply{};
+    if (!receiveExactly(reply)) {
+        qCWarning(lcRuvod) << "Failed to receive SOCKS5 response";
+        return false;
+    }
+    if (!socks5::isMethodAccepted(reply)) {
+        qCWarning(lcRuvod) << "SOCKS5 authentication failed";
+        return false;
+    }
+    return true;
+}
+
+bool SocksClient::connectIPv4(std::uint32_t address, std::uint16_t port)
+{
+    if (!sendAll(socks5::connectRequest(address, port))) {
+        qCWarning(lcRuvod) << "Failed to send connection request";
+        return false;
+    }
+    socks5::Bytes reply;
+    if (!receiveReply(reply)) {
+        qCWarning(lcRuvod) << "Failed to receive connection response";
+        return false;
+    }
+    if (const auto failure = socks5::replyFailure(reply)) {
+        qCWarning(lcRuvod) << "SOCKS5 connection failed with reply:" << *failure;
+        return false;
+    }
+    return true;
+}
+
+bool SocksClient::connectDomain(std::string_view name, std::uint16_t port)
+{
+    const std::optional<socks5::Bytes> request = socks5::connectRequest(name, port);
+    if (!request) {
+        qCWarning(lcRuvod) << "Invalid domain name length";
+        return false;
+    }
+    if (!sendAll(*request)) {
+        qCWarning(lcRuvod) << "Failed to send domain connection request";
+        return false;
+    }
+    socks5::Bytes reply;
+    if (!receiveReply(reply)) {
+        qCWarning(lcRuvod) << "Failed to receive domain connection response";
+        return false;
+    }
+    if (const auto failure = socks5::replyFailure(reply)) {
+        qCWarning(lcRuvod) << "SOCKS5 domain connection failed with reply:" << *failure;
+        return false;
+    }
+    return true;
+}
+
+bool SocksClient::connectTo(std::uint32_t address, std::uint16_t port)
+{
+    m_connected = connectToProxy() && authenticate() && connectIPv4(address, port);
+    return m_connected;
+}
+
+bool SocksClient::connectTo(std::string_view name, std::uint16_t port)
+{
+    m_connected = connectToProxy() && authenticate() && connectDomain(name, port);
+    return m_connected;
+}
+
+void SocksClient::setNonBlocking(bool on)
+{
+    if (!m_tcpSocket)
+        return;
+    m_wait.detach(m_tcpSocket.get()); // Winsock keeps an event-selected socket non-blocking
+    u_long mode = on ? 1 : 0;
+    ioctlsocket(m_tcpSocket.get(), static_cast<long>(FIONBIO), &mode);
+}
+
+void SocksClient::close()
+{
+    m_tcpSocket.reset();
+    m_connected = false;
+    m_udpSocket.reset();
+    m_udpReady = false;
+}
+
+Socket SocksClient::releaseTcpSocket()
+{
+    m_connected = false;
+    return std::move(m_tcpSocket);
+}
+
+bool SocksClient::sendAll(socks5::ByteView bytes)
+{
+    const auto deadline = stepDeadline();
+    while (!bytes.empty()) {
+        const int sent = send(m_tcpSocket.get(), reinterpret_cast<const char *>(bytes.data()),
+                              static_cast<int>(bytes.size()), 0);
+        if (sent > 0)
+            bytes = bytes.subspan(static_cast<std::size_t>(sent));
+        else if (WSAGetLastError() != WSAEWOULDBLOCK || m_wait.wait(m_tcpSocket.get(), deadline) != NO_ERROR)
+            return false;
+    }
+    return true;
+}
+
+bool SocksClient::receiveExactly(std::span<std::uint8_t> bytes)
+{
+    const auto deadline = stepDeadline();
+    while (!bytes.empty()) {
+        const int received = recv(m_tcpSocket.get(), reinterpret_cast<char *>(bytes.data()),
+                                  static_cast<int>(bytes.size()), 0);
+        if (received > 0)
+            bytes = bytes.subspan(static_cast<std::size_t>(received));
+        else if (received == 0 || WSAGetLastError() != WSAEWOULDBLOCK
+                 || m_wait.wait(m_tcpSocket.get(), deadline) != NO_ERROR)
+            return false;
+    }
+    return true;
+}
+
+// To the reply's own end and no further: the bytes behind it are the stream's, and a server that speaks first may
+// have sent them already.
+bool SocksClient::receiveReply(socks5::Bytes &reply)
+{
+    reply.resize(socks5::minReplySize);
+    if (!receiveExactly(reply))
+        return false;
+    if (socks5::replyFailure(reply))
+        return true; // nothing of it is read beyond the code
+    reply.resize(socks5::replySize(reply));
+    return receiveExactly(std::span(reply).subspan(socks5::minReplySize));
+}
+
+} // namespace ruvo

@@ -1,0 +1,107 @@
+// The half of SocksClient for sockets that others drive through a completion port.
+
+#include "transport/socks_client.h"
+
+#include "common/log_category.h"
+#include "transport/socket_options.h"
+
+namespace ruvo {
+
+namespace {
+
+constexpr std::uint32_t loopback = 127;
+
+bool bindTo(SOCKET socket, std::uint32_t address)
+{
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(address);
+    return bind(socket, reinterpret_cast<const sockaddr *>(&local), sizeof(local)) == 0;
+}
+
+} // namespace
+
+bool SocksClient::createOverlappedTcpSocket()
+{
+    return createBoundSocket("Failed to create socket:", "Failed to bind socket:");
+}
+
+bool SocksClient::createOverlappedControlSocket()
+{
+    if (!createBoundSocket("Failed to create TCP socket:", "Failed to bind TCP socket:")) {
+        m_udpSocket.reset();
+        return false;
+    }
+    const int on = 1;
+    setsockopt(m_tcpSocket.get(), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char *>(&on), sizeof(on));
+    return true;
+}
+
+bool SocksClient::createBoundSocket(const char *createFailure, const char *bindFailure)
+{
+    m_tcpSocket.reset(openSocket(SOCK_STREAM, IPPROTO_TCP));
+    if (!m_tcpSocket) {
+        qCWarning(lcRuvod) << createFailure << WSAGetLastError();
+        return false;
+    }
+    setProxyBuffers(m_tcpSocket.get());
+    if (!bindTo(m_tcpSocket.get(), INADDR_ANY)) {
+        qCWarning(lcRuvod) << bindFailure << WSAGetLastError();
+        m_tcpSocket.reset();
+        return false;
+    }
+    return true;
+}
+
+sockaddr_in SocksClient::proxySockaddr() const
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    if (parseProxyAddress(address.sin_addr))
+        address.sin_port = htons(m_proxyPort);
+    return address;
+}
+
+bool SocksClient::createUdpSocket(std::uint32_t relayAddress, std::uint16_t relayPort)
+{
+    m_relayAddress = {};
+    m_relayAddress.sin_family = AF_INET;
+    m_relayAddress.sin_addr.s_addr = htonl(relayAddress);
+    m_relayAddress.sin_port = htons(relayPort);
+    m_udpReady = false;
+
+    m_udpSocket.reset(openSocket(SOCK_DGRAM, IPPROTO_UDP));
+    if (!m_udpSocket) {
+        qCWarning(lcRuvod) << "Failed to create UDP socket:" << WSAGetLastError();
+        return false;
+    }
+    // Bound to loopback where that suffices: nobody from outside can send to it then.
+    const bool relayIsLocal = relayAddress >> 24 == loopback;
+    if (!bindTo(m_udpSocket.get(), relayIsLocal ? INADDR_LOOPBACK : INADDR_ANY)) {
+        qCWarning(lcRuvod) << "Failed to bind UDP socket:" << WSAGetLastError();
+        m_udpSocket.reset();
+        return false;
+    }
+    m_udpReady = true;
+    return true;
+}
+
+int SocksClient::sendUdpIPv4(std::span<const std::uint8_t> payload, std::uint32_t address, std::uint16_t port)
+{
+    return sendToRelay(socks5::udpDatagram(payload, address, port));
+}
+
+int SocksClient::sendUdpIPv6(std::span<const std::uint8_t> payload, const socks5::Ipv6Address &address,
+                             std::uint16_t port)
+{
+    return sendToRelay(socks5::udpDatagram(payload, address, port));
+}
+
+int SocksClient::sendToRelay(const socks5::Bytes &datagram)
+{
+    return sendto(m_udpSocket.get(), reinterpret_cast<const char *>(datagram.data()),
+                  static_cast<int>(datagram.size()), 0, reinterpret_cast<const sockaddr *>(&m_relayAddress),
+                  sizeof(m_relayAddress));
+}
+
+} // namespace ruvo

@@ -1,0 +1,147 @@
+#include "tun/packet_dispatcher.h"
+
+#include "common/capped_log.h"
+#include "common/ipv4.h"
+#include "common/log_category.h"
+#include "tun/packet_builder.h"
+#include "tun/packet_filter.h"
+#include "tun/packet_headers.h"
+
+#include <utility>
+
+namespace ruvo {
+
+namespace {
+
+constexpr std::uint16_t dnsPort = 53;
+/// Where queries to the tunnel's own DNS address are answered.
+constexpr std::uint32_t dnsServer = 0x08080808; // 8.8.8.8
+
+bool isTcp(const ParsedPacket &packet)
+{
+    return packet.protocol == protocolTcp;
+}
+
+bool isOpening(const ParsedPacket &packet)
+{
+    return isTcp(packet) && (packet.tcpFlags & (tcpSyn | tcpAck)) == tcpSyn;
+}
+
+TcpEndpoints endpointsOf(const ParsedPacket &packet)
+{
+    return {packet.srcIp, packet.srcPort, packet.dstIp, packet.dstPort};
+}
+
+} // namespace
+
+PacketDispatcher::PacketDispatcher(std::uint32_t tunnelIp, PacketPaths paths)
+    : m_tunnelIp(tunnelIp)
+    , m_paths(std::move(paths))
+{
+}
+
+void PacketDispatcher::dispatch(const std::uint8_t *data, std::size_t len, bool proxyReady)
+{
+    const ParsedPacket packet = parsePacket(data, len);
+    if (!packet.valid)
+        return;
+    if (!proxyReady) {
+        if (isOpening(packet))
+            refuse(packet);
+        return;
+    }
+    if (isUnroutable(packet))
+        return;
+    if (isFragment(packet)) {
+        static CappedLog s_fragments(5, 1000);
+        if (s_fragments.take())
+            qCWarning(lcRuvod) << "[RUVO-TUN] Fragment dropped, protocol:" << packet.protocol << "size:" << len;
+        return;
+    }
+    if (packet.version == 4 && isTcp(packet) && m_paths.tcpNat && dispatchToTcpNat(packet))
+        return;
+    dispatchToProtocol(packet);
+}
+
+// RFC 9293 section 3.5.2: a reset in answer to a SYN acknowledges it. There are no IPv6 packets to answer with.
+void PacketDispatcher::refuse(const ParsedPacket &packet)
+{
+    if (packet.version != 4)
+        return;
+    const PacketBytes answer = buildTcpPacket(packet.dstIp, packet.dstPort, packet.srcIp, packet.srcPort, 0,
+                                              packet.seq + 1, tcpRst | tcpAck, nullptr, 0);
+    m_paths.send(answer.data(), answer.size());
+}
+
+/// Whether the packet has been dealt with; otherwise the engine gets it.
+bool PacketDispatcher::dispatchToTcpNat(const ParsedPacket &packet)
+{
+    const TcpNatPath &nat = *m_paths.tcpNat;
+    if (packet.srcIp == m_tunnelIp && packet.srcPort == nat.listenPort) {
+        returnToClient(packet);
+        return true;
+    }
+    if (packet.dstIp == m_tunnelIp && packet.dstPort == nat.listenPort) {
+        qCWarning(lcRuvod).nospace().noquote() << "[NAT-DROP] Packet to listener intercepted! src=" << formatIpv4(packet.srcIp)
+                                     << ":" << packet.srcPort << " dst=" << formatIpv4(packet.dstIp) << ":"
+                                     << packet.dstPort << " - Windows is routing local traffic through TUN!";
+        return true;
+    }
+    if (packet.srcIp != m_tunnelIp)
+        return false;
+    const TcpEndpoints connection = endpointsOf(packet);
+    const std::uint16_t natPort = isOpening(packet) ? nat.allocateNatPort(connection) : nat.findNatPort(connection);
+    if (natPort == 0)
+        return false;
+    sendToListener(packet, natPort);
+    return true;
+}
+
+void PacketDispatcher::returnToClient(const ParsedPacket &packet)
+{
+    const std::optional<TcpEndpoints> client = m_paths.tcpNat->findByNatPort(packet.dstPort);
+    if (!client)
+        return;
+    m_paths.tcpNat->sendRewritten(packet, {client->dstIp, client->dstPort, client->srcIp, client->srcPort});
+}
+
+void PacketDispatcher::sendToListener(const ParsedPacket &packet, std::uint16_t natPort)
+{
+    const TcpNatPath &nat = *m_paths.tcpNat;
+    if (!nat.sendRewritten(packet, {m_tunnelIp + 1, natPort, m_tunnelIp, nat.listenPort}))
+        qCWarning(lcRuvod) << "[NAT-ERROR] Packet rewriting failed for NAT port" << natPort;
+}
+
+void PacketDispatcher::dispatchToProtocol(const ParsedPacket &packet)
+{
+    if (isTcp(packet)) {
+        if (m_paths.tcpEngine)
+            m_paths.tcpEngine(packet);
+    } else if (packet.protocol == protocolUdp) {
+        dispatchUdp(packet);
+    }
+}
+
+void PacketDispatcher::dispatchUdp(const ParsedPacket &packet)
+{
+    if (packet.version == 4 && m_paths.udpNat) {
+        const bool toTunnelDns = packet.dstIp == m_tunnelIp + 1 && packet.dstPort == dnsPort;
+        const UdpDatagram datagram{
+            .srcIp = packet.srcIp,
+            .srcPort = packet.srcPort,
+            .dstIp = packet.dstIp,
+            .dstPort = packet.dstPort,
+            .realDstIp = toTunnelDns ? dnsServer : packet.dstIp,
+            .realDstPort = packet.dstPort,
+            .payload = packet.payload,
+            .payloadLen = packet.payloadLen,
+        };
+        if (m_paths.udpNat(datagram))
+            return;
+        qCWarning(lcRuvod) << "[UDP-NAT] Forward failed, falling back to old handler";
+    }
+    if (m_paths.udpFlow)
+        m_paths.udpFlow(packet);
+}
+
+} // namespace ruvo

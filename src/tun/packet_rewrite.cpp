@@ -1,0 +1,37 @@
+#include "tun/packet_rewrite.h"
+
+#include "tun/packet_checksum.h"
+#include "tun/packet_headers.h"
+
+#include <QtEndian>
+
+namespace ruvo {
+
+bool rewriteTcpAddresses(std::uint8_t *packet, std::size_t len, std::uint32_t newSrcIp, std::uint16_t newSrcPort,
+                         std::uint32_t newDstIp, std::uint16_t newDstPort)
+{
+    if (len < ipv4HeaderSize + tcpHeaderSize || packet[0] >> 4 != 4 || packet[ipv4ProtocolOffset] != protocolTcp)
+        return false;
+    std::uint8_t *const tcp = packet + ipv4HeaderSize;
+    const std::size_t ipHeaderLen = (packet[0] & 0x0f) * std::size_t{4};
+    const std::size_t tcpHeaderLen = (tcp[tcpDataOffsetOffset] >> 4) * std::size_t{4};
+    const std::size_t payloadStart = ipHeaderLen + tcpHeaderLen;
+    const std::size_t payloadEnd = qFromBigEndian<quint16>(packet + ipv4TotalLengthOffset);
+    // The TCP header is read at its fixed place, which an IPv4 header of less than 20 bytes would not account for.
+    if (payloadStart > payloadEnd || payloadEnd > len || ipv4HeaderSize + tcpHeaderLen > len)
+        return false;
+
+    qToBigEndian<quint32>(newSrcIp, packet + ipv4SourceOffset);
+    qToBigEndian<quint32>(newDstIp, packet + ipv4DestinationOffset);
+    qToBigEndian<quint16>(newSrcPort, tcp + sourcePortOffset);
+    qToBigEndian<quint16>(newDstPort, tcp + destinationPortOffset);
+
+    storeChecksum(0, tcp + tcpChecksumOffset);
+    storeChecksum(tcpChecksum(packet, tcp, packet + payloadStart, payloadEnd - payloadStart, tcpHeaderLen),
+                  tcp + tcpChecksumOffset);
+    storeChecksum(0, packet + ipv4ChecksumOffset);
+    storeChecksum(ipChecksum(packet, ipHeaderLen), packet + ipv4ChecksumOffset);
+    return true;
+}
+
+} // namespace ruvo

@@ -1,0 +1,145 @@
+#include "tun/ruvo_tun_manager.h"
+
+#include "common/log_category.h"
+
+#include <QCoreApplication>
+
+namespace ruvo {
+
+namespace {
+
+constexpr std::uint8_t prefixLength = 30;
+/// Kept beside the proxy port; nothing uses it.
+constexpr std::uint16_t secondPort = 10809;
+/// On-link.
+constexpr std::uint32_t splitNextHop = 0;
+
+/// Public resolvers: what applications ask there directly stays on its way.
+constexpr std::uint32_t bypassResolvers[] = {
+    0x08080808, // 8.8.8.8
+    0x08080404, // 8.8.4.4
+    0x01010101, // 1.1.1.1
+    0x01000001, // 1.0.0.1
+};
+/// The proxy cores' own connections would otherwise be sent back to them.
+constexpr const wchar_t *alwaysDirect[] = {L"xray.exe", L"sing-box.exe", L"antifilter.exe"};
+
+QJsonObject failure(const QString &text)
+{
+    return {{"success", false}, {"error", text}};
+}
+
+} // namespace
+
+RuvoTunManager::RuvoTunManager(QObject *parent)
+    : QObject(parent)
+    , m_wintunLibraryPath(QCoreApplication::applicationDirPath() + "/tun2/wintun.dll")
+{
+}
+
+RuvoTunManager::~RuvoTunManager()
+{
+    stop();
+}
+
+QJsonObject RuvoTunManager::start(const QJsonObject &config)
+{
+    if (m_started && m_tunnel->isRunning())
+        return failure("TUN already running");
+    if (m_started) // it died under us
+        takeDown();
+
+    const auto configuration = parseTunnelConfiguration(config);
+    if (!configuration)
+        return failure(configuration.error());
+    m_tunnel = makeTunnel(*configuration);
+    const auto started = m_tunnel->start(configuration->adapterName.toStdWString(), configuration->tunnelIp,
+                                         prefixLength, m_wintunLibraryPath.toStdWString());
+    if (!started) {
+        m_tunnel.reset();
+        const QString error = QString::fromStdString(started.error());
+        qCCritical(lcRuvod) << error;
+        emit tunError(error);
+        return failure(error);
+    }
+
+    routeIntoTunnel(*configuration);
+    m_started = true;
+    m_adapterName = configuration->adapterName;
+    qCDebug(lcRuvod) << "RuvoTunManager: TUN started with adapter" << m_adapterName;
+    emit tunStarted();
+    return {{"success", true}, {"adapter-name", m_adapterName}, {"tunnel-ip", configuration->tunnelIpText}};
+}
+
+std::unique_ptr<Tunnel> RuvoTunManager::makeTunnel(const TunnelConfiguration &configuration)
+{
+    auto tunnel = std::make_unique<Tunnel>(configuration.proxyHost.toStdWString(), configuration.proxyPort);
+    // From any thread: the signal is delivered on this object's.
+    tunnel->setHealthCheckFailedCallback([this] {
+        QMetaObject::invokeMethod(this, &RuvoTunManager::proxyHealthCheckFailed, Qt::QueuedConnection);
+    });
+    if (configuration.proxyIp != 0)
+        tunnel->setProxyIp(configuration.proxyIp);
+    for (const std::uint32_t address : bypassResolvers)
+        tunnel->addBypassIp(address);
+    tunnel->setPorts(configuration.proxyPort, secondPort, configuration.directPort);
+    for (const std::uint32_t address : configuration.bypassIps)
+        tunnel->addBypassIp(address);
+    for (const QString &name : configuration.proxyProcesses)
+        tunnel->addProxyProcess(name.toStdWString());
+    for (const QString &name : configuration.directProcesses)
+        tunnel->addDirectProcess(name.toStdWString());
+    for (const wchar_t *name : alwaysDirect)
+        tunnel->addDirectProcess(name);
+    return tunnel;
+}
+
+void RuvoTunManager::routeIntoTunnel(const TunnelConfiguration &configuration)
+{
+    m_routeManager = std::make_unique<RouteManager>();
+    m_routeManager->setInterface(m_tunnel->adapterLuid());
+    std::uint32_t gateway = 0;
+    m_originalInterfaceIndex = 0;
+    if (!m_routeManager->findOriginalGateway(gateway, m_originalInterfaceIndex))
+        qCWarning(lcRuvod) << "Failed to get original default gateway";
+    qCDebug(lcRuvod) << "Original network interface index:" << m_originalInterfaceIndex;
+    // The first default route may be the tunnel's own: binding direct connections to it would send them back in.
+    const bool isPhysical = m_originalInterfaceIndex != m_tunnel->adapterIndex();
+    m_tunnel->setPhysicalInterface(isPhysical ? m_originalInterfaceIndex : 0);
+
+    m_routeManager->setBypassAddresses(m_tunnel->bypassIps());
+    if (!m_routeManager->setupFullTunnelRouting(splitNextHop, configuration.proxyIp, gateway))
+        qCWarning(lcRuvod) << "Failed to set up full tunnel routing";
+}
+
+void RuvoTunManager::takeDown()
+{
+    m_routeManager.reset(); // removes its routes
+    m_tunnel->stop();
+    m_tunnel.reset();
+    m_started = false;
+    m_adapterName.clear();
+}
+
+QJsonObject RuvoTunManager::stop()
+{
+    if (!m_started)
+        return failure("TUN not running");
+    takeDown();
+    qCDebug(lcRuvod) << "RuvoTunManager: TUN stopped";
+    emit tunStopped();
+    return {{"success", true}};
+}
+
+QJsonObject RuvoTunManager::status() const
+{
+    return {{"running", m_started}, {"adapter-name", m_adapterName}};
+}
+
+void RuvoTunManager::flushDnsCache()
+{
+    ruvo::flushDnsCache();
+    qCDebug(lcRuvod) << "RuvoTunManager: DNS cache flushed";
+}
+
+} // namespace ruvo

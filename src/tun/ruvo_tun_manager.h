@@ -1,0 +1,53 @@
+#pragma once
+
+#include "netcfg/route_manager.h"
+#include "tun/tunnel.h"
+#include "tun/tunnel_configuration.h"
+
+#include <QJsonObject>
+#include <QObject>
+#include <QString>
+
+#include <memory>
+
+namespace ruvo {
+
+/// The tunnel as the daemon drives it: configuration in, JSON answers out, and the routes that go with it.
+/// Service thread. Starting takes as long as Windows needs for the adapter; stopping 5 s at most.
+class RuvoTunManager : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit RuvoTunManager(QObject *parent = nullptr);
+    /// Stops a started tunnel.
+    ~RuvoTunManager() override;
+
+    QJsonObject start(const QJsonObject &config);
+    QJsonObject stop();
+    QJsonObject status() const;
+    void flushDnsCache();
+
+    /// Whether there is a tunnel to stop, alive or not.
+    bool isStarted() const { return m_started; }
+
+signals:
+    void tunStarted();
+    void tunStopped();
+    void tunError(const QString &message);
+    void proxyHealthCheckFailed();
+
+private:
+    std::unique_ptr<Tunnel> makeTunnel(const TunnelConfiguration &configuration);
+    void routeIntoTunnel(const TunnelConfiguration &configuration);
+    void takeDown();
+
+    const QString m_wintunLibraryPath;
+    std::unique_ptr<Tunnel> m_tunnel;
+    std::unique_ptr<RouteManager> m_routeManager;
+    bool m_started = false;
+    QString m_adapterName;
+    std::uint32_t m_originalInterfaceIndex = 0;
+};
+
+} // namespace ruvo

@@ -1,0 +1,127 @@
+#include "tun/tunnel.h"
+
+#include "common/log_category.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace ruvo {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto workerWait = 250ms;
+constexpr DWORD flowControlInterval = 10; // ms
+constexpr auto drainTimeout = 2000ms;
+
+unsigned workerCount()
+{
+    return std::max(1U, std::thread::hardware_concurrency());
+}
+
+} // namespace
+
+Tunnel::Tunnel(const std::wstring &proxyHost, std::uint16_t proxyPort)
+    : m_proxyHost(proxyHost)
+    , m_proxyPort(proxyPort)
+    , m_stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
+{
+}
+
+Tunnel::~Tunnel()
+{
+    stop();
+}
+
+void Tunnel::setPorts(std::uint16_t proxyPort, std::uint16_t secondPort, std::uint16_t directPort)
+{
+    m_proxyPort = proxyPort;
+    m_secondPort = secondPort;
+    m_directPort = directPort;
+    m_upstreamChoice.setPorts(proxyPort, directPort);
+}
+
+void Tunnel::setHealthCheckFailedCallback(std::function<void()> callback)
+{
+    m_healthCheckFailed = std::move(callback);
+}
+
+bool Tunnel::isRunning() const
+{
+    return m_running && m_adapter && m_adapter->isReading();
+}
+
+void Tunnel::stop()
+{
+    if (!m_running.exchange(false))
+        return;
+    SetEvent(m_stopEvent.get());
+    joinThreads();
+    if (!m_completionPort.drain(drainTimeout)) {
+        qCWarning(lcRuvod) << "[RUVO-TUN] Operations still in flight at the stop:" << m_completionPort.inFlight();
+    }
+    m_completionPort.close();
+    m_adapter->stopReading();
+    m_adapter->endSession();
+    m_adapter.reset();
+    m_dispatcher.reset();
+    qCDebug(lcRuvod) << "Tunnel stopped";
+}
+
+void Tunnel::joinThreads()
+{
+    if (m_flowControlThread.joinable())
+        m_flowControlThread.join();
+    for (std::size_t i = 0; i < m_workers.size(); ++i)
+        m_completionPort.wakeOne();
+    for (std::thread &worker : m_workers)
+        worker.join();
+    m_workers.clear();
+}
+
+void Tunnel::startThreads()
+{
+    for (unsigned index = 0; index < workerCount(); ++index)
+        m_workers.emplace_back(&Tunnel::runWorker, this, index);
+    m_flowControlThread = std::thread(&Tunnel::runFlowControl, this);
+    m_adapter->startReading();
+}
+
+void Tunnel::runWorker(unsigned index)
+{
+    WorkerHousekeeping housekeeping(index, m_housekeeping);
+    while (m_running) {
+        switch (m_completionPort.runOne(workerWait)) {
+        case CompletionPort::Outcome::Completed:
+            housekeeping.afterCompletion();
+            break;
+        case CompletionPort::Outcome::Nothing:
+            break;
+        case CompletionPort::Outcome::Failed:
+            Sleep(1);
+            break;
+        }
+    }
+}
+
+void Tunnel::runFlowControl()
+{
+    while (WaitForSingleObject(m_stopEvent.get(), flowControlInterval) == WAIT_TIMEOUT) {
+    }
+}
+
+void Tunnel::dispatchPacket(const std::uint8_t *data, std::size_t len)
+{
+    // After the stop began, nothing new may reach what it is taking down.
+    if (m_running)
+        m_dispatcher->dispatch(data, len, m_proxyReady);
+}
+
+std::uint16_t Tunnel::chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp,
+                                         std::uint16_t dstPort) const
+{
+    return m_upstreamChoice.chooseUpstreamPort(processPath, dstIp, dstPort);
+}
+
+} // namespace ruvo

@@ -1,0 +1,100 @@
+#pragma once
+
+#include "common/windows_handles.h"
+#include "netcfg/wintun_adapter.h"
+#include "transport/completion_port.h"
+#include "tun/packet_dispatcher.h"
+#include "tun/upstream_choice.h"
+#include "tun/worker_housekeeping.h"
+
+#include <atomic>
+#include <cstdint>
+#include <expected>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace ruvo {
+
+/// The tunnel: its adapter, the completion port with its workers, and the threads around them.
+///
+/// start and stop belong to the service thread. Packets come on the adapter's reader thread, completions on the
+/// workers; stop joins them all before it takes anything down. Addresses and ports in host order.
+class Tunnel
+{
+public:
+    explicit Tunnel(const std::wstring &proxyHost = L"127.0.0.1", std::uint16_t proxyPort = 10808);
+    /// As stop(); also lets go of what a failed start left behind.
+    ~Tunnel();
+    Tunnel(const Tunnel &) = delete;
+    Tunnel &operator=(const Tunnel &) = delete;
+
+    // Before start.
+    void setPorts(std::uint16_t proxyPort, std::uint16_t secondPort, std::uint16_t directPort);
+    /// The proxy server's own address, which has its way outside the tunnel.
+    void setProxyIp(std::uint32_t address) { m_proxyIp = address; }
+    void addBypassIp(std::uint32_t address) { m_upstreamChoice.addBypassIp(address); }
+    void addProxyProcess(const std::wstring &name) { m_upstreamChoice.addProxyProcess(name); }
+    void addDirectProcess(const std::wstring &name) { m_upstreamChoice.addDirectProcess(name); }
+    const std::set<std::uint32_t> &bypassIps() const { return m_upstreamChoice.bypassIps(); }
+    /// Called, on any thread, when a check of the proxy's health fails.
+    void setHealthCheckFailedCallback(std::function<void()> callback);
+
+    /// Brings the whole data path up. Success at once if it runs already. A failure leaves what its earlier steps did
+    /// until stop, the next start or destruction; the error is the text for the client.
+    std::expected<void, std::string> start(const std::wstring &adapterName, std::uint32_t tunnelIp,
+                                           std::uint8_t prefixLength, const std::wstring &wintunLibraryPath);
+    /// Takes it down within 5 s. Nothing if it does not run.
+    void stop();
+    /// False too when the adapter has died under it.
+    bool isRunning() const;
+
+    /// Which interface direct connections leave through; 0 if it is not known.
+    void setPhysicalInterface(std::uint32_t interfaceIndex) { m_physicalInterface = interfaceIndex; }
+    std::uint64_t adapterLuid() const { return m_adapter ? m_adapter->luid() : 0; }
+    std::uint32_t adapterIndex() const { return m_adapter ? m_adapter->interfaceIndex() : 0; }
+
+    void dispatchPacket(const std::uint8_t *data, std::size_t len);
+    std::uint16_t chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp, std::uint16_t dstPort) const;
+
+    /// Operations on the completion port that have not completed yet.
+    std::int64_t operationsInFlight() const { return m_completionPort.inFlight(); }
+
+private:
+    using Result = std::expected<void, std::string>;
+
+    Result openAdapter(const std::wstring &adapterName, const std::wstring &wintunLibraryPath);
+    Result configureAdapter(std::uint8_t prefixLength);
+    Result openSession();
+    void openPaths();
+    void startThreads();
+    void runWorker(unsigned index);
+    void runFlowControl();
+    void joinThreads();
+
+    const std::wstring m_proxyHost;
+    std::uint16_t m_proxyPort;
+    std::uint16_t m_secondPort = 10809;
+    std::uint16_t m_directPort = 20808;
+    std::uint32_t m_proxyIp = 0;
+    std::uint32_t m_tunnelIp = 0;
+    std::uint32_t m_physicalInterface = 0;
+    UpstreamChoice m_upstreamChoice;
+    std::function<void()> m_healthCheckFailed;
+
+    std::unique_ptr<WintunAdapter> m_adapter;
+    CompletionPort m_completionPort;
+    std::unique_ptr<PacketDispatcher> m_dispatcher;
+    WorkerHousekeeping::Tasks m_housekeeping;
+
+    std::vector<std::thread> m_workers;
+    std::thread m_flowControlThread;
+    /// Set for the time of a stop: ends every wait.
+    const KernelHandle m_stopEvent;
+    std::atomic<bool> m_running = false;
+    std::atomic<bool> m_proxyReady = true;
+};
+
+} // namespace ruvo
