@@ -66,6 +66,13 @@ protected:
             calls.append("write " + id + ' ' + QString::fromLatin1(data.toPercentEncoding()));
             return works;
         };
+        services.startTun = [this](const QJsonObject &config) {
+            calls.append("start tun " + compact(config));
+            return result;
+        };
+        services.stopTun = [this] { calls.append("stop tun"); return result; };
+        services.tunStatus = [this] { calls.append("tun status"); return result; };
+        services.flushDnsCache = [this] { calls.append("flush"); };
         dispatcher = std::make_unique<RequestDispatcher>(std::move(services), ownership);
     }
 
@@ -260,6 +267,45 @@ TEST_F(RequestDispatcherTest, startsNothingWhileTheDaemonStops)
     EXPECT_EQ(ask(R"({"action": "start", "process-id": "core"})"), errorAnswer("Daemon is stopping"));
     EXPECT_EQ(calls, QStringList());
     EXPECT_EQ(ownership.owner("core"), QString("c0"));
+}
+
+// The tunnel
+
+TEST_F(RequestDispatcherTest, startTunPassesTheWholeRequestOnAndItsResultBackUnchanged)
+{
+    const char *request = R"({"action": "start-tun", "proxy-port": 10808, "request-id": 1})";
+    QJsonObject answer = ask(request);
+    EXPECT_EQ(answer.take("request-id").toInt(), 1);
+    EXPECT_EQ(answer, result);
+    EXPECT_EQ(calls, QStringList{"start tun " + compact(object(request))});
+}
+
+TEST_F(RequestDispatcherTest, startsNoTunnelWhileTheDaemonStops)
+{
+    stopping = true;
+    EXPECT_EQ(ask(R"({"action": "start-tun"})"), errorAnswer("Daemon is stopping"));
+    EXPECT_EQ(calls, QStringList());
+}
+
+TEST_F(RequestDispatcherTest, stopTunIsLoggedWithItsClient)
+{
+    stopping = true; // which is no reason to refuse
+    EXPECT_EQ(ask(R"({"action": "stop-tun"})"), result);
+    EXPECT_EQ(calls, QStringList{"stop tun"});
+    EXPECT_EQ(log.linesWith("WARNING"), QStringList{R"(WARNING Explicit stop-tun request from client "c1")"});
+}
+
+TEST_F(RequestDispatcherTest, tunStatusPassesItsResultBackUnchanged)
+{
+    EXPECT_EQ(ask(R"({"action": "tun-status"})"), result);
+    EXPECT_EQ(calls, QStringList{"tun status"});
+}
+
+TEST_F(RequestDispatcherTest, flushDnsCacheAlwaysSucceeds)
+{
+    works = false;
+    EXPECT_EQ(ask(R"({"action": "flush-dns-cache"})"), successAnswer);
+    EXPECT_EQ(calls, QStringList{"flush"});
 }
 
 // The hello
