@@ -105,13 +105,16 @@ class Service:
         return answers
 
     def has_pipe(self, session):
-        """Whether the pipe of a session exists. Looks without connecting."""
+        """Whether the pipe of a session waits for clients. Looks without connecting.
+
+        The name itself stays as long as there is a client that came through it.
+        """
         status, answers = self.probe("pipe", f"ruvod-{session}")
         assert status == 0, answers
-        return answers[0]["exists"]
+        return answers[0]["free"]
 
 
 def parse_query(text):
     """The rows of `sc query` by name: {"STATE": (4, "RUNNING"), …}."""
-    rows = re.findall(r"^\s*(\w+)\s*:\s*(\w+)\s*(\w*)", text, re.MULTILINE)
+    rows = re.findall(r"^[ \t]*(\w+)[ \t]*:[ \t]*(\w+)[ \t]*(\w*)", text, re.MULTILINE)
     return {name: (int(value, 16), word) if value[0].isdigit() else (value, word) for name, value, word in rows}

@@ -66,13 +66,15 @@ def template():
 
 
 class Prefix:
-    """A copy of the template. `enter` is what a command starts with to run in the bench's network.
+    """A copy of the template. `keeper` is the program winprobe; `enter` is what a command starts with to run in the
+    bench's network.
 
     What services print lands in the file `output`, beside the prefix: they inherit the streams of Wine's first program.
     """
 
-    def __init__(self, directory, enter=()):
+    def __init__(self, directory, keeper=None, enter=()):
         self.directory = directory
+        self.keeper = keeper
         self.output = directory.with_suffix(".log")
         self.enter = list(enter)
         self._keeper = None
@@ -87,10 +89,10 @@ class Prefix:
         raise_open_files()
         subprocess.run([WINE_PREFIX, "copy", template(), self.directory], check=True, timeout=60)
         # Services are shut down as soon as no ordinary program is left: this one stays until its input ends, so
-        # until this process ends, however that comes about.
+        # until this process ends, however that comes about. It also sees to the desktop (winprobe says why).
         with open(self.output, "wb") as output:
-            self._keeper = self.popen("cmd", "/k", stdin=subprocess.PIPE, stdout=output, stderr=output)
-        wait_for(lambda: b">" in self.output.read_bytes(), 60, "the prompt of Wine's shell")
+            self._keeper = self.popen(self.keeper, "keep", stdin=subprocess.PIPE, stdout=output, stderr=output)
+        wait_for(lambda: b'"ready":true' in self.output.read_bytes(), 60, "Wine to be up")
 
     def popen(self, *command, **options):
         """Starts a Windows program. It gets a session of its own: Ctrl+C in a terminal is ours to handle."""

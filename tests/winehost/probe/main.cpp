@@ -17,10 +17,11 @@ struct Command
 };
 
 constexpr Command commands[] = {
+    {L"keep", 0, keepAlive, L"keep"},
     {L"processes", 0, listProcesses, L"processes [NAME]"},
     {L"pipe", 1, lookAtPipe, L"pipe NAME"},
     {L"service", 1, describeService, L"service NAME"},
-    {L"start", 2, startService, L"start NAME MILLISECONDS"},
+    {L"start", 2, startService, L"start NAME MILLISECONDS [stop]"},
     {L"control", 2, controlService, L"control NAME CODE"},
 };
 

@@ -16,9 +16,13 @@ int listProcesses(const Arguments &arguments);
 int lookAtPipe(const Arguments &arguments);
 /// service NAME: how the service is configured, and its state.
 int describeService(const Arguments &arguments);
-/// start NAME MS: starts the service and prints each state that it goes through until it runs or has stopped.
+/// start NAME MS [stop]: starts the service and prints each state that it goes through until it runs or has stopped;
+/// with "stop", stops it in the instant in which it runs.
 int startService(const Arguments &arguments);
 /// control NAME CODE: sends the service a control.
 int controlService(const Arguments &arguments);
+
+/// keep: keeps the prefix's server and desktop up until standard input ends; prints a line once they are there.
+int keepAlive(const Arguments &arguments);
 
 } // namespace ruvo::winehost

@@ -6,6 +6,7 @@
 #include "common/windows_handles.h"
 
 #include <cstdio>
+#include <utility>
 
 namespace ruvo::winehost {
 
@@ -66,7 +67,8 @@ int describeService(const Arguments &arguments)
 
 int startService(const Arguments &arguments)
 {
-    const ServiceHandle service = openService(arguments[0], SERVICE_START | SERVICE_QUERY_STATUS);
+    const ServiceHandle service = openService(arguments[0], SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS);
+    bool stopWhenRunning = arguments.size() > 2 && arguments[2] == L"stop";
     if (!service)
         return failed("OpenServiceW");
     if (!StartServiceW(service.get(), 0, nullptr))
@@ -80,8 +82,12 @@ int startService(const Arguments &arguments)
         if (status.dwCurrentState != last)
             print(JsonLine().add("state", status.dwCurrentState), 0);
         last = status.dwCurrentState;
-        if (last == SERVICE_RUNNING || last == SERVICE_STOPPED)
+        if (last == SERVICE_RUNNING && std::exchange(stopWhenRunning, false)) {
+            if (!ControlService(service.get(), SERVICE_CONTROL_STOP, &status))
+                return failed("ControlService");
+        } else if (last == SERVICE_STOPPED || (last == SERVICE_RUNNING && arguments.size() == 2)) {
             return 0;
+        }
         SwitchToThread();
     }
     return print(JsonLine().add("error", DWORD{ERROR_TIMEOUT}).add("call", "StartServiceW"), 1);
