@@ -31,7 +31,7 @@ class Bench(Service):
         self.application = directory / "Ruvo Client"
         self.substitutes = self.application / "winehost"
         self.network = Network(roles)
-        self.prefix = Prefix(directory / "prefix", self.application / "winprobe.exe", self.network.enter("host"))
+        self.prefix = Prefix(directory / "prefix", self.network.enter("host"))
         super().__init__(self.prefix, self.application)
         self.log = DaemonLog()
         self.log.add(self.prefix.directory, DEFAULT_LOG)

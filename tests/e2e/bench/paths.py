@@ -10,7 +10,8 @@ WINE_PREFIX = ROOT / "tests" / "winehost" / "wine-prefix"
 
 # What lies in the application folder of a bench.
 PRODUCT = ("src/app/ruvod.exe", "tools/ruvoctl/ruvoctl.exe")
-WINEHOST = ("tests/winehost/winehost.dll", "tests/winehost/wtsapi32.dll", "tests/winehost/winprobe.exe")
+WINEHOST = ("tests/winehost/winehost.dll", "tests/winehost/wtsapi32.dll")
+WINPROBE = BUILD / "tests" / "winehost" / "winprobe.exe"
 
 
 def windows_path(path):

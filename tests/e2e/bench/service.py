@@ -4,7 +4,7 @@ import json
 import re
 
 from . import processes
-from .paths import windows_path
+from .paths import WINPROBE, windows_path
 from .waiting import wait_for
 
 NAME = "RuvoService"
@@ -17,7 +17,6 @@ class Service:
     def __init__(self, prefix, application):
         self._prefix = prefix
         self._executable = application / "ruvod.exe"
-        self._probe = application / "winprobe.exe"
 
     def ruvod(self, *arguments, timeout=30):
         """Runs ruvod.exe as a user would, outside the service manager."""
@@ -30,7 +29,7 @@ class Service:
 
     def probe(self, *arguments, timeout=30):
         """Runs winprobe: its exit status and the JSON objects that it printed."""
-        result = self._prefix.run(self._probe, *arguments, timeout=timeout)
+        result = self._prefix.run(WINPROBE, *arguments, timeout=timeout)
         return result.status, [json.loads(line) for line in result.stdout.splitlines()]
 
     def register(self):

@@ -10,7 +10,7 @@ import tempfile
 from dataclasses import dataclass
 
 from . import processes
-from .paths import OUTPUT, WINE_PREFIX
+from .paths import OUTPUT, WINE_PREFIX, WINPROBE
 from .waiting import wait_for
 
 CRASH_MARKS = ("Unhandled exception", "Unhandled page fault", "unimplemented function")
@@ -66,15 +66,13 @@ def template():
 
 
 class Prefix:
-    """A copy of the template. `keeper` is the program winprobe; `enter` is what a command starts with to run in the
-    bench's network.
+    """A copy of the template. `enter` is what a command starts with to run in the bench's network.
 
     What services print lands in the file `output`, beside the prefix: they inherit the streams of Wine's first program.
     """
 
-    def __init__(self, directory, keeper=None, enter=()):
+    def __init__(self, directory, enter=()):
         self.directory = directory
-        self.keeper = keeper
         self.output = directory.with_suffix(".log")
         self.enter = list(enter)
         self._keeper = None
@@ -91,7 +89,7 @@ class Prefix:
         # Services are shut down as soon as no ordinary program is left: this one stays until its input ends, so
         # until this process ends, however that comes about. It also sees to the desktop (winprobe says why).
         with open(self.output, "wb") as output:
-            self._keeper = self.popen(self.keeper, "keep", stdin=subprocess.PIPE, stdout=output, stderr=output)
+            self._keeper = self.popen(WINPROBE, "keep", stdin=subprocess.PIPE, stdout=output, stderr=output)
         wait_for(lambda: b'"ready":true' in self.output.read_bytes(), 60, "Wine to be up")
 
     def popen(self, *command, **options):
