@@ -33,12 +33,13 @@ LaunchContextPointer launchChild(const ProcessInfo &info)
     const BOOL launched = CreateProcessW(nullptr, writableLine.data(), nullptr, nullptr, TRUE,
                                          CREATE_NEW_CONSOLE | CREATE_NEW_PROCESS_GROUP | CREATE_UNICODE_ENVIRONMENT,
                                          nullptr, directory.empty() ? nullptr : directory.c_str(), &startup, &created);
+    const DWORD error = GetLastError(); // closing keeps it, logging does not
     // The child has its own; ours would keep the streams open after its end.
     pipes.stdinRead.reset();
     pipes.stdoutWrite.reset();
     pipes.stderrWrite.reset();
     if (!launched) {
-        qCCritical(lcRuvod) << "[ProcessManager] CreateProcess failed:" << GetLastError();
+        qCCritical(lcRuvod) << "[ProcessManager] CreateProcess failed:" << error;
         return nullptr;
     }
 

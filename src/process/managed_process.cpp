@@ -188,8 +188,8 @@ void ManagedProcess::terminateForcefully()
     if (TerminateProcess(m_launch->process.get(), 1)) {
         qCInfo(lcRuvod) << "[ProcessManager] TerminateProcess succeeded for" << processId();
     } else {
-        qCWarning(lcRuvod) << "[ProcessManager] TerminateProcess failed for" << processId() << "with error:"
-                           << GetLastError();
+        const DWORD error = GetLastError();
+        qCWarning(lcRuvod) << "[ProcessManager] TerminateProcess failed for" << processId() << "with error:" << error;
     }
     releaseResources();
 }
@@ -318,8 +318,8 @@ bool ManagedProcess::isRunning() const
         return false;
     DWORD code = 0;
     if (!GetExitCodeProcess(m_launch->process.get(), &code)) {
-        qCDebug(lcRuvod) << "[ManagedProcess] GetExitCodeProcess failed for" << processId() << "- error:"
-                         << GetLastError();
+        const DWORD error = GetLastError();
+        qCDebug(lcRuvod) << "[ManagedProcess] GetExitCodeProcess failed for" << processId() << "- error:" << error;
         return false;
     }
     if (code == STILL_ACTIVE)

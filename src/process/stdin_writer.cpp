@@ -2,6 +2,8 @@
 
 #include "common/log_category.h"
 
+#include <QDeadlineTimer>
+
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -12,7 +14,7 @@ namespace ruvo {
 namespace {
 
 constexpr DWORD cancelInterval = 10; // ms
-constexpr DWORD joinTimeout = 2000;  // ms
+constexpr qint64 joinTimeout = 2000; // ms
 
 } // namespace
 
@@ -90,10 +92,12 @@ void StdinWriter::write(const QByteArray &bytes)
         return;
     auto parameter = std::make_unique<std::shared_ptr<Queue>>(m_queue);
     m_thread.reset(CreateThread(nullptr, 0, Queue::run, parameter.get(), 0, nullptr));
-    if (m_thread)
-        static_cast<void>(parameter.release()); // the thread's now
-    else
-        qCWarning(lcRuvod) << "[ProcessManager] Failed to create stdin thread:" << GetLastError();
+    if (!m_thread) {
+        const DWORD error = GetLastError();
+        qCWarning(lcRuvod) << "[ProcessManager] Failed to create stdin thread:" << error;
+        return;
+    }
+    static_cast<void>(parameter.release()); // the thread's now
 }
 
 void StdinWriter::stop()
@@ -107,9 +111,9 @@ void StdinWriter::stop()
     if (!m_thread)
         return;
     // Repeated: the thread may be just about to begin the write that has to be cancelled.
-    for (DWORD waited = 0; WaitForSingleObject(m_thread.get(), cancelInterval) == WAIT_TIMEOUT;
-         waited += cancelInterval) {
-        if (waited >= joinTimeout) {
+    const QDeadlineTimer deadline(joinTimeout);
+    while (WaitForSingleObject(m_thread.get(), cancelInterval) == WAIT_TIMEOUT) {
+        if (deadline.hasExpired()) {
             qCWarning(lcRuvod) << "[ProcessManager] Standard input thread of PID" << m_queue->launch->pid
                                << "did not end, leaving it behind";
             break;
