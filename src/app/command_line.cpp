@@ -23,8 +23,7 @@ namespace {
 
 } // namespace
 
-Utf8Arguments::Utf8Arguments(int argc, wchar_t **argv)
-    : m_argc(argc)
+Utf8Arguments::Utf8Arguments(int argc, wchar_t **argv) : m_argc(argc)
 {
     for (int i = 0; i < argc; ++i)
         m_arguments.push_back(QString::fromWCharArray(argv[i]).toUtf8());

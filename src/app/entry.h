@@ -5,7 +5,8 @@ namespace ruvo {
 /// The process from its first thread: registers the service, removes it, or serves the service manager,
 /// as the first argument says. Returns the process's exit status (0 or 1).
 ///
-/// No Qt object may come to life on this thread: the service thread has to be Qt's main thread.
+/// The service thread has to be Qt's main thread, so no Qt object may come to life on this one before the
+/// application exists there; even a log line makes one.
 int runEntry(int argc, wchar_t **argv);
 
 } // namespace ruvo

@@ -82,10 +82,9 @@ void WindowsService::registerService()
 {
     const ServiceHandle manager = openManager(SC_MANAGER_CREATE_SERVICE);
     const std::wstring binaryPath = quotedExecutablePath();
-    const ServiceHandle service(CreateServiceW(manager.get(), m_serviceName.c_str(), m_displayName.c_str(),
-                                               SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
-                                               SERVICE_ERROR_NORMAL, binaryPath.c_str(), nullptr, nullptr, nullptr,
-                                               nullptr, nullptr));
+    const ServiceHandle service(CreateServiceW(
+        manager.get(), m_serviceName.c_str(), m_displayName.c_str(), SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
+        SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, binaryPath.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
     if (!service) {
         throw std::runtime_error(GetLastError() == ERROR_SERVICE_EXISTS ? "Service already exists"
                                                                         : "Failed to create service");
@@ -137,7 +136,8 @@ int WindowsService::run()
         if (error == ERROR_FAILED_SERVICE_CONTROLLER_CONNECT) {
             std::fputs("ERROR: ruvod must be run as a Windows Service.\n"
                        "To register the service, run: ruvod.exe --register\n"
-                       "Then start it via Services or: sc start RuvoService\n", stderr);
+                       "Then start it via Services or: sc start RuvoService\n",
+                       stderr);
         } else {
             std::fprintf(stderr, "Failed to start service dispatcher: error %lu\n", error);
         }
@@ -176,11 +176,8 @@ DWORD WINAPI WindowsService::handleControl(DWORD control, DWORD, LPVOID, LPVOID 
     auto &service = *static_cast<WindowsService *>(context);
     switch (control) {
     case SERVICE_CONTROL_STOP:
-    case SERVICE_CONTROL_SHUTDOWN:
-        service.stop();
-        return NO_ERROR;
-    case SERVICE_CONTROL_INTERROGATE:
-        return NO_ERROR;
+    case SERVICE_CONTROL_SHUTDOWN: service.stop(); return NO_ERROR;
+    case SERVICE_CONTROL_INTERROGATE: return NO_ERROR;
     default:
         if (control >= firstUserControl && control <= lastUserControl)
             return service.callCustomControl(control);

@@ -14,10 +14,7 @@ int startWinsock()
 
 } // namespace
 
-Winsock::Winsock()
-    : m_error(startWinsock())
-{
-}
+Winsock::Winsock() : m_error(startWinsock()) {}
 
 Winsock::~Winsock()
 {

@@ -4,11 +4,7 @@
 
 namespace ruvo {
 
-PrivilegeManager::PrivilegeManager(QObject *parent)
-    : QObject(parent)
-    , m_elevated(privilegeLevel() >= 1)
-{
-}
+PrivilegeManager::PrivilegeManager(QObject *parent) : QObject(parent), m_elevated(privilegeLevel() >= 1) {}
 
 qint32 PrivilegeManager::privilegeLevel()
 {

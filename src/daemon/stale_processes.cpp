@@ -18,9 +18,8 @@ constexpr std::array staleNames = {QLatin1StringView("xray.exe"), QLatin1StringV
 
 bool isStale(const QString &executable)
 {
-    return std::ranges::any_of(staleNames, [&](QLatin1StringView name) {
-        return executable.compare(name, Qt::CaseInsensitive) == 0;
-    });
+    return std::ranges::any_of(
+        staleNames, [&](QLatin1StringView name) { return executable.compare(name, Qt::CaseInsensitive) == 0; });
 }
 
 bool kill(const QString &name, DWORD processId, quint32 sessionId)
@@ -65,8 +64,8 @@ void killStaleProcesses(quint32 sessionId)
     do {
         const QString name = QString::fromWCharArray(entry.szExeFile);
         DWORD processSession = 0;
-        if (isStale(name) && ProcessIdToSessionId(entry.th32ProcessID, &processSession)
-            && processSession == sessionId && kill(name, entry.th32ProcessID, sessionId)) {
+        if (isStale(name) && ProcessIdToSessionId(entry.th32ProcessID, &processSession) && processSession == sessionId
+            && kill(name, entry.th32ProcessID, sessionId)) {
             ++killed;
         }
     } while (Process32NextW(snapshot.get(), &entry));

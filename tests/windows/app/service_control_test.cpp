@@ -1,5 +1,6 @@
 #include "app/windows_service.h"
 
+#include "support/qt_printers.h"
 #include "windows/support/child_process.h"
 #include "windows/support/fake_service_manager.h"
 #include "windows/support/signal.h"

@@ -37,8 +37,8 @@ std::string textRaisedBy(Step step)
 std::wstring toSddl(PSECURITY_DESCRIPTOR descriptor)
 {
     LPWSTR text = nullptr;
-    if (!ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1,
-                                                              DACL_SECURITY_INFORMATION, &text, nullptr)) {
+    if (!ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                              &text, nullptr)) {
         return L"no text: error " + std::to_wstring(GetLastError());
     }
     const LocalMemory owned(text);
@@ -54,9 +54,8 @@ protected:
     ServiceRegistration()
     {
         m_journal.watch<IMPORT(OpenSCManagerW)>([](auto...) { return manager; });
-        m_journal.watch<IMPORT(GetModuleFileNameW)>([this](HMODULE, LPWSTR path, DWORD size) {
-            return fileName(path, size);
-        });
+        m_journal.watch<IMPORT(GetModuleFileNameW)>(
+            [this](HMODULE, LPWSTR path, DWORD size) { return fileName(path, size); });
         m_journal.watch<IMPORT(CreateServiceW)>([](auto...) { return service; });
         m_journal.watch<IMPORT(OpenServiceW)>([](auto...) { return service; });
         m_journal.watch<IMPORT(ConvertStringSecurityDescriptorToSecurityDescriptorW)>();
@@ -98,15 +97,16 @@ TEST_F(ServiceRegistration, createsAnEntryThatIsStartedOnDemandAsLocalSystem)
     WindowsService::instance().registerService();
 
     const std::string descriptor = test::callText(m_descriptor);
-    EXPECT_THAT(m_journal.lines(),
-                ElementsAre("OpenSCManagerW(null, null, 2)", "GetModuleFileNameW(null, &, 0x104)",
-                            "CreateServiceW(0x51, \"RuvoService\", \"Ruvo Proxy Client Service\", 0xf01ff, 0x10, 3, 1, "
-                            "\"\"C:\\Program Files\\Ruvo\\ruvod.exe\"\", null, null, null, null, null)",
-                            "ConvertStringSecurityDescriptorToSecurityDescriptorW(\""
-                            "D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)"
-                            "(A;;CCLCSWRPWPDTLOCRRC;;;AU)\", 1, &, null)",
-                            "SetServiceObjectSecurity(0x52, 4, " + descriptor + ')', "LocalFree(" + descriptor + ')',
-                            "CloseServiceHandle(0x52)", "CloseServiceHandle(0x51)"));
+    EXPECT_THAT(
+        m_journal.lines(),
+        ElementsAre("OpenSCManagerW(null, null, 2)", "GetModuleFileNameW(null, &, 0x104)",
+                    "CreateServiceW(0x51, \"RuvoService\", \"Ruvo Proxy Client Service\", 0xf01ff, 0x10, 3, 1, "
+                    "\"\"C:\\Program Files\\Ruvo\\ruvod.exe\"\", null, null, null, null, null)",
+                    "ConvertStringSecurityDescriptorToSecurityDescriptorW(\""
+                    "D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)"
+                    "(A;;CCLCSWRPWPDTLOCRRC;;;AU)\", 1, &, null)",
+                    "SetServiceObjectSecurity(0x52, 4, " + descriptor + ')', "LocalFree(" + descriptor + ')',
+                    "CloseServiceHandle(0x52)", "CloseServiceHandle(0x51)"));
 }
 
 TEST_F(ServiceRegistration, letsEveryLoggedOnUserStartAndStopTheService)

@@ -33,10 +33,7 @@ std::string line(const std::string &function, const std::vector<std::string> &ar
 
 } // namespace
 
-CallJournal::CallJournal(Threads threads)
-    : m_watched{threads, GetCurrentThreadId()}
-{
-}
+CallJournal::CallJournal(Threads threads) : m_watched{threads, GetCurrentThreadId()} {}
 
 CallJournal::~CallJournal() = default;
 
@@ -71,8 +68,7 @@ std::size_t CallJournal::count(std::string_view text) const
     return static_cast<std::size_t>(std::ranges::count(lines(), text));
 }
 
-std::vector<std::string> CallJournal::unclosed(const std::vector<std::string> &openers,
-                                               std::string_view closer) const
+std::vector<std::string> CallJournal::unclosed(const std::vector<std::string> &openers, std::string_view closer) const
 {
     const SrwGuard guard(m_lock);
     const std::vector<std::string> nothing = {"null", "0", callText(INVALID_HANDLE_VALUE)};

@@ -21,7 +21,10 @@ inline std::string hexText(std::uint64_t value)
 
 /// What DECLARE_HANDLE makes (SC_HANDLE, HMODULE): a pointer to nothing.
 template<typename T>
-concept OpaqueHandle = std::is_void_v<T> || requires(T value) { value.unused; };
+concept OpaqueHandle = std::is_void_v<T> || requires(T value)
+{
+    value.unused;
+};
 
 template<typename T>
 std::string callText(const T &value)

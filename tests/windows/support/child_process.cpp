@@ -59,8 +59,7 @@ ChildProcess::ChildProcess(const Command &command)
 
 ChildProcess::ChildProcess(const QString &program, const QStringList &arguments)
     : ChildProcess(Command{QCoreApplication::applicationFilePath(), QStringList{programOption, program} + arguments})
-{
-}
+{}
 
 ChildProcess ChildProcess::ofExecutable(const QString &path, const QStringList &arguments)
 {

@@ -71,12 +71,12 @@ ChildResult runChild(const QString &program, const QStringList &arguments = {});
 
 /// A test whose body runs in a process of its own, without an application object: for what exists once in each
 /// process, or must not see what other tests left.
-#define TEST_IN_OWN_PROCESS(suite, name) \
-    static void suite##_##name##_body(); \
-    TEST(suite, name) \
-    { \
-        ::ruvo::test::runInOwnProcess(#suite "." #name, &suite##_##name##_body); \
-    } \
+#define TEST_IN_OWN_PROCESS(suite, name)                                                                             \
+    static void suite##_##name##_body();                                                                             \
+    TEST(suite, name)                                                                                                \
+    {                                                                                                                \
+        ::ruvo::test::runInOwnProcess(#suite "." #name, &suite##_##name##_body);                                     \
+    }                                                                                                                \
     static void suite##_##name##_body()
 
 void runInOwnProcess(const char *test, void (*body)());

@@ -19,8 +19,7 @@ QString pipeName(quint32 sessionId)
 
 } // namespace
 
-DaemonClient::DaemonClient(quint32 sessionId)
-    : m_pipe(std::make_unique<PipeClient>(pipeName(sessionId)))
+DaemonClient::DaemonClient(quint32 sessionId) : m_pipe(std::make_unique<PipeClient>(pipeName(sessionId)))
 {
     waitUntil([this, sessionId] {
         if (m_pipe->isGone())
@@ -61,10 +60,14 @@ QJsonObject DaemonClient::waitForMessage(const std::function<bool(const QJsonObj
     return found;
 }
 
+bool daemonPipeListens(quint32 sessionId)
+{
+    return WaitNamedPipeW(pipeName(sessionId).toStdWString().c_str(), 1);
+}
+
 bool daemonPipeExists(quint32 sessionId)
 {
-    // A pipe whose instances are all taken is there too.
-    return WaitNamedPipeW(pipeName(sessionId).toStdWString().c_str(), 1) || GetLastError() != ERROR_FILE_NOT_FOUND;
+    return daemonPipeListens(sessionId) || GetLastError() != ERROR_FILE_NOT_FOUND;
 }
 
 } // namespace ruvo::test

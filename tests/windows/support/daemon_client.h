@@ -33,7 +33,9 @@ private:
     int m_lastRequest = 0;
 };
 
-/// Whether somebody listens on the pipe of `sessionId`.
+/// Whether anybody holds an end of the pipe of `sessionId`: listening, or for a client that is still connected.
 bool daemonPipeExists(quint32 sessionId);
+/// Whether a new client would be accepted there.
+bool daemonPipeListens(quint32 sessionId);
 
 } // namespace ruvo::test

@@ -25,8 +25,7 @@ FakeServiceManager::FakeServiceManager(Returns returns)
         return registerHandler(name, handler, context);
     })
     , m_setStatus([this](SERVICE_STATUS_HANDLE handle, LPSERVICE_STATUS status) { return report(handle, *status); })
-{
-}
+{}
 
 FakeServiceManager::~FakeServiceManager()
 {
@@ -85,8 +84,7 @@ void FakeServiceManager::deliver(Control control)
         control.result.set_value(std::nullopt);
 }
 
-SERVICE_STATUS_HANDLE FakeServiceManager::registerHandler(LPCWSTR name, LPHANDLER_FUNCTION_EX handler,
-                                                          LPVOID context)
+SERVICE_STATUS_HANDLE FakeServiceManager::registerHandler(LPCWSTR name, LPHANDLER_FUNCTION_EX handler, LPVOID context)
 {
     if (m_handlerError != NO_ERROR) {
         SetLastError(m_handlerError);
@@ -132,9 +130,8 @@ std::future<std::optional<DWORD>> FakeServiceManager::post(DWORD code)
 bool FakeServiceManager::waitForState(DWORD state)
 {
     std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, timeout, [this, state] {
-        return !m_reports.empty() && m_reports.back().dwCurrentState == state;
-    });
+    return m_changed.wait_for(
+        lock, timeout, [this, state] { return !m_reports.empty() && m_reports.back().dwCurrentState == state; });
 }
 
 bool FakeServiceManager::waitUntilDispatcherReturned()
@@ -164,9 +161,9 @@ std::wstring FakeServiceManager::handlerName() const
 std::string reportText(const SERVICE_STATUS &status)
 {
     return std::to_string(status.dwCurrentState) + " type " + std::to_string(status.dwServiceType) + " accepts "
-        + std::to_string(status.dwControlsAccepted) + " exit " + std::to_string(status.dwWin32ExitCode) + '/'
-        + std::to_string(status.dwServiceSpecificExitCode) + " checkpoint " + std::to_string(status.dwCheckPoint)
-        + " hint " + std::to_string(status.dwWaitHint);
+           + std::to_string(status.dwControlsAccepted) + " exit " + std::to_string(status.dwWin32ExitCode) + '/'
+           + std::to_string(status.dwServiceSpecificExitCode) + " checkpoint " + std::to_string(status.dwCheckPoint)
+           + " hint " + std::to_string(status.dwWaitHint);
 }
 
 } // namespace ruvo::test

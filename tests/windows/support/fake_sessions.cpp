@@ -8,15 +8,18 @@ namespace ruvo::test {
 
 FakeSessions::FakeSessions(std::vector<FakeSession> sessions)
     : m_sessions(std::move(sessions))
-    , m_enumerate([this](HANDLE, DWORD reserved, DWORD version, PWTS_SESSION_INFOW *list, DWORD *count) {
-        return enumerate(reserved, version, list, count);
+    , m_enumerate([this](HANDLE server, DWORD reserved, DWORD version, PWTS_SESSION_INFOW *list, DWORD *count) {
+        // Windows takes no others for the local machine.
+        if (server == WTS_CURRENT_SERVER_HANDLE && reserved == 0 && version == 1)
+            return enumerate(list, count);
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
     })
     , m_query([this](HANDLE, DWORD id, WTS_INFO_CLASS infoClass, LPWSTR *text, DWORD *size) {
         return query(id, infoClass, text, size);
     })
     , m_free([this](PVOID memory) { free(memory); })
-{
-}
+{}
 
 void FakeSessions::set(std::vector<FakeSession> sessions)
 {
@@ -49,13 +52,11 @@ bool FakeSessions::freedWrongly() const
     return m_freedWrongly;
 }
 
-BOOL FakeSessions::enumerate(DWORD reserved, DWORD version, PWTS_SESSION_INFOW *sessions, DWORD *count)
+BOOL FakeSessions::enumerate(PWTS_SESSION_INFOW *sessions, DWORD *count)
 {
     const std::lock_guard lock(m_mutex);
-    // Windows takes no others.
-    const DWORD error = reserved != 0 || version != 1 ? DWORD{ERROR_INVALID_PARAMETER} : m_enumerationError;
-    if (error != NO_ERROR) {
-        SetLastError(error);
+    if (m_enumerationError != NO_ERROR) {
+        SetLastError(m_enumerationError);
         return FALSE;
     }
     auto *list = static_cast<PWTS_SESSION_INFOW>(allocate(m_sessions.size() * sizeof(WTS_SESSION_INFOW)));

@@ -6,6 +6,7 @@
 #include <wtsapi32.h>
 
 #include <cstddef>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -28,7 +29,8 @@ struct FakeSession
 class FakeSessions
 {
 public:
-    explicit FakeSessions(std::vector<FakeSession> sessions = {});
+    explicit FakeSessions(std::vector<FakeSession> sessions);
+    FakeSessions(std::initializer_list<FakeSession> sessions = {}) : FakeSessions(std::vector(sessions)) {}
 
     void set(std::vector<FakeSession> sessions);
     void failEnumeration(DWORD error);
@@ -40,7 +42,7 @@ public:
     bool freedWrongly() const;
 
 private:
-    BOOL enumerate(DWORD reserved, DWORD version, PWTS_SESSION_INFOW *sessions, DWORD *count);
+    BOOL enumerate(PWTS_SESSION_INFOW *sessions, DWORD *count);
     BOOL query(DWORD id, WTS_INFO_CLASS infoClass, LPWSTR *text, DWORD *size);
     void free(PVOID memory);
     void *allocate(std::size_t size);

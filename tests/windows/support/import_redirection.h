@@ -50,9 +50,7 @@ public:
 
     /// Throws std::runtime_error if the executable does not import the function. Other threads may call the
     /// replacement before the constructor is done, and may still be inside it after the destructor.
-    explicit ImportRedirection(Replacement replacement)
-        : m_outer(s_replacement.load())
-        , m_real(current())
+    explicit ImportRedirection(Replacement replacement) : m_outer(s_replacement.load()), m_real(current())
     {
         if (!m_outer)
             s_windows = function(PatchedImport::current(ImportType::name));

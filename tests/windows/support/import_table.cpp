@@ -71,8 +71,7 @@ void *PatchedImport::current(std::string_view name)
     return find(name).front().before;
 }
 
-PatchedImport::PatchedImport(std::string_view name, void *function)
-    : m_slots(find(name))
+PatchedImport::PatchedImport(std::string_view name, void *function) : m_slots(find(name))
 {
     for (const Slot &slot : m_slots)
         writeSlot(slot.place, function);
