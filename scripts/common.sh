@@ -20,6 +20,8 @@ quietly() {
     say "$what"
     "$@" >"$log" 2>&1 &
     pid=$!
+    # A command in the background does not see Ctrl+C.
+    trap 'kill "$pid" 2>/dev/null; die "$what was interrupted"' INT TERM
     while kill -0 "$pid" 2>/dev/null; do
         sleep 1
         if (( (SECONDS - start) % 30 == 29 )); then
@@ -27,6 +29,7 @@ quietly() {
         fi
     done
     wait "$pid" || status=$?
+    trap - INT TERM
     if [ "$status" -ne 0 ]; then
         tail -n 40 "$log" >&2
         die "$what failed with status $status; the whole output is in $log"

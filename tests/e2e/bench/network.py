@@ -52,11 +52,11 @@ class Network:
     """The namespaces of `roles`, and the links among them."""
 
     def __init__(self, roles=("host",)):
-        self._run = f"ruvod-{os.getpid()}-{next(_counter)}"
+        self.run = f"ruvod-{os.getpid()}-{next(_counter)}"
         self.roles = tuple(roles)
 
     def name(self, role):
-        return f"{self._run}-{role}"
+        return f"{self.run}-{role}"
 
     def enter(self, role):
         """What a command has to start with to run in that namespace."""

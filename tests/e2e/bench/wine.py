@@ -78,8 +78,8 @@ class Prefix:
         self._keeper = None
 
     def environment(self):
-        environment = {name: os.environ[name] for name in ("PATH", "HOME", "USER", "LANG", "TMPDIR") if name in os.environ}
-        return environment | {"WINEPREFIX": str(self.directory), "WINEDEBUG": os.environ.get("WINEDEBUG", "-all"),
+        environment = {name: os.environ[name] for name in ("PATH", "HOME", "USER", "TMPDIR") if name in os.environ}
+        return environment | {"WINEPREFIX": str(self.directory), "LC_ALL": "C.UTF-8", "WINEDEBUG": os.environ.get("WINEDEBUG", "-all"),
                               "WINEDLLOVERRIDES": "mscoree,mshtml=;winemenubuilder.exe="}
 
     def up(self):
