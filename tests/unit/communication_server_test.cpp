@@ -234,8 +234,7 @@ TEST_F(CommunicationServerTest, acceptsAClientThatComesWhileThePipeIsBeingMade)
     });
     sessions = {1};
     server.pollSessions();
-    EXPECT_TRUE(waitUntil([&] { return ids.size() == 1; }));
-    EXPECT_TRUE(connected);
+    EXPECT_TRUE(waitUntil([&] { return ids.size() == 1 && connected; }));
     stop = true;
     impatient.join();
 }
