@@ -5,7 +5,7 @@ import signal
 
 import pytest
 
-from bench import machine, network, paths
+from bench import paths, sweep
 from bench.machine import Bench
 
 
@@ -13,8 +13,7 @@ def pytest_sessionstart(session):  # pylint: disable=unused-argument
     """A run that was killed could not clean up: the next one does."""
     # The fixtures' clean-up has to run also when the run is ended from outside.
     signal.signal(signal.SIGTERM, lambda *_: pytest.exit("terminated", returncode=1))
-    network.remove_abandoned()
-    machine.remove_abandoned()
+    sweep.remove_abandoned()
 
 
 @pytest.hookimpl(hookwrapper=True)

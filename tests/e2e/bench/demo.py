@@ -9,7 +9,7 @@ import subprocess
 import sys
 import time
 
-from . import machine, network, processes
+from . import processes, sweep
 from .machine import Bench
 from .paths import ROOT
 from .service import RUNNING, STOPPED
@@ -163,8 +163,7 @@ def main():
     parser.add_argument("--once", action="store_true", help="end as soon as everything has been shown")
     once = parser.parse_args().once
     refuse_second_run()
-    network.remove_abandoned()
-    machine.remove_abandoned()
+    sweep.remove_abandoned()
     signal.signal(signal.SIGTERM, lambda *_: signal.raise_signal(signal.SIGINT))
     show = Show()
     worked = False
