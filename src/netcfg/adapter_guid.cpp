@@ -34,12 +34,14 @@ GUID deterministicGuid(const std::wstring &name)
     GUID guid{};
     UniqueHandle<CryptContextTraits> context;
     if (!CryptAcquireContextW(context.out(), nullptr, nullptr, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT)) {
-        qCWarning(lcRuvod) << "CryptAcquireContext failed:" << GetLastError();
+        const DWORD error = GetLastError();
+        qCWarning(lcRuvod) << "CryptAcquireContext failed:" << error;
         return guid;
     }
     UniqueHandle<CryptHashTraits> hash;
     if (!CryptCreateHash(context.get(), CALG_MD5, 0, 0, hash.out())) {
-        qCWarning(lcRuvod) << "CryptCreateHash failed:" << GetLastError();
+        const DWORD error = GetLastError();
+        qCWarning(lcRuvod) << "CryptCreateHash failed:" << error;
         return guid;
     }
     const QByteArray text = "wintun" + QString::fromStdWString(name).toUtf8();

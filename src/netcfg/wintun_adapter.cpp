@@ -88,7 +88,8 @@ bool WintunAdapter::startSession(std::uint32_t capacity)
         return false;
     m_session = m_library.startSession(m_adapter, capacity);
     if (!m_session) {
-        qCWarning(lcRuvod) << "Failed to start session:" << GetLastError();
+        const DWORD error = GetLastError();
+        qCWarning(lcRuvod) << "Failed to start session:" << error;
         return false;
     }
     return true;

@@ -45,8 +45,8 @@ bool WintunLibrary::load(const std::wstring &path)
 {
     m_module.reset(LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
     if (!m_module) {
-        qCCritical(lcRuvod) << "Failed to load wintun.dll from" << QString::fromStdWString(path) << "error:"
-                            << GetLastError();
+        const DWORD error = GetLastError();
+        qCCritical(lcRuvod) << "Failed to load wintun.dll from" << QString::fromStdWString(path) << "error:" << error;
         return false;
     }
     for (const EntryPoint &entry : entryPoints) {

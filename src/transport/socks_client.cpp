@@ -37,7 +37,8 @@ bool SocksClient::connectToProxy()
     m_connected = false;
     m_tcpSocket.reset(openSocket(SOCK_STREAM, IPPROTO_TCP));
     if (!m_tcpSocket) {
-        qCWarning(lcRuvod) << "Failed to create socket:" << WSAGetLastError();
+        const int error = WSAGetLastError();
+        qCWarning(lcRuvod) << "Failed to create socket:" << error;
         return false;
     }
     setProxyBuffers(m_tcpSocket.get());

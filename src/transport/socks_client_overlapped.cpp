@@ -41,12 +41,14 @@ bool SocksClient::createBoundSocket(const char *createFailure, const char *bindF
 {
     m_tcpSocket.reset(openSocket(SOCK_STREAM, IPPROTO_TCP));
     if (!m_tcpSocket) {
-        qCWarning(lcRuvod) << createFailure << WSAGetLastError();
+        const int error = WSAGetLastError();
+        qCWarning(lcRuvod) << createFailure << error;
         return false;
     }
     setProxyBuffers(m_tcpSocket.get());
     if (!bindTo(m_tcpSocket.get(), INADDR_ANY)) {
-        qCWarning(lcRuvod) << bindFailure << WSAGetLastError();
+        const int error = WSAGetLastError();
+        qCWarning(lcRuvod) << bindFailure << error;
         m_tcpSocket.reset();
         return false;
     }
@@ -72,13 +74,15 @@ bool SocksClient::createUdpSocket(std::uint32_t relayAddress, std::uint16_t rela
 
     m_udpSocket.reset(openSocket(SOCK_DGRAM, IPPROTO_UDP));
     if (!m_udpSocket) {
-        qCWarning(lcRuvod) << "Failed to create UDP socket:" << WSAGetLastError();
+        const int error = WSAGetLastError();
+        qCWarning(lcRuvod) << "Failed to create UDP socket:" << error;
         return false;
     }
     // Bound to loopback where that suffices: nobody from outside can send to it then.
     const bool relayIsLocal = relayAddress >> 24 == loopback;
     if (!bindTo(m_udpSocket.get(), relayIsLocal ? INADDR_LOOPBACK : INADDR_ANY)) {
-        qCWarning(lcRuvod) << "Failed to bind UDP socket:" << WSAGetLastError();
+        const int error = WSAGetLastError();
+        qCWarning(lcRuvod) << "Failed to bind UDP socket:" << error;
         m_udpSocket.reset();
         return false;
     }
