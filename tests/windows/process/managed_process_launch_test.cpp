@@ -1,0 +1,206 @@
+#include "windows/process/managed_process_fixture.h"
+
+#include "windows/process/own_resources.h"
+#include "windows/support/import_redirection.h"
+
+#include <QElapsedTimer>
+#include <QThread>
+
+#include <atomic>
+
+namespace ruvo {
+namespace {
+
+const QStringList waiting = {"--print", "ready", "--wait"};
+
+using ManagedProcessLaunch = ManagedProcessTest;
+
+TEST_F(ManagedProcessLaunch, fillsInWhatIsKnownOfTheRun)
+{
+    ASSERT_TRUE(start(waiting, {{"working-dir", "C:\\windows"}, {"environment", QJsonObject{{"A", "1"}}},
+                                {"privileges", "system"}, {"session-id", 2}}));
+    const ProcessInfo info = process->info();
+    EXPECT_EQ(info.processId, "child");
+    EXPECT_EQ(info.executable, test::testChildPath());
+    EXPECT_EQ(info.arguments, waiting);
+    EXPECT_EQ(info.workingDirectory, "C:\\windows");
+    EXPECT_EQ(info.environment, (QJsonObject{{"A", "1"}}));
+    EXPECT_EQ(info.privileges, "system");
+    EXPECT_EQ(info.sessionId, 2u);
+    EXPECT_EQ(info.state, 2);
+    EXPECT_EQ(info.pid, GetProcessId(info.processHandle));
+    EXPECT_NE(info.threadHandle, nullptr);
+    EXPECT_NE(info.stdinWrite, nullptr);
+    EXPECT_NE(info.stdoutRead, nullptr);
+    EXPECT_NE(info.stderrRead, nullptr);
+    EXPECT_LE(info.startTime.secsTo(QDateTime::currentDateTime()), 5);
+    EXPECT_EQ(info.startTime.timeSpec(), Qt::LocalTime);
+    EXPECT_TRUE(process->isRunning());
+}
+
+TEST_F(ManagedProcessLaunch, hasNoRunBeforeTheFirst)
+{
+    EXPECT_EQ(process->info().processId, "child");
+    expectNoRun();
+    EXPECT_TRUE(process->info().startTime.isNull());
+}
+
+TEST_F(ManagedProcessLaunch, tellsTheStartBeforeItReturnsAndBeforeTheThreadsStart)
+{
+    QStringList linesAtStart;
+    QObject::connect(process.get(), &ManagedProcess::processStarted, [&] { linesAtStart = log.lines(); });
+    ASSERT_TRUE(start(waiting));
+    EXPECT_EQ(heard, QStringList({"started"}));
+    const QString pid = QString::number(process->info().pid);
+    EXPECT_EQ(linesAtStart.last(), "DEBUG [ProcessManager] Process started with PID: " + pid);
+    EXPECT_TRUE(log.lines().contains(R"(DEBUG [ProcessManager] Monitor signal connected: true for process "child" )"
+                                     "(DirectConnection)"));
+}
+
+TEST_F(ManagedProcessLaunch, failsWithoutASignal)
+{
+    const std::size_t handles = test::countOwnHandles();
+    EXPECT_FALSE(start({}, {{"executable", "C:\\no such program.exe"}}));
+    EXPECT_EQ(heard, QStringList());
+    expectNoRun();
+    EXPECT_TRUE(process->info().startTime.isNull());
+    EXPECT_EQ(test::countOwnHandles(), handles);
+}
+
+TEST_F(ManagedProcessLaunch, hasNoMonitorWhereItsEventCannotBeMade)
+{
+    ASSERT_TRUE(startReady(waiting)); // what a first run opens for good
+    process->kill();
+    const std::size_t handles = test::countOwnHandles();
+    {
+        const test::ImportRedirection<IMPORT(CreateEventW)> createEvent(
+            [&](LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL initial, LPCWSTR name) -> HANDLE {
+                // The only one with manual reset that this thread makes.
+                return manual ? nullptr : createEvent.real(security, manual, initial, name);
+            });
+        ASSERT_TRUE(start(waiting));
+    }
+    EXPECT_TRUE(process->isRunning());
+    EXPECT_TRUE(test::waitUntil([this] { return count("stdout ready") == 2; }));
+    const KernelHandle child = openChild();
+    TerminateProcess(child.get(), 3);
+    ASSERT_TRUE(hasEnded(child));
+    process->kill(); // and does not hang
+    expectNoRun();
+    EXPECT_TRUE(test::waitForHandles(handles + 1)); // the test's own
+    EXPECT_EQ(test::countOwnHandles(), handles + 1);
+}
+
+TEST_F(ManagedProcessLaunch, runsTheChildWithoutTheThreadsThatCannotBeMade)
+{
+    ASSERT_TRUE(startReady(waiting));
+    process->kill();
+    const std::size_t handles = test::countOwnHandles();
+    for (const int failing : {1, 2}) { // the monitor's, the reader's
+        log.clear();
+        int threads = 0;
+        {
+            const test::ImportRedirection<IMPORT(CreateThread)> createThread([&](auto... arguments) -> HANDLE {
+                if (++threads != failing)
+                    return createThread.real(arguments...);
+                SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+                return nullptr;
+            });
+            ASSERT_TRUE(start(waiting));
+        }
+        EXPECT_EQ(threads, 2);
+        EXPECT_EQ(log.linesWith("Failed to create thread").size(), 1) << log.lines().join('\n').toStdString();
+        EXPECT_TRUE(process->isRunning());
+        process->kill();
+        expectNoRun();
+        EXPECT_TRUE(test::waitForHandles(handles));
+        EXPECT_EQ(test::countOwnHandles(), handles);
+    }
+}
+
+TEST_F(ManagedProcessLaunch, leavesAThreadBehindThatDoesNotEndAndItsHandlesOpen)
+{
+    ASSERT_TRUE(startReady(waiting));
+    process->kill();
+    const std::size_t handles = test::countOwnHandles();
+
+    const KernelHandle release(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    const DWORD serviceThread = GetCurrentThreadId();
+    std::atomic<bool> stuck = false;
+    std::atomic<HANDLE> pipe = nullptr;
+    const test::ImportRedirection<IMPORT(Sleep)> sleep([&](DWORD milliseconds) {
+        if (GetCurrentThreadId() == serviceThread || milliseconds != 50)
+            return sleep.real(milliseconds);
+        stuck = true;
+        WaitForSingleObject(release.get(), 20000);
+    });
+    ASSERT_TRUE(start(waiting));
+    pipe = process->info().stdoutRead;
+    ASSERT_TRUE(test::waitUntil([&] { return stuck.load(); }));
+    log.clear();
+    QElapsedTimer timer;
+    timer.start();
+    process->kill();
+    EXPECT_GE(timer.elapsed(), 1990);
+    EXPECT_LT(timer.elapsed(), 4000);
+    EXPECT_EQ(log.linesWith("WARNING"), QStringList({"WARNING [ManagedProcess] A worker thread did not end within "
+                                                     "2000 ms, leaving it behind"}));
+    expectNoRun();
+    EXPECT_EQ(GetFileType(pipe), DWORD{FILE_TYPE_PIPE}); // still open under the reader
+
+    // The process may even go meanwhile.
+    process.reset();
+    SetEvent(release.get());
+    EXPECT_TRUE(test::waitForHandles(handles + 1)); // the event
+    EXPECT_EQ(test::countOwnHandles(), handles + 1);
+}
+
+TEST_F(ManagedProcessLaunch, isNotRunningOnceTheChildHasEndedThoughNobodyHasHandledThat)
+{
+    ASSERT_TRUE(start({"--exit", "4"}));
+    const KernelHandle child = openChild();
+    ASSERT_TRUE(hasEnded(child));
+    log.clear();
+    EXPECT_FALSE(process->isRunning());
+    EXPECT_EQ(log.linesWith("[ManagedProcess]"),
+              QStringList({R"(DEBUG [ManagedProcess] Process "child" has exited with code 4 but cleanup incomplete)"}));
+    EXPECT_EQ(process->info().state, 2);
+    EXPECT_TRUE(waitFor("finished 4"));
+}
+
+TEST_F(ManagedProcessLaunch, isNotRunningWhereTheExitCodeCannotBeAsked)
+{
+    ASSERT_TRUE(startReady(waiting));
+    const test::ImportRedirection<IMPORT(GetExitCodeProcess)> getExitCode([](auto...) {
+        SetLastError(1234);
+        return FALSE;
+    });
+    log.clear();
+    EXPECT_FALSE(process->isRunning());
+    EXPECT_EQ(log.lines(),
+              QStringList({R"(DEBUG [ManagedProcess] GetExitCodeProcess failed for "child" - error: 1234)"}));
+}
+
+TEST_F(ManagedProcessLaunch, writesInputToTheRunOnly)
+{
+    ASSERT_TRUE(start({"--print", "ready", "--read-line", "--wait"}));
+    ASSERT_TRUE(waitFor("stdout ready"));
+    process->writeToStdin("hello\n");
+    EXPECT_TRUE(waitFor(R"(stdout {"fact":"line","text":"hello"})"));
+    process->kill();
+    process->writeToStdin("nobody there\n");
+}
+
+TEST_F(ManagedProcessLaunch, keepsTheInputOfAnEarlierRunFromTheNext)
+{
+    ASSERT_TRUE(startReady({"--print", "ready", "--ignore-ctrl-c", "--wait"}));
+    for (int i = 0; i < 512; ++i)
+        process->writeToStdin(QByteArray(4096, 'x')); // much more than the pipe holds: most of it waits
+    process->kill();
+    ASSERT_TRUE(start({"--read-line", "--wait"}));
+    process->writeToStdin("of the new run\n");
+    EXPECT_TRUE(waitFor(R"(stdout {"fact":"line","text":"of the new run"})"));
+}
+
+} // namespace
+} // namespace ruvo
