@@ -4,6 +4,7 @@ import itertools
 import json
 import subprocess
 import threading
+import time
 
 from . import processes
 from .waiting import wait_for
@@ -24,8 +25,8 @@ class Client:
     def __init__(self, prefix, ruvoctl, session, log_path, options=(), on_hello=None):
         self.session = session
         self.messages = []  # all that came, in order
-        self._taken = 0  # how many of them the beginning of the list has that were all taken
-        self._taken_later = set()
+        self._taken = set()
+        self._ended = False
         self._on_hello = on_hello
         self._arrival = threading.Condition()
         self.errors = log_path
@@ -37,11 +38,14 @@ class Client:
 
     def _read(self):
         for row in self.process.stdout:
+            if not row.endswith(b"\n"):
+                break  # killed in the middle of a line
             message = json.loads(row)
             with self._arrival:
                 self.messages.append(message)
                 self._arrival.notify_all()
         with self._arrival:
+            self._ended = True
             self._arrival.notify_all()
 
     def send(self, message):
@@ -52,31 +56,29 @@ class Client:
 
     def send_line(self, text):
         """Hands ruvoctl one line of input, whatever it is."""
-        self.process.stdin.write(text.encode() + b"\n")
-        self.process.stdin.flush()
+        try:
+            self.process.stdin.write(text.encode() + b"\n")
+            self.process.stdin.flush()
+        except BrokenPipeError:
+            raise AssertionError(f"ruvoctl has ended: {self.error_text()}") from None
 
     def expect(self, wanted, timeout=15):
         """Takes the first message that matches and was not taken before; waits for it up to `timeout` seconds."""
+        deadline = time.monotonic() + timeout
         with self._arrival:
-            found = self._arrival.wait_for(lambda: self._take(wanted) or self._over(), timeout)
-        if not isinstance(found, dict):
-            why = f"ruvoctl ended: {self.error_text()}" if self._over() else f"{timeout} s passed"
-            raise AssertionError(f"no message {wanted!r} ({why}); got {self.messages[-20:]}")
-        return found
-
-    def _take(self, wanted):
-        for index in range(self._taken, len(self.messages)):
-            if index in self._taken_later or not matches(self.messages[index], wanted):
-                continue
-            self._taken_later.add(index)
-            while self._taken in self._taken_later:
-                self._taken_later.discard(self._taken)
-                self._taken += 1
-            return self.messages[index]
-        return None
-
-    def _over(self):
-        return not self._reader.is_alive() and self.process.poll() is not None
+            looked_at = 0
+            while True:
+                for index in range(looked_at, len(self.messages)):
+                    if index not in self._taken and matches(self.messages[index], wanted):
+                        self._taken.add(index)
+                        return self.messages[index]
+                looked_at = len(self.messages)
+                left = deadline - time.monotonic()
+                if left <= 0 or self._ended:
+                    break
+                self._arrival.wait(left)
+        why = f"ruvoctl ended: {self.error_text()}" if self._ended else f"{timeout} s passed"
+        raise AssertionError(f"no message {wanted!r} ({why}); the last were {self.messages[-20:]}")
 
     def request(self, action, timeout=15, **fields):
         """Sends a request with an id of its own and returns the answer. Underscores in names become hyphens."""

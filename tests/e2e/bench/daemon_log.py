@@ -72,8 +72,12 @@ class DaemonLog:
         """Fails if there is a warning that nobody expected, or an expected one is missing."""
         serious = [line for line in self.lines() if line.level in SERIOUS]
         known = self._expected + self._allowed
+
+        def finds(pattern):
+            return any(re.search(pattern, line.text) for line in serious)
+
         surprises = [line for line in serious if not any(re.search(pattern, line.text) for pattern in known)]
-        missing = [pattern for pattern in self._expected if not any(re.search(pattern, line.text) for line in serious)]
+        missing = [pattern for pattern in self._expected if not finds(pattern)]
         assert not surprises, f"unexpected in the daemon's log: {surprises}"
         assert not missing, f"missing in the daemon's log: {missing}"
 

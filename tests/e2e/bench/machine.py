@@ -85,7 +85,8 @@ class Bench(Service):
 
     def set_process_sessions(self, sessions):
         """The sessions of processes that are not the daemon's: {Windows pid: session}."""
-        self._replace(self.substitutes / "process-sessions.txt", [f"{pid} {session}" for pid, session in sessions.items()])
+        lines = [f"{pid} {session}" for pid, session in sessions.items()]
+        self._replace(self.substitutes / "process-sessions.txt", lines)
 
     @staticmethod
     def _replace(path, lines):

@@ -50,8 +50,9 @@ def raise_open_files():
 
 def template():
     """A prefix to copy, made once and kept until Wine or the way of making it changes."""
-    version = subprocess.run(["dpkg-query", "-W", "wine", "wine64", "libwine"], capture_output=True, check=True).stdout
-    key = hashlib.sha256(version + WINE_PREFIX.read_bytes()).hexdigest()[:12]
+    packages = ["dpkg-query", "-W", "wine", "wine64", "libwine"]
+    versions = subprocess.run(packages, capture_output=True, check=True).stdout
+    key = hashlib.sha256(versions + WINE_PREFIX.read_bytes()).hexdigest()[:12]
     OUTPUT.mkdir(parents=True, exist_ok=True)
     with open(OUTPUT / "template.lock", "w", encoding="ascii") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
@@ -68,7 +69,8 @@ def template():
 class Prefix:
     """A copy of the template. `enter` is what a command starts with to run in the bench's network.
 
-    What services print lands in the file `output`, beside the prefix: they inherit the streams of Wine's first program.
+    What services print lands in the file `output`, beside the prefix: they inherit the streams of Wine's first
+    program.
     """
 
     def __init__(self, directory, enter=()):
@@ -78,9 +80,13 @@ class Prefix:
         self._keeper = None
 
     def environment(self):
-        environment = {name: os.environ[name] for name in ("PATH", "HOME", "USER", "TMPDIR") if name in os.environ}
-        return environment | {"WINEPREFIX": str(self.directory), "LC_ALL": "C.UTF-8", "WINEDEBUG": os.environ.get("WINEDEBUG", "-all"),
-                              "WINEDLLOVERRIDES": "mscoree,mshtml=;winemenubuilder.exe="}
+        inherited = {name: os.environ[name] for name in ("PATH", "HOME", "USER", "TMPDIR") if name in os.environ}
+        return inherited | {
+            "WINEPREFIX": str(self.directory),
+            "WINEDEBUG": os.environ.get("WINEDEBUG", "-all"),
+            "WINEDLLOVERRIDES": "mscoree,mshtml=;winemenubuilder.exe=",
+            "LC_ALL": "C.UTF-8",
+        }
 
     def up(self):
         """Makes the prefix and starts Wine in it, with room for many connections."""
@@ -107,7 +113,8 @@ class Prefix:
             except subprocess.TimeoutExpired:
                 process.kill()
                 process.wait(10)
-                raise AssertionError(f"{command} did not end within {timeout} s: {_text(stdout)}{_text(stderr)}") from None
+                output = _text(stdout) + _text(stderr)
+                raise AssertionError(f"{command} did not end within {timeout} s: {output}") from None
             result = Result(process.returncode, _text(stdout), _text(stderr))
         for mark in CRASH_MARKS:
             assert mark not in result.stdout + result.stderr, f"{command} crashed: {result}"

@@ -14,8 +14,8 @@ unsigned long long nowMs()
     constexpr unsigned long long ticksPerMs = 10000;
     FILETIME time;
     GetSystemTimeAsFileTime(&time);
-    const unsigned long long ticks = (static_cast<unsigned long long>(time.dwHighDateTime) << 32)
-                                     | time.dwLowDateTime;
+    const unsigned long long ticks =
+        (static_cast<unsigned long long>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
     return (ticks - ticksTo1970) / ticksPerMs;
 }
 

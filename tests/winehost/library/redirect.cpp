@@ -41,7 +41,10 @@ public:
 
 private:
     template<typename T>
-    T *at(DWORD offset) const { return reinterpret_cast<T *>(m_base + offset); }
+    T *at(DWORD offset) const
+    {
+        return reinterpret_cast<T *>(m_base + offset);
+    }
 
     char *m_base;
 };

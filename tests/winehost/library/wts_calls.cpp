@@ -20,7 +20,8 @@ PWTS_SESSION_INFOW makeSessionInfo(const std::vector<Session> &sessions, unsigne
     auto *info = static_cast<PWTS_SESSION_INFOW>(block);
     auto *name = reinterpret_cast<wchar_t *>(static_cast<char *>(block) + arraySize);
     for (std::size_t i = 0; i < sessions.size(); ++i, name += nameLength) {
-        const std::wstring station = sessions[i].id == 0 ? L"Services" : L"RDP-Tcp#" + std::to_wstring(sessions[i].id);
+        const std::wstring station =
+            sessions[i].id == 0 ? L"Services" : L"RDP-Tcp#" + std::to_wstring(sessions[i].id);
         station.copy(name, nameLength - 1);
         info[i] = {sessions[i].id, name, sessions[i].state};
     }

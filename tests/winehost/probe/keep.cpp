@@ -20,8 +20,7 @@ int keepAlive(const Arguments &)
     }
     std::puts(JsonLine().add("ready", window != nullptr).text().c_str());
     std::fflush(stdout);
-    while (window && std::getchar() != EOF) {
-    }
+    while (window && std::getchar() != EOF) {}
     return window ? 0 : 1;
 }
 

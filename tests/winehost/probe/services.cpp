@@ -46,8 +46,8 @@ int describeService(const Arguments &arguments)
     if (size == 0 || !QueryServiceConfigW(service.get(), config, size, &size))
         return failed("QueryServiceConfigW");
     SERVICE_STATUS_PROCESS status{};
-    if (!QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO, static_cast<BYTE *>(static_cast<void *>(&status)),
-                              sizeof status, &size))
+    if (!QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO,
+                              static_cast<BYTE *>(static_cast<void *>(&status)), sizeof status, &size))
         return failed("QueryServiceStatusEx");
     JsonLine line;
     line.add("type", config->dwServiceType)
