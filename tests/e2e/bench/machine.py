@@ -10,7 +10,8 @@ from .daemon_log import DaemonLog
 from .journal import Journal
 from .network import Network
 from .paths import BUILD, OUTPUT, PRODUCT, WINEHOST, windows_path
-from .service import RUNNING, Service
+from .service import RUNNING, STOPPED, Service
+from .waiting import wait_for
 from .wine import CRASH_MARKS, Prefix
 
 # Below a prefix; the folder of the user is named after the account that Wine runs as.
@@ -73,6 +74,9 @@ class Bench(Service):
         """The last part of every test: the service stops in order if it runs, and left nothing unexpected behind."""
         if self.daemon_pids() and self.state() == RUNNING:
             self.stop()
+        wait_for(lambda: not self.daemon_pids(), 40, "the end of the daemon")
+        reports = self.journal.calls("SetServiceStatus")
+        assert not reports or reports[-1]["state"] == STOPPED, "the daemon has ended without a report of it"
         self.log.check()
         output = self.prefix.output.read_text(errors="replace")
         assert not any(mark in output for mark in CRASH_MARKS), output[-4000:]
