@@ -1,6 +1,7 @@
 #include "ipc/session_server.h"
 
 #include "common/log_category.h"
+#include "ipc/half_open_server.h"
 
 namespace ruvo {
 
@@ -8,39 +9,51 @@ SessionServer::SessionServer(quint32 sessionId, const QString &pipeName, QObject
     : QObject(parent)
     , m_sessionId(sessionId)
     , m_pipeName(pipeName)
-    , m_server(this)
 {
-    m_server.setSocketOptions(QLocalServer::WorldAccessOption);
-    connect(&m_server, &QLocalServer::newConnection, this, &SessionServer::newConnection);
+    replaceServer();
 }
 
 SessionServer::~SessionServer()
 {
-    if (m_server.isListening()) {
-        m_server.close();
+    if (m_server->isListening()) {
+        m_server->close();
         QLocalServer::removeServer(m_pipeName);
         qCDebug(lcRuvod) << "Named pipe server stopped for session" << m_sessionId;
     }
 }
 
+// A fresh one for each opening: Qt keeps the text of an old error, and one that comes a second time could not be
+// told from it.
+void SessionServer::replaceServer()
+{
+    if (m_server) {
+        m_server->disconnect(this);
+        m_server->close();
+        m_server->deleteLater();
+    }
+    m_server = new QLocalServer(this);
+    m_server->setSocketOptions(QLocalServer::WorldAccessOption);
+    connect(m_server, &QLocalServer::newConnection, this, &SessionServer::newConnection);
+}
+
 // On Windows, QLocalServer keeps a number of pipe instances waiting. A client that connects and drops at once
 // makes it close itself, or lose one instance after the other until none is left while isListening() stays
-// true; an error text that was not there when it was opened is the only trace of the second.
+// true; the error text, which a healthy server does not have, is the only trace of the second.
 bool SessionServer::isComplete() const
 {
-    return m_server.isListening() && m_server.errorString() == m_errorWhenOpened;
+    return m_server->isListening() && m_server->errorString().isEmpty();
 }
 
 bool SessionServer::start()
 {
     if (isComplete())
         return true;
-    m_server.close();
-    if (!m_server.listen(m_pipeName)) {
-        qCWarning(lcRuvod) << "Failed to start named pipe for session" << m_sessionId << ":" << m_server.errorString();
+    replaceServer();
+    if (!m_server->listen(m_pipeName)) {
+        qCWarning(lcRuvod) << "Failed to start named pipe for session" << m_sessionId << ":" << m_server->errorString();
+        closeHalfOpenServer(*m_server);
         return false;
     }
-    m_errorWhenOpened = m_server.errorString();
     qCInfo(lcRuvod) << "Named pipe server started for session" << m_sessionId << ":" << m_pipeName;
     return true;
 }

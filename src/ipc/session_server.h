@@ -22,19 +22,19 @@ public:
 
     quint32 sessionId() const { return m_sessionId; }
     QString pipeName() const { return m_pipeName; }
-    QLocalServer &server() { return m_server; }
+    /// Another one after each `start` that opened the pipe.
+    QLocalServer &server() { return *m_server; }
 
 signals:
     void newConnection();
 
 private:
+    void replaceServer();
     bool isComplete() const;
 
     const quint32 m_sessionId;
     const QString m_pipeName;
-    QLocalServer m_server;
-    /// Qt keeps the text of an error that closed the server, even when it is opened again.
-    QString m_errorWhenOpened;
+    QLocalServer *m_server = nullptr;
 };
 
 } // namespace ruvo

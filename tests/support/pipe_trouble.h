@@ -9,11 +9,12 @@ namespace ruvo::test {
 
 // What befalls a pipe server on each system, in that system's own calls.
 
-/// For as long as it lives, no server can listen on `pipeName`.
+/// For as long as it lives, no server can listen on `pipeName`. On Windows one can make `roomFor` instances of the
+/// pipe before it fails.
 class PipeNameTaken
 {
 public:
-    explicit PipeNameTaken(const QString &pipeName);
+    explicit PipeNameTaken(const QString &pipeName, unsigned roomFor = 0);
     ~PipeNameTaken();
     PipeNameTaken(const PipeNameTaken &) = delete;
     PipeNameTaken &operator=(const PipeNameTaken &) = delete;

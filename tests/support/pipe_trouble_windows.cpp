@@ -20,16 +20,17 @@ std::wstring wide(const QString &text)
 
 } // namespace
 
-/// A pipe of that name that allows no second instance.
+/// A pipe of that name that allows no more instances than there is room for.
 struct PipeNameTaken::Data
 {
     FileHandle pipe;
 };
 
-PipeNameTaken::PipeNameTaken(const QString &pipeName)
+PipeNameTaken::PipeNameTaken(const QString &pipeName, unsigned roomFor)
     : m_data(new Data)
 {
-    m_data->pipe.reset(CreateNamedPipeW(wide(pipeName).c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
+    m_data->pipe.reset(CreateNamedPipeW(wide(pipeName).c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1 + roomFor, 0, 0, 0,
+                                        nullptr));
 }
 
 PipeNameTaken::~PipeNameTaken() = default;

@@ -99,6 +99,18 @@ TEST_F(SessionServerTest, saysWhyItCannotListen)
                 ::testing::StartsWith("WARNING Failed to start named pipe for session 7 : \"QLocalServer"));
 }
 
+// A client that got hold of what was left would wait for ever.
+TEST_F(SessionServerTest, leavesNothingOpenWhenItFailsHalfway)
+{
+    SessionServer server(7, name);
+    {
+        const test::PipeNameTaken taken(name, 10);
+        ASSERT_FALSE(server.start());
+    }
+    EXPECT_FALSE(PipeClient(name).isConnected());
+    EXPECT_TRUE(server.start());
+}
+
 TEST_F(SessionServerTest, saysNothingAtItsEndIfItNeverListened)
 {
     {
