@@ -14,6 +14,11 @@
 namespace ruvo {
 namespace {
 
+void complain(const QString &text)
+{
+    writeUtf8(STD_ERROR_HANDLE, "ruvoctl: " + text.toUtf8() + '\n');
+}
+
 QString describe(DWORD error)
 {
     switch (error) {

@@ -52,9 +52,4 @@ bool writeUtf8(DWORD standardHandle, QByteArrayView text)
     return isConsole(handle) ? writeToConsole(handle, QString::fromUtf8(text)) : writeToFile(handle, text);
 }
 
-void complain(const QString &text)
-{
-    writeUtf8(STD_ERROR_HANDLE, "ruvoctl: " + text.toUtf8() + '\n');
-}
-
 } // namespace ruvo

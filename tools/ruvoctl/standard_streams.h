@@ -10,7 +10,4 @@ namespace ruvo {
 /// files and pipes get the bytes, a console gets the text. False if it cannot be written.
 bool writeUtf8(DWORD standardHandle, QByteArrayView text);
 
-/// "ruvoctl: TEXT" on standard error.
-void complain(const QString &text);
-
 } // namespace ruvo
