@@ -2,6 +2,8 @@
 
 #include "common/windows_handles.h"
 
+#include <system_error>
+
 namespace ruvo::winehost {
 
 namespace {
@@ -14,7 +16,11 @@ std::filesystem::path folderBesideThisDll()
                        reinterpret_cast<LPCWSTR>(&anchor), &self);
     wchar_t path[1024] = {};
     GetModuleFileNameW(self, path, 1024);
-    return std::filesystem::path(path).parent_path() / L"winehost";
+    const std::filesystem::path beside = std::filesystem::path(path).parent_path();
+    const std::filesystem::path above = beside.parent_path() / L"winehost";
+    std::error_code error;
+    const bool isAbove = !std::filesystem::exists(beside / L"winehost", error) && std::filesystem::exists(above, error);
+    return isAbove ? above : beside / L"winehost";
 }
 
 } // namespace

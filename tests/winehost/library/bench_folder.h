@@ -6,8 +6,9 @@
 
 namespace ruvo::winehost {
 
-/// The folder through which a test and the substitutes speak: `winehost`, beside this DLL. It needs no variable
-/// of the environment, which a program that the service manager starts would not have.
+/// The folder through which a test and the substitutes speak: `winehost`, beside this DLL, or, for a DLL in a
+/// subfolder of the program's, beside that. It needs no variable of the environment, which a program that the service
+/// manager starts would not have.
 const std::filesystem::path &benchFolder();
 
 /// A whole file of that folder, or nothing (with the last error set). Tests replace these files by renaming a

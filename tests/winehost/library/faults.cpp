@@ -1,0 +1,100 @@
+#include "faults.h"
+
+#include "bench_folder.h"
+#include "journal.h"
+#include "text.h"
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace ruvo::winehost {
+
+namespace {
+
+struct PlannedFault
+{
+    unsigned long first;
+    bool andLater;
+    DWORD error;
+
+    bool strikes(unsigned long call) const { return call == first || (andLater && call > first); }
+};
+
+struct Plan
+{
+    std::string text;
+    std::multimap<std::string, PlannedFault, std::less<>> faults;
+    std::map<std::string, unsigned long, std::less<>> calls;
+};
+
+std::mutex s_mutex;
+Plan s_plan;
+
+std::optional<PlannedFault> parseFault(const std::vector<std::string> &words)
+{
+    if (words.size() != 3)
+        return std::nullopt;
+    std::string_view which = words[1];
+    if (which == "*")
+        which = "1+";
+    const bool andLater = which.ends_with('+');
+    if (andLater)
+        which.remove_suffix(1);
+    const auto first = toNumber(which);
+    const auto error = toNumber(words[2]);
+    if (!first || *first == 0 || !error)
+        return std::nullopt;
+    return PlannedFault{*first, andLater, static_cast<DWORD>(*error)};
+}
+
+void complain(const std::vector<std::string> &words)
+{
+    std::string line;
+    for (const std::string &word : words)
+        line += (line.empty() ? "" : " ") + word;
+    JournalEntry("faults.txt").add("not-understood", std::string_view(line));
+}
+
+/// Under the mutex.
+void refreshPlan()
+{
+    std::string text = readBenchFile(L"faults.txt").value_or(std::string());
+    if (text == s_plan.text)
+        return;
+    s_plan = {std::move(text), {}, {}};
+    for (const auto &words : wordsOfLines(s_plan.text)) {
+        if (const auto fault = parseFault(words))
+            s_plan.faults.emplace(words[0], *fault);
+        else
+            complain(words);
+    }
+}
+
+} // namespace
+
+std::optional<DWORD> plannedFault(std::string_view function)
+{
+    const std::lock_guard lock(s_mutex);
+    refreshPlan();
+    const auto [first, last] = s_plan.faults.equal_range(function);
+    if (first == last)
+        return std::nullopt;
+    const unsigned long call = ++s_plan.calls[std::string(function)];
+    for (auto fault = first; fault != last; ++fault) {
+        if (fault->second.strikes(call))
+            return fault->second.error;
+    }
+    return std::nullopt;
+}
+
+void PacketFault::look(ULONGLONG now)
+{
+    m_looked.store(now, std::memory_order_relaxed);
+    const std::lock_guard lock(s_mutex);
+    refreshPlan();
+    m_planned.store(s_plan.faults.contains(m_function), std::memory_order_relaxed);
+}
+
+} // namespace ruvo::winehost
