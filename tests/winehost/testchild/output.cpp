@@ -64,9 +64,20 @@ DWORD writeAll(HANDLE handle, std::string_view bytes)
 
 DWORD appendToFile(const std::wstring &path, std::string_view bytes)
 {
-    const FileHandle file(CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                      OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    return file ? writeAll(file.get(), bytes) : GetLastError();
+    // Wine looks up the end of a file opened for appending and then writes there: without turns, processes that
+    // append at once overwrite each other.
+    const KernelHandle turn(CreateMutexW(nullptr, FALSE, L"Global\\winehost-append"));
+    const DWORD waited = WaitForSingleObject(turn.get(), 30'000);
+    if (waited != WAIT_OBJECT_0 && waited != WAIT_ABANDONED)
+        return waited == WAIT_TIMEOUT ? DWORD{ERROR_TIMEOUT} : GetLastError();
+    DWORD error = ERROR_SUCCESS;
+    {
+        const FileHandle file(CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                          OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        error = file ? writeAll(file.get(), bytes) : GetLastError();
+    }
+    ReleaseMutex(turn.get());
+    return error;
 }
 
 void setReport(const std::wstring &path)

@@ -22,7 +22,7 @@ std::optional<Stream> streamNamed(std::string_view name);
 /// Writes everything or returns the error of the write that failed. Blocks while the pipe is full.
 DWORD writeAll(HANDLE handle, std::string_view bytes);
 
-/// Appends to a file in one write, so that lines of several processes do not mix. Returns the error, 0 for none.
+/// Appends to a file; what several processes append at once neither mixes nor gets lost. Returns the error or 0.
 DWORD appendToFile(const std::wstring &path, std::string_view bytes);
 
 /// Facts go to this file from now on, instead of standard output.

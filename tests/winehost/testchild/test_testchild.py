@@ -203,6 +203,22 @@ def test_appends_to_a_file(prefix, tmp_path):
     assert path.read_text() == "once more\nonce more\n"
 
 
+def test_appends_lose_nothing_when_several_children_write_at_once(child, tmp_path):
+    path = tmp_path / "lines"
+    count = 300
+    script = [word for _ in range(count) for word in ("--append", windows_path(path), "a line")]
+    children = [child("--report", windows_path(path), "--print", "ready", "--read-line", *script) for _ in range(4)]
+    for process in children:
+        assert process.stdout.readline() == b"ready\n"
+    for process in children:
+        process.stdin.write(b"go\n")
+        process.stdin.flush()
+    for process in children:
+        assert process.wait(timeout=60) == 0
+    fact = '{"fact":"line","text":"go"}'
+    assert sorted(path.read_text().splitlines()) == ["a line"] * count * 4 + [fact] * 4
+
+
 def test_tells_its_pid(child):
     process = child("--pid", "--wait")
     assert facts_of(process.stdout.readline().decode())[0]["pid"] > 0
