@@ -185,7 +185,10 @@ void CommunicationServer::serveSession(quint32 sessionId)
         delete server; // never listened, so nothing of it is in the event loop
         return;
     }
-    connect(server, &SessionServer::newConnection, this, &CommunicationServer::onNewConnection);
+    // Queued: while connections come fast, QLocalServer accepts without returning to the event loop as long as they
+    // are taken from it at once. Left to wait, they fill its short list, and it lets the other pipes and clients have
+    // their turn.
+    connect(server, &SessionServer::newConnection, this, &CommunicationServer::onNewConnection, Qt::QueuedConnection);
     m_sessionServers.insert(sessionId, server);
     // A client that came while the pipe was being made (Windows) was signalled to nobody. Left pending, it would be
     // taken in place of the next one, and every client after it one too late.
