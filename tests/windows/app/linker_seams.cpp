@@ -3,6 +3,8 @@
 #include "daemon/ruvo_daemon.h"
 #include "ipc/communication_server.h"
 
+#include <QThread>
+
 namespace ruvo {
 
 // The names are those that the compiler gives to the members; "__real_" leads to the members themselves.
@@ -12,6 +14,9 @@ bool realStart(CommunicationServer *server,
 bool wrappedStart(CommunicationServer *server,
                   const QString &name) asm("__wrap__ZN4ruvo19CommunicationServer5startERK7QString");
 
+void realBroadcast(RuvoDaemon *daemon) asm("__real__ZN4ruvo10RuvoDaemon23broadcastClientShutdownEv");
+void wrappedBroadcast(RuvoDaemon *daemon) asm("__wrap__ZN4ruvo10RuvoDaemon23broadcastClientShutdownEv");
+
 void realDestruction(RuvoDaemon *daemon) asm("__real__ZN4ruvo10RuvoDaemonD1Ev");
 void wrappedDestruction(RuvoDaemon *daemon) asm("__wrap__ZN4ruvo10RuvoDaemonD1Ev");
 
@@ -19,6 +24,13 @@ bool wrappedStart(CommunicationServer *server, const QString &name)
 {
     const auto &hook = test::linkerSeams().communicationServerStart;
     return hook ? hook() : realStart(server, name);
+}
+
+void wrappedBroadcast(RuvoDaemon *daemon)
+{
+    if (const auto &hook = test::linkerSeams().beforeBroadcast)
+        hook(daemon->thread() == QThread::currentThread());
+    realBroadcast(daemon);
 }
 
 void wrappedDestruction(RuvoDaemon *daemon)

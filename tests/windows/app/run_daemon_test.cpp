@@ -105,6 +105,7 @@ TEST(RunDaemon, tellsEveryClientToCloseOnTheInstallersControl)
     EXPECT_EQ(process.log().count(received), 1);
     EXPECT_EQ(process.log().count(told), 1);
     EXPECT_LT(process.log().indexOf(received), process.log().indexOf(told));
+    EXPECT_EQ(process.notes("broadcast "), QStringList("on the daemon's thread"));
     EXPECT_EQ(process.reports(), QStringList({startPending, running}));
     stopAndExpectACleanEnd(process);
 }

@@ -98,6 +98,9 @@ void setSeams(const Options &options, FakeServiceManager &manager, Signal &entry
         seams.communicationServerStart = [] { return false; };
     if (options.has("start-raises"))
         seams.communicationServerStart = []() -> bool { throw std::runtime_error("no"); };
+    seams.beforeBroadcast = [](bool onItsThread) {
+        note(onItsThread ? "broadcast on the daemon's thread" : "broadcast on another thread");
+    };
     seams.beforeDaemonDestruction = [&, late = options.has("late-controls")] {
         note("destroying the daemon");
         if (late) {
