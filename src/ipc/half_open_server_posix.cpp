@@ -3,8 +3,6 @@
 namespace ruvo {
 
 // Here `listen` closes its socket itself when it fails.
-void closeHalfOpenServer(QLocalServer &)
-{
-}
+void closeHalfOpenServer(QLocalServer &) {}
 
 } // namespace ruvo

@@ -6,9 +6,7 @@
 namespace ruvo {
 
 SessionServer::SessionServer(quint32 sessionId, const QString &pipeName, QObject *parent)
-    : QObject(parent)
-    , m_sessionId(sessionId)
-    , m_pipeName(pipeName)
+    : QObject(parent), m_sessionId(sessionId), m_pipeName(pipeName)
 {
     replaceServer();
 }
@@ -50,7 +48,8 @@ bool SessionServer::start()
         return true;
     replaceServer();
     if (!m_server->listen(m_pipeName)) {
-        qCWarning(lcRuvod) << "Failed to start named pipe for session" << m_sessionId << ":" << m_server->errorString();
+        qCWarning(lcRuvod) << "Failed to start named pipe for session" << m_sessionId << ":"
+                           << m_server->errorString();
         closeHalfOpenServer(*m_server);
         return false;
     }

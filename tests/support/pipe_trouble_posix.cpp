@@ -16,8 +16,7 @@ struct PipeNameTaken::Data
     QString path;
 };
 
-PipeNameTaken::PipeNameTaken(const QString &pipeName, unsigned)
-    : m_data(new Data{QDir::tempPath() + u'/' + pipeName})
+PipeNameTaken::PipeNameTaken(const QString &pipeName, unsigned) : m_data(new Data{QDir::tempPath() + u'/' + pipeName})
 {
     QDir().mkpath(m_data->path);
 }

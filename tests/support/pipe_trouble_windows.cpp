@@ -26,11 +26,10 @@ struct PipeNameTaken::Data
     FileHandle pipe;
 };
 
-PipeNameTaken::PipeNameTaken(const QString &pipeName, unsigned roomFor)
-    : m_data(new Data)
+PipeNameTaken::PipeNameTaken(const QString &pipeName, unsigned roomFor) : m_data(new Data)
 {
-    m_data->pipe.reset(CreateNamedPipeW(wide(pipeName).c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1 + roomFor, 0, 0, 0,
-                                        nullptr));
+    m_data->pipe.reset(
+        CreateNamedPipeW(wide(pipeName).c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1 + roomFor, 0, 0, 0, nullptr));
 }
 
 PipeNameTaken::~PipeNameTaken() = default;
@@ -41,10 +40,11 @@ bool loseListener(QLocalServer &server, const QString &pipeName)
     std::atomic<bool> stop = false;
     std::thread clients([&stop, name = wide(pipeName)] {
         while (!stop)
-            FileHandle(CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+            FileHandle(
+                CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     });
-    const bool lost = waitUntil([&] { return !server.isListening() || !server.errorString().isEmpty(); },
-                                std::chrono::seconds(60));
+    const bool lost =
+        waitUntil([&] { return !server.isListening() || !server.errorString().isEmpty(); }, std::chrono::seconds(60));
     stop = true;
     clients.join();
     return lost;

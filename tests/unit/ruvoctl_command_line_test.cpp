@@ -65,7 +65,8 @@ TEST(RuvoctlCommandLine, saysWhatIsWrong)
 {
     EXPECT_EQ(errorOf({"list"}), "--session N is missing: which Windows session's pipe?");
     EXPECT_EQ(errorOf({"--session", "one"}), "--session takes a number from 0 to 4294967295, not 'one'");
-    EXPECT_EQ(errorOf({"--session", "4294967296"}), "--session takes a number from 0 to 4294967295, not '4294967296'");
+    EXPECT_EQ(errorOf({"--session", "4294967296"}),
+              "--session takes a number from 0 to 4294967295, not '4294967296'");
     EXPECT_EQ(errorOf({"--session", "1", "--timeout", "-1"}),
               "--timeout takes a number from 0 to 86400000, not '-1'");
     EXPECT_EQ(errorOf({"--session", "1", "--linger", ""}), "--linger takes a number from 0 to 86400000, not ''");

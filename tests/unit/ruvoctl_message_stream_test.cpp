@@ -17,8 +17,10 @@ protected:
     void begin(std::chrono::milliseconds linger, std::chrono::milliseconds timeout = 30s)
     {
         stream = std::make_unique<MessageStream>(client, linger, timeout);
-        QObject::connect(stream.get(), &MessageStream::output, &client, [this](const QByteArray &line) { output += line; });
-        QObject::connect(stream.get(), &MessageStream::problem, &client, [this](const QString &text) { problems += text; });
+        QObject::connect(stream.get(), &MessageStream::output, &client,
+                         [this](const QByteArray &line) { output += line; });
+        QObject::connect(stream.get(), &MessageStream::problem, &client,
+                         [this](const QString &text) { problems += text; });
         QObject::connect(stream.get(), &MessageStream::inputWanted, &client, [this] { ++inputsWanted; });
         QObject::connect(stream.get(), &MessageStream::finished, &client, [this](int status) { ends += status; });
     }

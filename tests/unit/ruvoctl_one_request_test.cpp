@@ -16,8 +16,10 @@ protected:
     OneRequest &begin(const QJsonObject &request, std::chrono::milliseconds timeout = 30s)
     {
         m_request = std::make_unique<OneRequest>(client, request, timeout);
-        QObject::connect(m_request.get(), &OneRequest::output, &client, [this](const QByteArray &line) { output += line; });
-        QObject::connect(m_request.get(), &OneRequest::problem, &client, [this](const QString &text) { problems += text; });
+        QObject::connect(m_request.get(), &OneRequest::output, &client,
+                         [this](const QByteArray &line) { output += line; });
+        QObject::connect(m_request.get(), &OneRequest::problem, &client,
+                         [this](const QString &text) { problems += text; });
         QObject::connect(m_request.get(), &OneRequest::finished, &client, [this](int status) { ends += status; });
         m_request->start();
         return *m_request;

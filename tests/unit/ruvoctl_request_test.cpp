@@ -32,8 +32,9 @@ TEST(BuildRequest, keepsTextAsText)
 
 TEST(BuildRequest, takesAnyJsonValueAfterColonEquals)
 {
-    const QJsonObject request = buildRequest("start", {"a:=7", "b:=true", "c:=null", "d:=[1,\"x=y\"]", "e:={\"f\":2.5}",
-                                                       "g:=\"text\"", "h:=9007199254740993"}).value();
+    const QJsonObject request = buildRequest("start", {"a:=7", "b:=true", "c:=null", "d:=[1,\"x=y\"]",
+                                                       "e:={\"f\":2.5}", "g:=\"text\"", "h:=9007199254740993"})
+                                    .value();
     EXPECT_EQ(request["a"], QJsonValue(7));
     EXPECT_EQ(request["b"], QJsonValue(true));
     EXPECT_EQ(request["c"], QJsonValue(QJsonValue::Null));

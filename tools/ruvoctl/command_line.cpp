@@ -34,8 +34,12 @@ std::optional<QString> readNumber(const QCommandLineParser &parser, const QStrin
 std::expected<CommandLine, QString> parseCommandLine(const QStringList &arguments)
 {
     QCommandLineParser parser;
-    parser.addOptions({{{"h", "help"}, {}}, {{"v", "version"}, {}}, {"session", {}, "N"}, {"no-heartbeat", {}},
-                       {"timeout", {}, "MS"}, {"linger", {}, "MS"}});
+    parser.addOptions({{{"h", "help"}, {}},
+                       {{"v", "version"}, {}},
+                       {"session", {}, "N"},
+                       {"no-heartbeat", {}},
+                       {"timeout", {}, "MS"},
+                       {"linger", {}, "MS"}});
     if (!parser.parse(arguments))
         return std::unexpected(parser.errorText());
 

@@ -21,7 +21,8 @@ struct InputReader::Shared
     {
         const QMutexLocker lock(&mutex);
         if (reader)
-            QMetaObject::invokeMethod(reader, [this, function] { function(*reader); }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                reader, [this, function] { function(*reader); }, Qt::QueuedConnection);
     }
 };
 
@@ -58,9 +59,7 @@ QByteArray readFile(HANDLE file)
 
 } // namespace
 
-InputReader::InputReader(QObject *parent)
-    : QObject(parent)
-    , m_shared(std::make_shared<Shared>())
+InputReader::InputReader(QObject *parent) : QObject(parent), m_shared(std::make_shared<Shared>())
 {
     m_shared->reader = this;
 }

@@ -24,10 +24,8 @@ QString describe(DWORD error)
     switch (error) {
     case ERROR_FILE_NOT_FOUND:
         return QStringLiteral("there is no such pipe (is the service running, and a user logged on to the session?)");
-    case ERROR_PIPE_BUSY:
-        return QStringLiteral("the service did not take the connection in time");
-    default:
-        return QStringLiteral("Windows error %1").arg(error);
+    case ERROR_PIPE_BUSY: return QStringLiteral("the service did not take the connection in time");
+    default: return QStringLiteral("Windows error %1").arg(error);
     }
 }
 
@@ -37,7 +35,8 @@ void follow(const Conversation &conversation, OutputWriter &writer)
 {
     QObject::connect(&conversation, &Conversation::output, &writer, &OutputWriter::write);
     QObject::connect(&conversation, &Conversation::problem, complain);
-    QObject::connect(&conversation, &Conversation::finished, qApp, [](int status) { QCoreApplication::exit(status); });
+    QObject::connect(&conversation, &Conversation::finished, qApp,
+                     [](int status) { QCoreApplication::exit(status); });
 }
 
 int converse(const CommandLine &line, PipeClient &client)
@@ -86,13 +85,11 @@ int runFromArguments(const QStringList &arguments)
         return ExitUsage;
     }
     switch (line->mode) {
-    case CommandLine::Mode::Help:
-        return writeUtf8(STD_OUTPUT_HANDLE, helpText().toUtf8()) ? ExitSuccess : ExitError;
+    case CommandLine::Mode::Help: return writeUtf8(STD_OUTPUT_HANDLE, helpText().toUtf8()) ? ExitSuccess : ExitError;
     case CommandLine::Mode::Version:
         return writeUtf8(STD_OUTPUT_HANDLE, QByteArray("ruvoctl ") + version + '\n') ? ExitSuccess : ExitError;
     case CommandLine::Mode::Stream:
-    case CommandLine::Mode::OneRequest:
-        break;
+    case CommandLine::Mode::OneRequest: break;
     }
     return run(*line);
 }

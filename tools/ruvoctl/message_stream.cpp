@@ -9,10 +9,7 @@ namespace ruvo {
 
 MessageStream::MessageStream(PipeClient &client, std::chrono::milliseconds linger, std::chrono::milliseconds timeout,
                              QObject *parent)
-    : QObject(parent)
-    , m_client(client)
-    , m_linger(linger)
-    , m_timeout(timeout)
+    : QObject(parent), m_client(client), m_linger(linger), m_timeout(timeout)
 {
     connect(&client, &PipeClient::messageReceived, this,
             [this](const QJsonObject &message) { emit output(toCompactJson(message)); });

@@ -8,10 +8,7 @@ namespace ruvo {
 
 OneRequest::OneRequest(PipeClient &client, const QJsonObject &request, std::chrono::milliseconds timeout,
                        QObject *parent)
-    : QObject(parent)
-    , m_client(client)
-    , m_request(request)
-    , m_timeout(timeout)
+    : QObject(parent), m_client(client), m_request(request), m_timeout(timeout)
 {
     connect(&client, &PipeClient::messageReceived, this, &OneRequest::onMessage);
     connect(&client, &PipeClient::malformedMessage, this,

@@ -4,11 +4,7 @@
 
 namespace ruvo {
 
-OutputWriter::OutputWriter(QObject *parent)
-    : QObject(parent)
-    , m_thread([this] { run(); })
-{
-}
+OutputWriter::OutputWriter(QObject *parent) : QObject(parent), m_thread([this] { run(); }) {}
 
 OutputWriter::~OutputWriter()
 {

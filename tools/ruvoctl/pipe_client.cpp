@@ -18,15 +18,14 @@ QString newHeartbeatId()
 } // namespace
 
 PipeClient::PipeClient(std::unique_ptr<QLocalSocket> socket, QObject *parent)
-    : QObject(parent)
-    , m_socket(std::move(socket))
-    , m_heartbeatId(newHeartbeatId())
+    : QObject(parent), m_socket(std::move(socket)), m_heartbeatId(newHeartbeatId())
 {
     connect(m_socket.get(), &QLocalSocket::readyRead, this, &PipeClient::readMessages);
     connect(m_socket.get(), &QLocalSocket::bytesWritten, this, &PipeClient::bytesWritten);
     connect(m_socket.get(), &QLocalSocket::disconnected, this, &PipeClient::onDisconnected);
-    connect(&m_heartbeatTimer, &QTimer::timeout, this,
-            [this] { send(toCompactJson({{"action", "heartbeat"}, {"request-id", m_heartbeatId}})); });
+    connect(&m_heartbeatTimer, &QTimer::timeout, this, [this] {
+        send(toCompactJson({{"action", "heartbeat"}, {"request-id", m_heartbeatId}}));
+    });
 
     // What happened before the signals were connected is not signalled again.
     QMetaObject::invokeMethod(this, &PipeClient::readMessages, Qt::QueuedConnection);

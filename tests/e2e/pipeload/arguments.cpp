@@ -9,7 +9,8 @@ qint64 parseNumber(const QString &name, const QString &text, qint64 max)
     bool ok = false;
     const qint64 number = text.toLongLong(&ok);
     if (!ok || number < 0 || number > max)
-        throw UsageError(qPrintable(QStringLiteral("--%1: '%2' is not a number from 0 to %3").arg(name, text).arg(max)));
+        throw UsageError(
+            qPrintable(QStringLiteral("--%1: '%2' is not a number from 0 to %3").arg(name, text).arg(max)));
     return number;
 }
 

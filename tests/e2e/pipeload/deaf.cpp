@@ -66,7 +66,9 @@ public:
     QJsonObject result() const
     {
         const bool disconnected = m_outcome == RawPipe::Outcome::Closed;
-        return {{"command", "deaf"}, {"sentBytes", m_sentBytes}, {"disconnected", disconnected},
+        return {{"command", "deaf"},
+                {"sentBytes", m_sentBytes},
+                {"disconnected", disconnected},
                 {"disconnectedMs", disconnected ? m_clock.elapsed() : -1},
                 {"writeTimedOut", m_outcome == RawPipe::Outcome::TimedOut}};
     }
@@ -96,8 +98,8 @@ int runDeaf(Arguments arguments)
         return ExitFailed;
     }
     DeafClient client(std::move(*handle));
-    const QByteArray request = encodeFrame(
-        toCompactJson({{"action", "nosuch"}, {"request-id", QString(requestSize, QLatin1Char('x'))}}));
+    const QByteArray request =
+        encodeFrame(toCompactJson({{"action", "nosuch"}, {"request-id", QString(requestSize, QLatin1Char('x'))}}));
     if (client.flood(bytes, request))
         client.stay(hold);
     writeUtf8(STD_OUTPUT_HANDLE, toCompactJson(client.result()) + '\n');

@@ -21,11 +21,7 @@ class Fleet : public QObject
 public:
     Fleet(const LoadPlan &plan, LoadTotals &totals, const QList<quint32> &sessions, quint64 seed,
           std::chrono::milliseconds timeout)
-        : m_plan(plan)
-        , m_totals(totals)
-        , m_sessions(sessions)
-        , m_nextSeed(seed)
-        , m_timeout(timeout)
+        : m_plan(plan), m_totals(totals), m_sessions(sessions), m_nextSeed(seed), m_timeout(timeout)
     {
         connect(&m_progressTimer, &QTimer::timeout, this, &Fleet::checkProgress);
         m_progressTimer.start(1s);
@@ -89,14 +85,22 @@ double percentile(std::vector<float> &values, double part)
 
 QJsonObject resultOf(LoadTotals &totals, qint64 clients, double seconds)
 {
-    return {{"command", "load"}, {"clients", clients},
-            {"requests", totals.requests}, {"heartbeats", totals.heartbeats}, {"answers", totals.answers},
-            {"sentBytes", totals.sentBytes}, {"receivedBytes", totals.receivedBytes}, {"unpadded", totals.unpadded},
-            {"seconds", seconds}, {"requestsPerSecond", static_cast<double>(totals.answers) / seconds},
+    return {{"command", "load"},
+            {"clients", clients},
+            {"requests", totals.requests},
+            {"heartbeats", totals.heartbeats},
+            {"answers", totals.answers},
+            {"sentBytes", totals.sentBytes},
+            {"receivedBytes", totals.receivedBytes},
+            {"unpadded", totals.unpadded},
+            {"seconds", seconds},
+            {"requestsPerSecond", static_cast<double>(totals.answers) / seconds},
             {"medianLatencyMs", percentile(totals.latenciesMs, 0.5)},
             {"maxLatencyMs", percentile(totals.latenciesMs, 1)},
-            {"vanished", totals.vanished}, {"connectRetries", totals.connectRetries},
-            {"failures", totals.failures}, {"firstFailures", totals.firstFailures}};
+            {"vanished", totals.vanished},
+            {"connectRetries", totals.connectRetries},
+            {"failures", totals.failures},
+            {"firstFailures", totals.firstFailures}};
 }
 
 } // namespace

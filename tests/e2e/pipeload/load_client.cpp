@@ -20,11 +20,7 @@ constexpr qsizetype reportedFailures = 10;
 } // namespace
 
 LoadClient::LoadClient(const LoadPlan &plan, LoadTotals &totals, quint32 session, quint64 seed, QObject *parent)
-    : QObject(parent)
-    , m_plan(plan)
-    , m_totals(totals)
-    , m_session(session)
-    , m_mix(plan.sizes, plan.padding, seed)
+    : QObject(parent), m_plan(plan), m_totals(totals), m_session(session), m_mix(plan.sizes, plan.padding, seed)
 {
     if (m_mix.random(99) < plan.killPercent)
         m_vanishAfter = m_mix.random(plan.requests);

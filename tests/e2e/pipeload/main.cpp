@@ -16,9 +16,10 @@ struct Command
 constexpr Command commands[] = {
     {"load", runLoad, R"(  load     many clients at once; every answer must come once, in order, with its request-id
            --sessions 1,2 --clients 200 --requests 1000 --outstanding 8 --small-size 4096 --max-size 1048576
-           --large-percent 1 --max-total BYTES (2 GiB) --kill-percent 0 --seed 1 --timeout MS (without progress)
+           --large-percent 1 --max-total BYTES (2 GiB, then no padding) --kill-percent 0 --seed 1 --timeout MS (without progress)
 )"},
-    {"storm", runStorm, R"(  storm    connections that are dropped at once, and how good clients fare meanwhile and afterwards
+    {"storm", runStorm,
+     R"(  storm    connections that are dropped at once, and how good clients fare meanwhile and afterwards
            --session 1 --count 10000 --threads 4 --probe 1,2 --timeout MS
 )"},
     {"silent", runSilent, R"(  silent   clients that never send a byte: when is each of them dropped?

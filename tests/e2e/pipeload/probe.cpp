@@ -102,9 +102,12 @@ void ProbeSeries::run(const std::stop_token &stop, quint32 session)
         std::this_thread::sleep_for(probeInterval);
     }
     const std::lock_guard lock(m_mutex);
-    m_results.append(QJsonObject{{"session", static_cast<qint64>(session)}, {"probes", summary.probes},
-                                 {"failed", summary.failed}, {"maxMs", summary.maxMs},
-                                 {"retried", summary.retried}, {"maxRetriedMs", summary.maxRetriedMs}});
+    m_results.append(QJsonObject{{"session", static_cast<qint64>(session)},
+                                 {"probes", summary.probes},
+                                 {"failed", summary.failed},
+                                 {"maxMs", summary.maxMs},
+                                 {"retried", summary.retried},
+                                 {"maxRetriedMs", summary.maxRetriedMs}});
 }
 
 } // namespace ruvo::test

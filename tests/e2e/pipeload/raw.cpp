@@ -122,7 +122,9 @@ public:
 
     QJsonObject result()
     {
-        return {{"command", "raw"}, {"messages", m_listener.received()}, {"failures", m_failures},
+        return {{"command", "raw"},
+                {"messages", m_listener.received()},
+                {"failures", m_failures},
                 {"disconnected", m_listener.waitForDisconnect(0ms)}};
     }
     bool passed() const { return m_failures.isEmpty(); }
@@ -157,8 +159,7 @@ int runRaw(Arguments arguments)
     }
     RawSession session(std::move(*handle));
     std::string line;
-    while (std::getline(std::cin, line) && session.follow(QByteArray::fromStdString(line).trimmed())) {
-    }
+    while (std::getline(std::cin, line) && session.follow(QByteArray::fromStdString(line).trimmed())) {}
     writeUtf8(STD_OUTPUT_HANDLE, toCompactJson(session.result()) + '\n');
     return session.passed() ? ExitPassed : ExitFailed;
 }

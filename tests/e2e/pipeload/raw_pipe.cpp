@@ -12,8 +12,7 @@ RawPipe::RawPipe(FileHandle pipe)
     : m_pipe(std::move(pipe))
     , m_readEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
     , m_writeEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
-{
-}
+{}
 
 RawPipe::Outcome RawPipe::write(QByteArrayView bytes, std::chrono::milliseconds timeout)
 {

@@ -28,15 +28,13 @@ QJsonObject failure(const QString &text)
 } // namespace
 
 RequestMix::RequestMix(const RequestSizes &sizes, const QByteArray &padding, quint64 seed)
-    : m_sizes(sizes)
-    , m_padding(padding)
-    , m_random(seed)
-{
-}
+    : m_sizes(sizes), m_padding(padding), m_random(seed)
+{}
 
 QByteArray RequestMix::makePadding(qint64 size, quint64 seed)
 {
-    static constexpr const char *units[] = {"abcd", "\xC3\xA9\xC3\xBC", "\xE2\x82\xAC ", "\xF0\x9F\x9A\x80", "{}[]", "0,:7"};
+    static constexpr const char *units[] = {"abcd", "\xC3\xA9\xC3\xBC", "\xE2\x82\xAC ", "\xF0\x9F\x9A\x80", "{}[]",
+                                            "0,:7"};
     std::mt19937_64 random(seed);
     QByteArray padding;
     padding.reserve(2 * size + paddingUnit);

@@ -74,9 +74,11 @@ QJsonObject resultOf(const std::vector<SilentClient> &clients)
         greeted += client.greetedMs() >= 0;
         maxGreetedMs = std::max(maxGreetedMs, client.greetedMs());
     }
-    return {{"command", "silent"}, {"clients", static_cast<qint64>(clients.size())},
-            {"greeted", greeted}, {"maxGreetedMs", maxGreetedMs},
-            {"dropped", droppedMs.size()}, {"droppedMs", droppedMs}};
+    return {
+        {"command", "silent"},         {"clients", static_cast<qint64>(clients.size())},
+        {"greeted", greeted},          {"maxGreetedMs", maxGreetedMs},
+        {"dropped", droppedMs.size()}, {"droppedMs", droppedMs},
+    };
 }
 
 } // namespace

@@ -31,8 +31,7 @@ struct Storm
 
     void blow()
     {
-        while (left.fetch_sub(1) > 0 && connectAndDrop()) {
-        }
+        while (left.fetch_sub(1) > 0 && connectAndDrop()) {}
     }
 
     bool connectAndDrop()
@@ -84,9 +83,13 @@ int runStorm(Arguments arguments)
     const double seconds = static_cast<double>(clock.nsecsElapsed()) / 1e9;
     // At once: this is how long the backlog takes. The probes that still go on are good clients, too.
     const QJsonArray after = probeAll(probed);
-    const QJsonObject result{{"command", "storm"}, {"connected", storm.connected.load()}, {"seconds", seconds},
-                             {"busy", storm.busy.load()}, {"missing", storm.missing.load()},
-                             {"during", probes.finish()}, {"after", after}};
+    const QJsonObject result{{"command", "storm"},
+                             {"connected", storm.connected.load()},
+                             {"seconds", seconds},
+                             {"busy", storm.busy.load()},
+                             {"missing", storm.missing.load()},
+                             {"during", probes.finish()},
+                             {"after", after}};
     writeUtf8(STD_OUTPUT_HANDLE, toCompactJson(result) + '\n');
     return storm.connected == count ? ExitPassed : ExitFailed;
 }
