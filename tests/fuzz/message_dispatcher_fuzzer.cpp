@@ -48,7 +48,10 @@ RequestServices recordingServices(Record &record)
         FUZZ_CHECK(!path.isEmpty());
         ++record.updates;
     };
-    services.clearLogs = [&record] { ++record.updates; return record.works; };
+    services.clearLogs = [&record] {
+        ++record.updates;
+        return record.works;
+    };
     services.quit = [] {};
     services.isStopping = [&record] { return !record.works; };
     services.startProcess = [result](const QJsonObject &) { return result(); };
@@ -57,7 +60,10 @@ RequestServices recordingServices(Record &record)
     services.restartProcess = byId;
     services.processStatus = byId;
     services.listProcesses = result;
-    services.writeToProcess = [&record](const QString &, const QByteArray &) { ++record.updates; return record.works; };
+    services.writeToProcess = [&record](const QString &, const QByteArray &) {
+        ++record.updates;
+        return record.works;
+    };
     services.startTun = [result](const QJsonObject &) { return result(); };
     services.stopTun = result;
     services.tunStatus = result;

@@ -20,8 +20,8 @@ inline QList<QByteArray> plainFrames(QByteArrayView stream)
             length = length * 256 + static_cast<unsigned char>(stream[static_cast<qsizetype>(position + i)]);
         if (size - position - 4 < length)
             break;
-        payloads.append(stream.sliced(static_cast<qsizetype>(position + 4), static_cast<qsizetype>(length))
-                            .toByteArray());
+        payloads.append(
+            stream.sliced(static_cast<qsizetype>(position + 4), static_cast<qsizetype>(length)).toByteArray());
         position += 4 + length;
     }
     return payloads;

@@ -12,8 +12,7 @@ struct StandardErrorToFile::Data
     int before;
 };
 
-StandardErrorToFile::StandardErrorToFile(const QString &path)
-    : m_data(new Data{dup(STDERR_FILENO)})
+StandardErrorToFile::StandardErrorToFile(const QString &path) : m_data(new Data{dup(STDERR_FILENO)})
 {
     const int file = open(QFile::encodeName(path).constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     dup2(file, STDERR_FILENO);

@@ -41,10 +41,7 @@ protected:
         QObject::connect(&server, &Server::serverError, [this] { signalled.append("server error"); });
     }
 
-    QString pipeName(quint32 session) const
-    {
-        return QString(R"(\\.\pipe\%1-%2)").arg(serverName).arg(session);
-    }
+    QString pipeName(quint32 session) const { return QString(R"(\\.\pipe\%1-%2)").arg(serverName).arg(session); }
     /// A client that the server has accepted; null if it did not.
     std::unique_ptr<test::PipeClient> connectClient(quint32 session = 1)
     {

@@ -119,9 +119,8 @@ TEST_F(CommunicationServerHeartbeat, reportsSessionZeroForAClientThatLeftWhileAn
     const auto first = connectClient();
     const auto second = connectClient();
     ASSERT_TRUE(first && second);
-    QObject::connect(&server, &CommunicationServer::clientTimedOut, [this](const QString &id) {
-        server.onClientDisconnected(id == ids[0] ? ids[1] : ids[0]);
-    });
+    QObject::connect(&server, &CommunicationServer::clientTimedOut,
+                     [this](const QString &id) { server.onClientDisconnected(id == ids[0] ? ids[1] : ids[0]); });
     checkAt(5000ms);
     checkAt(10000ms);
     checkAt(15000ms);
@@ -210,9 +209,15 @@ TEST(CommunicationServerTimers, pollEveryThreeSecondsFromTheStartAndCheckHeartbe
         checks.append(elapsed.elapsed());
         return CommunicationServer::Milliseconds(elapsed.elapsed());
     };
-    CommunicationServer polling([&] { polls.append(elapsed.elapsed()); return QList<quint32>(); });
+    CommunicationServer polling([&] {
+        polls.append(elapsed.elapsed());
+        return QList<quint32>();
+    });
     CommunicationServer checking([] { return QList<quint32>(); }, nullptr, clock);
-    CommunicationServer stopped([&] { pollsAfterStop.append(elapsed.elapsed()); return QList<quint32>(); });
+    CommunicationServer stopped([&] {
+        pollsAfterStop.append(elapsed.elapsed());
+        return QList<quint32>();
+    });
 
     polling.start("ruvod-test-timers");
     stopped.start("ruvod-test-timers");

@@ -27,12 +27,12 @@ TEST_F(CommunicationServerTest, opensAPipeForEachSessionAtItsStart)
     sessions = {1, 22};
     EXPECT_TRUE(server.start(serverName));
     EXPECT_EQ(log.lines(), (QStringList{
-        "INFO Creating pipe for new active session 1",
-        "INFO Named pipe server started for session 1 : \"" + escaped(pipeName(1)) + '"',
-        "INFO Creating pipe for new active session 22",
-        "INFO Named pipe server started for session 22 : \"" + escaped(pipeName(22)) + '"',
-        "DEBUG Session polling started (every 3 seconds)",
-    }));
+                               "INFO Creating pipe for new active session 1",
+                               "INFO Named pipe server started for session 1 : \"" + escaped(pipeName(1)) + '"',
+                               "INFO Creating pipe for new active session 22",
+                               "INFO Named pipe server started for session 22 : \"" + escaped(pipeName(22)) + '"',
+                               "DEBUG Session polling started (every 3 seconds)",
+                           }));
     EXPECT_TRUE(canConnect(1));
     EXPECT_TRUE(canConnect(22));
     EXPECT_FALSE(canConnect(2));

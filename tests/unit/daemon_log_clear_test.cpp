@@ -52,8 +52,8 @@ TEST_F(ClearLogs, removesTheLogAndItsOldGeneration)
     make(path + ".old");
     EXPECT_TRUE(clearLogFiles(path));
     EXPECT_TRUE(QDir(folder.path()).isEmpty());
-    EXPECT_EQ(log.lines(), (QStringList{checkingMain(), mainExists, mainRemoved, checkingOld(), oldExists, oldRemoved,
-                                        cleared}));
+    EXPECT_EQ(log.lines(),
+              (QStringList{checkingMain(), mainExists, mainRemoved, checkingOld(), oldExists, oldRemoved, cleared}));
 }
 
 TEST_F(ClearLogs, removesTheLogAlone)
@@ -97,8 +97,8 @@ TEST_F(ClearLogs, failsIfBothStay)
     makeUnremovable(path);
     makeUnremovable(path + ".old");
     EXPECT_FALSE(clearLogFiles(path));
-    EXPECT_EQ(log.lines(), (QStringList{checkingMain(), mainExists, mainFailed, checkingOld(), oldExists, oldFailed,
-                                        notCleared}));
+    EXPECT_EQ(log.lines(),
+              (QStringList{checkingMain(), mainExists, mainFailed, checkingOld(), oldExists, oldFailed, notCleared}));
 }
 
 TEST_F(ClearLogs, failsWithoutAPath)

@@ -19,7 +19,7 @@ protected:
     static qint64 lineSize(const char *text)
     {
         return formatLogLine(QtInfoMsg, text, QDateTime::currentDateTime()).size()
-            + static_cast<qint64>(sizeof(lineEnd) - sizeof("\n"));
+               + static_cast<qint64>(sizeof(lineEnd) - sizeof("\n"));
     }
     /// The hundredth message since the last look at the size makes the file this large.
     void growWithTheHundredthMessageTo(qint64 size)

@@ -25,8 +25,8 @@ TEST(FormatLogLine, hasAWordForEachLevelAndNoneForOthers)
     const QDateTime time(QDate(2024, 2, 3), QTime(4, 5, 6, 7));
     constexpr auto unknown = static_cast<QtMsgType>(7);
     const std::pair<QtMsgType, QByteArray> words[] = {
-        {QtDebugMsg, "DEBUG"}, {QtInfoMsg, "INFO"},   {QtWarningMsg, "WARNING"}, {QtCriticalMsg, "CRITICAL"},
-        {QtFatalMsg, "FATAL"}, {unknown, ""},
+        {QtDebugMsg, "DEBUG"},       {QtInfoMsg, "INFO"},   {QtWarningMsg, "WARNING"},
+        {QtCriticalMsg, "CRITICAL"}, {QtFatalMsg, "FATAL"}, {unknown, ""},
     };
     for (const auto &[type, word] : words)
         EXPECT_EQ(formatLogLine(type, "x", time), "[2024-02-03 04:05:06.007] " + word + ": x\n");
@@ -116,7 +116,8 @@ TEST_F(DaemonLogTest, writesEachMessageToTheFileAndToStandardError)
                             "\\[T\\] WARNING: of QtE\\z";
     const auto matches = [&](const QByteArray &text, const char *end) {
         QString expected = pattern;
-        expected.replace("T\\", "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\").replace("E\\", QString(end) + '\\');
+        expected.replace("T\\", "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\")
+            .replace("E\\", QString(end) + '\\');
         return QRegularExpression(expected).match(QString::fromUtf8(text)).hasMatch();
     };
     EXPECT_TRUE(matches(contentOf(path), lineEnd)) << contentOf(path).toStdString();

@@ -49,7 +49,10 @@ protected:
         };
         services.updateHeartbeat = [this](const QString &client) { calls.append("heartbeat " + client); };
         services.useLogFile = [this](const QString &path) { calls.append("log " + path); };
-        services.clearLogs = [this] { calls.append("clear"); return works; };
+        services.clearLogs = [this] {
+            calls.append("clear");
+            return works;
+        };
         services.quit = [this] { calls.append("quit"); };
         services.isStopping = [this] { return stopping; };
         services.startProcess = [this](const QJsonObject &spec) {
@@ -57,11 +60,26 @@ protected:
             ownerDuringStart = ownership.owner(spec["process-id"].toString());
             return result;
         };
-        services.stopProcess = [this](const QString &id) { calls.append("stop " + id); return result; };
-        services.killProcess = [this](const QString &id) { calls.append("kill " + id); return result; };
-        services.restartProcess = [this](const QString &id) { calls.append("restart " + id); return result; };
-        services.processStatus = [this](const QString &id) { calls.append("status " + id); return result; };
-        services.listProcesses = [this] { calls.append("list"); return result; };
+        services.stopProcess = [this](const QString &id) {
+            calls.append("stop " + id);
+            return result;
+        };
+        services.killProcess = [this](const QString &id) {
+            calls.append("kill " + id);
+            return result;
+        };
+        services.restartProcess = [this](const QString &id) {
+            calls.append("restart " + id);
+            return result;
+        };
+        services.processStatus = [this](const QString &id) {
+            calls.append("status " + id);
+            return result;
+        };
+        services.listProcesses = [this] {
+            calls.append("list");
+            return result;
+        };
         services.writeToProcess = [this](const QString &id, const QByteArray &data) {
             calls.append("write " + id + ' ' + QString::fromLatin1(data.toPercentEncoding()));
             return works;
@@ -70,8 +88,14 @@ protected:
             calls.append("start tun " + compact(config));
             return result;
         };
-        services.stopTun = [this] { calls.append("stop tun"); return result; };
-        services.tunStatus = [this] { calls.append("tun status"); return result; };
+        services.stopTun = [this] {
+            calls.append("stop tun");
+            return result;
+        };
+        services.tunStatus = [this] {
+            calls.append("tun status");
+            return result;
+        };
         services.flushDnsCache = [this] { calls.append("flush"); };
         dispatcher = std::make_unique<RequestDispatcher>(std::move(services), ownership);
     }
@@ -100,24 +124,26 @@ protected:
 // The envelope
 
 class RequestId : public RequestDispatcherTest, public ::testing::WithParamInterface<const char *>
-{
-};
+{};
 
 TEST_P(RequestId, comesBackAsItWas)
 {
     const QJsonValue id = object(GetParam())["request-id"];
     ASSERT_FALSE(id.isUndefined());
-    EXPECT_EQ(ask({{"action", "heartbeat"}, {"request-id", id}}), (QJsonObject{{"status", "success"}, {"request-id", id}}));
+    EXPECT_EQ(ask({{"action", "heartbeat"}, {"request-id", id}}),
+              (QJsonObject{{"status", "success"}, {"request-id", id}}));
     EXPECT_EQ(ask({{"action", "nonsense"}, {"request-id", id}}).value("request-id"), id);
     EXPECT_EQ(ask({{"action", "client-hello"}, {"request-id", id}}).value("request-id"), id);
     EXPECT_EQ(ask({{"action", "list"}, {"request-id", id}}).value("request-id"), id);
 }
 
-INSTANTIATE_TEST_SUITE_P(Value, RequestId, ::testing::Values(
-    R"({"request-id": 7})", R"({"request-id": -1.5e300})", R"({"request-id": 9007199254740993})", R"({"request-id": "text"})",
-    R"({"request-id": ""})", R"({"request-id": true})", R"({"request-id": false})", R"({"request-id": null})",
-    R"({"request-id": []})", R"({"request-id": [1, ["x"], null]})", R"({"request-id": {}})",
-    R"({"request-id": {"a": {"request-id": 1}}})"));
+INSTANTIATE_TEST_SUITE_P(Value, RequestId,
+                         ::testing::Values(R"({"request-id": 7})", R"({"request-id": -1.5e300})",
+                                           R"({"request-id": 9007199254740993})", R"({"request-id": "text"})",
+                                           R"({"request-id": ""})", R"({"request-id": true})",
+                                           R"({"request-id": false})", R"({"request-id": null})",
+                                           R"({"request-id": []})", R"({"request-id": [1, ["x"], null]})",
+                                           R"({"request-id": {}})", R"({"request-id": {"a": {"request-id": 1}}})"));
 
 TEST_F(RequestDispatcherTest, answersARequestWithoutAnIdWithoutOne)
 {
@@ -128,17 +154,17 @@ TEST_F(RequestDispatcherTest, answersARequestWithoutAnIdWithoutOne)
 TEST_F(RequestDispatcherTest, logsRequestAndAnswer)
 {
     ask(R"({"action": "heartbeat", "request-id": 7})");
-    EXPECT_EQ(log.lines(), (QStringList{
-        R"(DEBUG Client "c1" action: "heartbeat" message: "{\"action\":\"heartbeat\",\"request-id\":7}")",
-        R"(DEBUG Sending response to client "c1" : "{\"request-id\":7,\"status\":\"success\"}")",
-    }));
+    EXPECT_EQ(log.lines(),
+              (QStringList{
+                  R"(DEBUG Client "c1" action: "heartbeat" message: "{\"action\":\"heartbeat\",\"request-id\":7}")",
+                  R"(DEBUG Sending response to client "c1" : "{\"request-id\":7,\"status\":\"success\"}")",
+              }));
 }
 
 // Unknown actions
 
 class UnknownAction : public RequestDispatcherTest, public ::testing::WithParamInterface<const char *>
-{
-};
+{};
 
 TEST_P(UnknownAction, isNamedInTheAnswerAndDoesNothing)
 {
@@ -147,8 +173,9 @@ TEST_P(UnknownAction, isNamedInTheAnswerAndDoesNothing)
     EXPECT_EQ(calls, QStringList());
 }
 
-INSTANTIATE_TEST_SUITE_P(Name, UnknownAction, ::testing::Values("Start", "HEARTBEAT", "Client-Hello", "heartbeat ", " heartbeat",
-    "heart", "heartbeats", "client_hello", "no such", "%1", "äöü \"quoted\"\n", ""));
+INSTANTIATE_TEST_SUITE_P(Name, UnknownAction,
+                         ::testing::Values("Start", "HEARTBEAT", "Client-Hello", "heartbeat ", " heartbeat", "heart",
+                                           "heartbeats", "client_hello", "no such", "%1", "äöü \"quoted\"\n", ""));
 
 TEST_F(RequestDispatcherTest, treatsAMissingActionAsTheEmptyOne)
 {
@@ -157,8 +184,7 @@ TEST_F(RequestDispatcherTest, treatsAMissingActionAsTheEmptyOne)
 }
 
 class ActionThatIsNoText : public RequestDispatcherTest, public ::testing::WithParamInterface<const char *>
-{
-};
+{};
 
 TEST_P(ActionThatIsNoText, isTheEmptyAction)
 {
@@ -166,8 +192,9 @@ TEST_P(ActionThatIsNoText, isTheEmptyAction)
     EXPECT_EQ(calls, QStringList());
 }
 
-INSTANTIATE_TEST_SUITE_P(Value, ActionThatIsNoText, ::testing::Values(R"({"action": 7})", R"({"action": null})", R"({"action": true})",
-    R"({"action": ["heartbeat"]})", R"({"action": {"action": "heartbeat"}})"));
+INSTANTIATE_TEST_SUITE_P(Value, ActionThatIsNoText,
+                         ::testing::Values(R"({"action": 7})", R"({"action": null})", R"({"action": true})",
+                                           R"({"action": ["heartbeat"]})", R"({"action": {"action": "heartbeat"}})"));
 
 // Simple rows
 
@@ -188,8 +215,7 @@ TEST_F(RequestDispatcherTest, clearLogsTellsHowItWent)
 // Processes
 
 class ProcessAction : public RequestDispatcherTest, public ::testing::WithParamInterface<const char *>
-{
-};
+{};
 
 TEST_P(ProcessAction, passesTheProcessOnAndItsResultBackUnchanged)
 {
@@ -242,8 +268,7 @@ TEST_F(RequestDispatcherTest, startReplacesAnEarlierOwner)
 }
 
 class FailedStart : public RequestDispatcherTest, public ::testing::WithParamInterface<const char *>
-{
-};
+{};
 
 TEST_P(FailedStart, takesTheOwnershipBack)
 {
@@ -252,13 +277,15 @@ TEST_P(FailedStart, takesTheOwnershipBack)
     EXPECT_EQ(ask(R"({"action": "start", "process-id": "core"})"), object(GetParam()));
     EXPECT_EQ(ownership.owner("core"), std::nullopt);
     EXPECT_EQ(log.linesWith("owne"), (QStringList{
-        R"(DEBUG Process "core" will be owned by client "c1")",
-        R"(DEBUG Process "core" failed to start, removed ownership)",
-    }));
+                                         R"(DEBUG Process "core" will be owned by client "c1")",
+                                         R"(DEBUG Process "core" failed to start, removed ownership)",
+                                     }));
 }
 
-INSTANTIATE_TEST_SUITE_P(Result, FailedStart, ::testing::Values(R"({"status": "error", "error": "x"})", R"({"status": "Started"})",
-    R"({"status": "starting"})", R"({"status": 1})", R"({"success": false})", "{}"));
+INSTANTIATE_TEST_SUITE_P(Result, FailedStart,
+                         ::testing::Values(R"({"status": "error", "error": "x"})", R"({"status": "Started"})",
+                                           R"({"status": "starting"})", R"({"status": 1})", R"({"success": false})",
+                                           "{}"));
 
 TEST_F(RequestDispatcherTest, startsNothingWhileTheDaemonStops)
 {
@@ -311,8 +338,7 @@ TEST_F(RequestDispatcherTest, flushDnsCacheAlwaysSucceeds)
 // The hello
 
 class EmptyLogPath : public RequestDispatcherTest, public ::testing::WithParamInterface<const char *>
-{
-};
+{};
 
 TEST_P(EmptyLogPath, isRefusedAndTheVersionIsNotLookedAt)
 {
@@ -322,8 +348,10 @@ TEST_P(EmptyLogPath, isRefusedAndTheVersionIsNotLookedAt)
     EXPECT_EQ(log.linesWith("INFO"), QStringList());
 }
 
-INSTANTIATE_TEST_SUITE_P(Request, EmptyLogPath, ::testing::Values(R"({"action": "client-hello", "version": "99.0"})",
-    R"({"action": "client-hello", "log-path": "", "version": "99.0"})", R"({"action": "client-hello", "log-path": 7, "version": "99.0"})"));
+INSTANTIATE_TEST_SUITE_P(Request, EmptyLogPath,
+                         ::testing::Values(R"({"action": "client-hello", "version": "99.0"})",
+                                           R"({"action": "client-hello", "log-path": "", "version": "99.0"})",
+                                           R"({"action": "client-hello", "log-path": 7, "version": "99.0"})"));
 
 TEST_F(RequestDispatcherTest, helloWithoutAVersionIsAccepted)
 {
@@ -335,8 +363,7 @@ TEST_F(RequestDispatcherTest, helloWithoutAVersionIsAccepted)
 }
 
 class AcceptedVersion : public RequestDispatcherTest, public ::testing::WithParamInterface<const char *>
-{
-};
+{};
 
 TEST_P(AcceptedVersion, isAnsweredWithSuccess)
 {
@@ -348,20 +375,22 @@ TEST_P(AcceptedVersion, isAnsweredWithSuccess)
     EXPECT_EQ(calls, QStringList{"log x"});
 }
 
-INSTANTIATE_TEST_SUITE_P(Version, AcceptedVersion, ::testing::Values("2.0.1", "2.0.0", "2.0", "2", "1.10.10", "0.0.1", "2.0.1-beta",
-    "2.0.1rc9", "02.00.01", "nonsense", "v9", ".9"));
+INSTANTIATE_TEST_SUITE_P(Version, AcceptedVersion,
+                         ::testing::Values("2.0.1", "2.0.0", "2.0", "2", "1.10.10", "0.0.1", "2.0.1-beta", "2.0.1rc9",
+                                           "02.00.01", "nonsense", "v9", ".9"));
 
 class HigherVersion : public RequestDispatcherTest, public ::testing::WithParamInterface<const char *>
-{
-};
+{};
 
 TEST_P(HigherVersion, isAnsweredOnceAndEndsTheDaemonABitLater)
 {
     const QString clientVersion = GetParam();
     QElapsedTimer elapsed;
     elapsed.start();
-    EXPECT_EQ(ask({{"action", "client-hello"}, {"log-path", "x"}, {"version", clientVersion}, {"request-id", 7}}),
-              object(R"({"status": "restarting", "reason": "Client version is higher than daemon version", "request-id": 7})"));
+    EXPECT_EQ(
+        ask({{"action", "client-hello"}, {"log-path", "x"}, {"version", clientVersion}, {"request-id", 7}}),
+        object(
+            R"({"status": "restarting", "reason": "Client version is higher than daemon version", "request-id": 7})"));
     EXPECT_EQ(calls, QStringList{"log x"});
 
     ASSERT_TRUE(waitUntil([this] { return calls.contains("quit"); }));
@@ -371,14 +400,17 @@ TEST_P(HigherVersion, isAnsweredOnceAndEndsTheDaemonABitLater)
     EXPECT_EQ(calls, (QStringList{"log x", "quit"}));
     EXPECT_EQ(answers.size(), 1);
     EXPECT_EQ(log.linesWith("INFO"), (QStringList{
-        "INFO Client connected: \"c1\" - Client version: \"" + clientVersion + "\" Daemon version: \"2.0.1\"",
-        "INFO Client version \"" + clientVersion + "\" is higher than daemon version \"2.0.1\" - restarting daemon",
-        "INFO Initiating daemon restart due to version mismatch",
-    }));
+                                         "INFO Client connected: \"c1\" - Client version: \"" + clientVersion
+                                             + "\" Daemon version: \"2.0.1\"",
+                                         "INFO Client version \"" + clientVersion
+                                             + "\" is higher than daemon version \"2.0.1\" - restarting daemon",
+                                         "INFO Initiating daemon restart due to version mismatch",
+                                     }));
 }
 
 // As texts, "10.0" and "2.0.10" would come before "2.0.1" and "2.0.9".
-INSTANTIATE_TEST_SUITE_P(Version, HigherVersion, ::testing::Values("2.0.2", "2.0.10", "2.1", "3", "10.0", "2.0.2-beta"));
+INSTANTIATE_TEST_SUITE_P(Version, HigherVersion,
+                         ::testing::Values("2.0.2", "2.0.10", "2.1", "3", "10.0", "2.0.2-beta"));
 
 TEST_F(RequestDispatcherTest, theDaemonsVersionIsTheOneThatClientsKnow)
 {

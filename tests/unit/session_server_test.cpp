@@ -31,8 +31,8 @@ protected:
     }
 
     const QString name = test::privatePipeName("session");
-    const QString startedLine = "INFO Named pipe server started for session 7 : \"" + QString(name).replace('\\', R"(\\)")
-        + '"';
+    const QString startedLine =
+        "INFO Named pipe server started for session 7 : \"" + QString(name).replace('\\', R"(\\)") + '"';
     int connections = 0;
     test::LogCapture log;
 };
