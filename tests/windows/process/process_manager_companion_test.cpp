@@ -1,0 +1,168 @@
+// The child that brings a TUN adapter of its own: what is done for it at its start and its end.
+
+#include "windows/process/process_manager_fixture.h"
+
+#include "windows/process/fake_adapters.h"
+
+#include <QElapsedTimer>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+namespace ruvo {
+namespace {
+
+const QString companion = "sing-box-tun";
+
+class ProcessManagerCompanion : public ProcessManagerTest
+{
+protected:
+    // A Windows folder without pnputil: the removal fails at once, which is logged.
+    ProcessManagerCompanion() { qputenv("WINDIR", m_noWindows.path().toUtf8()); }
+    ~ProcessManagerCompanion() override { qputenv("WINDIR", m_windirBefore); }
+
+    static QJsonObject withDns(const QString &address, const QString &interfaceName)
+    {
+        return {{"tun-dns-override", QJsonObject{{"address", address}, {"iface", interfaceName}}}};
+    }
+    /// Removals, launches and ends in the order of the log.
+    QStringList steps() const
+    {
+        QStringList steps;
+        for (const QString &line : log.lines()) {
+            if (line.contains("Cleaning up TUN interface"))
+                steps.append("removal");
+            else if (line.contains("Starting Windows process"))
+                steps.append("launch");
+            else if (line.contains("onProcessFinished] Process") && line.contains("finished with"))
+                steps.append("end");
+        }
+        return steps;
+    }
+    void settle(int milliseconds)
+    {
+        test::waitUntil([] { return false; }, std::chrono::milliseconds(milliseconds));
+    }
+
+    test::FakeAdapters adapters{{{L"ruvo-tun", "{01234567-89AB-CDEF-0123-456789ABCDEF}", true}}};
+
+private:
+    const QByteArray m_windirBefore = qgetenv("WINDIR");
+    const QTemporaryDir m_noWindows;
+};
+
+TEST_F(ProcessManagerCompanion, hasItsLeftOverDeviceRemovedBeforeItsStartAndBeforeItsEndIsTold)
+{
+    QStringList stepsAtTheEnd;
+    QObject::connect(manager.get(), &ProcessManager::processEvent, [&](const QJsonObject &event) {
+        if (event["event"] == "finished")
+            stepsAtTheEnd = steps();
+    });
+    start(companion, {"--exit", "0"});
+    EXPECT_EQ(steps(), QStringList({"removal", "launch"}));
+    ASSERT_TRUE(waitFor(companion, "finished: 0"));
+    EXPECT_EQ(stepsAtTheEnd, QStringList({"removal", "launch", "removal", "end"}));
+}
+
+TEST_F(ProcessManagerCompanion, hasItsOutputFlushedBeforeTheDeviceIsRemoved)
+{
+    QStringList stepsAtTheOutput;
+    QObject::connect(manager.get(), &ProcessManager::processEvent, [&](const QJsonObject &event) {
+        if (event["event"] == "stdout")
+            stepsAtTheOutput = steps();
+    });
+    start(companion, {"--print", "text", "--sleep", "300", "--print", "last", "--sleep", "70"});
+    ASSERT_TRUE(waitFor(companion, "finished: 0"));
+    EXPECT_EQ(stepsAtTheOutput, QStringList({"removal", "launch"}));
+}
+
+TEST_F(ProcessManagerCompanion, hasItsDeviceRemovedThoughItCannotBeLaunched)
+{
+    start(companion, {}, {{"executable", "C:\\no such program.exe"}});
+    EXPECT_EQ(steps(), QStringList({"removal", "launch"}));
+}
+
+TEST_F(ProcessManagerCompanion, keepsItsDeviceWhileItRunsAndWhenItIsKilled)
+{
+    ASSERT_EQ(start(companion, {"--wait"})["status"], "started");
+    EXPECT_EQ(start(companion, {"--wait"})["status"], "error");
+    manager->killProcess(companion);
+    test::processPending();
+    EXPECT_EQ(steps(), QStringList({"removal", "launch"}));
+}
+
+TEST_F(ProcessManagerCompanion, isKnownByItsExactIdOnly)
+{
+    for (const char *processId : {"Sing-Box-Tun", "sing-box-tun ", "sing-box", "SING-BOX-TUN"}) {
+        log.clear();
+        start(processId, {"--exit", "0"});
+        ASSERT_TRUE(waitFor(processId, "finished: 0"));
+        EXPECT_EQ(steps(), QStringList({"launch", "end"})) << processId;
+    }
+    EXPECT_EQ(adapters.queries, 0);
+}
+
+TEST_F(ProcessManagerCompanion, getsItsDnsServerAMomentAfterTheStart)
+{
+    QElapsedTimer timer;
+    timer.start();
+    start("child", {"--wait"}, withDns("172.19.0.2", "ruvo-tun"));
+    EXPECT_FALSE(log.contains("Configuring DNS"));
+    ASSERT_TRUE(test::waitUntil([this] { return log.contains("Configuring DNS"); }));
+    EXPECT_GE(timer.elapsed(), 99);
+    EXPECT_TRUE(log.contains(R"(Configuring DNS for interface "ruvo-tun" to "172.19.0.2")"));
+}
+
+TEST_F(ProcessManagerCompanion, getsNoDnsServerWithoutAddressOrInterface)
+{
+    start("a", {"--wait"}, withDns("", "ruvo-tun"));
+    start("b", {"--wait"}, withDns("172.19.0.2", ""));
+    start("c", {"--wait"}, {{"tun-dns-override", QJsonObject()}});
+    start("d", {"--wait"}, {{"tun-dns-override", "172.19.0.2"}});
+    start("e", {"--wait"});
+    settle(400);
+    EXPECT_FALSE(log.contains("Configuring DNS"));
+    EXPECT_EQ(registered(), 5);
+}
+
+TEST_F(ProcessManagerCompanion, getsNoDnsServerWhereTheStartFails)
+{
+    QJsonObject more = withDns("172.19.0.2", "ruvo-tun");
+    more["executable"] = "C:\\no such program.exe";
+    start("child", {}, more);
+    settle(300);
+    EXPECT_FALSE(log.contains("Configuring DNS"));
+}
+
+TEST_F(ProcessManagerCompanion, leavesTheRequestsOfOthersTheirTurnWhileItWaits)
+{
+    adapters.adapters.clear();
+    start("child", {"--wait"}, withDns("172.19.0.2", "ruvo-tun"));
+    // Both arrive within the wait.
+    bool answered = false;
+    QTimer::singleShot(500, [&] {
+        answered = manager->startProcess(test::childSpec("other", {"--print", "hello", "--wait"}))["status"]
+            == "started";
+    });
+    adapters.onQuery = [this](int) {
+        if (eventsOf("other").contains("stdout: hello\n"))
+            adapters.adapters = {{L"ruvo-tun", "{1}", true}};
+    };
+    ASSERT_TRUE(test::waitUntil([this] { return log.contains("is UP after"); }));
+    EXPECT_TRUE(answered);
+}
+
+TEST_F(ProcessManagerCompanion, mayEndWhileItsAdapterIsWaitedFor)
+{
+    adapters.adapters.clear();
+    start("child", {"--sleep", "400", "--exit", "3"}, withDns("172.19.0.2", "ruvo-tun"));
+    adapters.onQuery = [this](int) {
+        if (eventsOf("child").contains("finished: 3"))
+            adapters.adapters = {{L"ruvo-tun", "{1}", true}};
+    };
+    ASSERT_TRUE(test::waitUntil([this] { return log.contains("is UP after"); }));
+    EXPECT_EQ(eventsOf("child").last(), "finished: 3");
+    EXPECT_EQ(registered(), 0);
+}
+
+} // namespace
+} // namespace ruvo

@@ -1,0 +1,153 @@
+#include "windows/process/process_manager_fixture.h"
+
+#include "process/managed_process.h"
+
+#include <QElapsedTimer>
+
+#include <algorithm>
+
+namespace ruvo {
+namespace {
+
+using ProcessManagerEvents = ProcessManagerTest;
+
+QString lines(int count)
+{
+    QString text;
+    for (int i = 0; i < count; ++i)
+        text += QString("%1\n").arg(i, 12, 10, QChar('0'));
+    return text;
+}
+
+TEST_F(ProcessManagerEvents, tellOfOutputAndErrorsAndTheEnd)
+{
+    start("child", {"--print", "output", "--error", "errors", "--sleep", "400", "--exit", "7"});
+    ASSERT_TRUE(waitFor("child", "finished: 7"));
+    EXPECT_EQ(eventsOf("child"), QStringList({"started", "stdout: output\n", "stderr: errors\n", "finished: 7"}));
+    EXPECT_EQ(withoutTimestamp(events[1]),
+              (QJsonObject{{"process-id", "child"}, {"event", "stdout"}, {"data", "output\n"}}));
+    EXPECT_EQ(withoutTimestamp(events[2]),
+              (QJsonObject{{"process-id", "child"}, {"event", "stderr"}, {"data", "errors\n"}}));
+    EXPECT_EQ(withoutTimestamp(events[3]),
+              (QJsonObject{{"process-id", "child"}, {"event", "finished"}, {"data", "7"}}));
+}
+
+TEST_F(ProcessManagerEvents, areLoggedWhereTheEntryGoes)
+{
+    start("child", {"--exit", "7"});
+    ASSERT_TRUE(waitFor("child", "finished: 7"));
+    EXPECT_EQ(log.linesWith("onProcessFinished"),
+              QStringList({
+                  R"(DEBUG [ProcessManager::onProcessFinished] Process "child" finished with exit code 7 - removing )"
+                  "from m_processes (current size: 1 )",
+                  R"(DEBUG [ProcessManager::onProcessFinished] Process "child" removed from hash (new size: 0 ))",
+              }));
+}
+
+TEST_F(ProcessManagerEvents, ofTheEndComeWhileTheEntryIsStillThere)
+{
+    qsizetype atTheEnd = -1;
+    QObject::connect(manager.get(), &ProcessManager::processEvent, [&](const QJsonObject &event) {
+        if (event["event"] == "finished")
+            atTheEnd = registered();
+    });
+    start("child", {"--exit", "0"});
+    ASSERT_TRUE(waitFor("child", "finished: 0"));
+    EXPECT_EQ(atTheEnd, 1);
+    EXPECT_EQ(registered(), 0);
+}
+
+TEST_F(ProcessManagerEvents, tellNothingOfAStreamThatIsSilent)
+{
+    start("child", {"--print", "output", "--sleep", "400"});
+    ASSERT_TRUE(waitFor("child", "finished: 0"));
+    EXPECT_EQ(eventsOf("child"), QStringList({"started", "stdout: output\n", "finished: 0"}));
+}
+
+TEST_F(ProcessManagerEvents, comeAtMostTenTimesASecondForEachStream)
+{
+    start("child", {"--flood", "both", "20000", "2000", "--join", "--sleep", "200"});
+    ASSERT_TRUE(waitFor("child", "finished: 0"));
+    for (const char *stream : {"stdout", "stderr"}) {
+        const auto count = std::ranges::count_if(events, [&](const QJsonObject &e) { return e["event"] == stream; });
+        EXPECT_LE(count, 26) << stream; // 2.2 s, the last flush, and some time to start
+        EXPECT_GE(count, 5) << stream;
+    }
+}
+
+TEST_F(ProcessManagerEvents, bringOutputWholeAndInOrder)
+{
+    constexpr int count = 5000; // 65,000 bytes: 16 cycles of the reader
+    start("child", {"--lines", "both", QString::number(count), "--join", "--sleep", "1500"});
+    ASSERT_TRUE(waitFor("child", "finished: 0"));
+    EXPECT_EQ(outputOf("child", "stdout"), lines(count));
+    EXPECT_EQ(outputOf("child", "stderr"), lines(count));
+}
+
+TEST_F(ProcessManagerEvents, bringOutputInOrderUpToWhatWasInThePipeAtTheEnd)
+{
+    start("child", {"--flood", "stdout", "0", "1000"});
+    ASSERT_TRUE(waitFor("child", "finished: 0"));
+    const QString output = outputOf("child", "stdout");
+    EXPECT_GT(output.size(), 8192);
+    EXPECT_TRUE(lines(static_cast<int>(output.size() / 13) + 1).startsWith(output));
+    EXPECT_EQ(eventsOf("child").last(), "finished: 0");
+}
+
+TEST_F(ProcessManagerEvents, haveReplacementCharactersOnlyAtTheirBorders)
+{
+    start("child", {"--utf8", "stdout", "60000", "1500", "--join", "--sleep", "300"});
+    ASSERT_TRUE(waitFor("child", "finished: 0"));
+    int outputs = 0;
+    for (const QJsonObject &event : events) {
+        if (event["event"] != "stdout")
+            continue;
+        ++outputs;
+        // A character that was cut leaves at most three replacements on each side.
+        const QString data = event["data"].toString();
+        EXPECT_FALSE(data.sliced(3, data.size() - 6).contains(QChar::ReplacementCharacter)) << data.toStdString();
+    }
+    EXPECT_GT(outputs, 5);
+}
+
+TEST_F(ProcessManagerEvents, doNotHoldUpTheServiceThreadInAFlood)
+{
+    qint64 longest = 0;
+    QElapsedTimer sinceLast;
+    QTimer tick;
+    QObject::connect(&tick, &QTimer::timeout, [&] { longest = std::max(longest, sinceLast.restart()); });
+    start("child", {"--flood", "both", "10000000", "2000"});
+    sinceLast.start();
+    tick.start(10);
+    ASSERT_TRUE(waitFor("child", "finished: 0"));
+    EXPECT_LT(longest, 1000);
+    RecordProperty("longest-gap-ms", std::to_string(longest));
+}
+
+TEST_F(ProcessManagerEvents, tellOfAnErrorThatAProcessReports)
+{
+    ASSERT_TRUE(startReady("child", {"--print", "ready", "--wait"}));
+    manager->findChild<ManagedProcess *>()->onProcessError(QProcess::ReadError);
+    EXPECT_EQ(withoutTimestamp(events.last()),
+              (QJsonObject{{"process-id", "child"}, {"event", "error"}, {"data", "Read error"}}));
+}
+
+TEST_F(ProcessManagerEvents, tellOfEveryStartOfARestartedProcess)
+{
+    start("child", {"--exit", "3"},
+          {{"auto-restart", true}, {"max-restart-attempts", 3}, {"restart-delay-ms", 50}});
+    ASSERT_TRUE(waitFor("child", "finished: 3"));
+    EXPECT_EQ(eventsOf("child"), QStringList({"started", "started", "started", "started", "finished: 3"}));
+    EXPECT_EQ(registered(), 0);
+}
+
+TEST_F(ProcessManagerEvents, tellOfChildrenThatCloseTheirStreamsEarly)
+{
+    start("child", {"--print", "before", "--sleep", "200", "--close", "stdout", "--close", "stdin", "--close",
+                    "stderr", "--sleep", "500", "--exit", "6"});
+    ASSERT_TRUE(waitFor("child", "finished: 6"));
+    EXPECT_EQ(eventsOf("child"), QStringList({"started", "stdout: before\n", "finished: 6"}));
+}
+
+} // namespace
+} // namespace ruvo

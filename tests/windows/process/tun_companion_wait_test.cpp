@@ -1,0 +1,188 @@
+#include "process/tun_companion.h"
+
+#include "common/quit.h"
+#include "support/log_capture.h"
+#include "support/qt_printers.h"
+#include "support/wait_until.h"
+#include "windows/process/fake_adapters.h"
+#include "windows/support/child_process.h"
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QRegularExpression>
+#include <QTimer>
+
+namespace ruvo {
+namespace {
+
+const test::FakeAdapter upAdapter{L"ruvo-tun", "{01234567-89AB-CDEF-0123-456789ABCDEF}", true};
+const test::FakeAdapter downAdapter{L"ruvo-tun", "{01234567-89AB-CDEF-0123-456789ABCDEF}", false};
+
+class TunCompanionWait : public ::testing::Test
+{
+protected:
+    /// The lines without the milliseconds that passed.
+    QStringList lines() const
+    {
+        return log.lines().replaceInStrings(QRegularExpression("after \\d+ ms"), "after N ms");
+    }
+
+    test::FakeAdapters adapters;
+    test::LogCapture log;
+    TunCompanion companion;
+    QElapsedTimer timer = [] {
+        QElapsedTimer started;
+        started.start();
+        return started;
+    }();
+};
+
+const QString waiting = R"(INFO [ProcessManager] Waiting for interface "ruvo-tun" to be UP (max 1000 ms))";
+const QString up = R"(INFO [ProcessManager] Interface "ruvo-tun" is UP after N ms)";
+const QString notUp = R"(WARNING [ProcessManager] Interface "ruvo-tun" not UP after N ms (timeout: 1000 ms))";
+
+TEST_F(TunCompanionWait, findsAnAdapterThatIsUpAtOnce)
+{
+    adapters.adapters = {{L"Ethernet", "{1}", true}, upAdapter};
+    EXPECT_TRUE(companion.waitForInterfaceUp("ruvo-tun", 1000));
+    EXPECT_LT(timer.elapsed(), 150);
+    EXPECT_EQ(lines(), QStringList({waiting, up}));
+}
+
+TEST_F(TunCompanionWait, findsAnAdapterThatAppearsLate)
+{
+    adapters.onQuery = [this](int number) {
+        if (number == 3)
+            adapters.adapters = {upAdapter};
+    };
+    EXPECT_TRUE(companion.waitForInterfaceUp("ruvo-tun", 5000));
+    EXPECT_EQ(adapters.queries, 3);
+    EXPECT_GE(timer.elapsed(), 390); // 200 ms after each look
+}
+
+TEST_F(TunCompanionWait, findsAnAdapterThatComesUpLate)
+{
+    adapters.adapters = {downAdapter};
+    adapters.onQuery = [this](int number) { adapters.adapters.front().up = number >= 3; };
+    EXPECT_TRUE(companion.waitForInterfaceUp("ruvo-tun", 5000));
+    EXPECT_EQ(adapters.queries, 3);
+}
+
+TEST_F(TunCompanionWait, givesUpAnAdapterThatStaysDown)
+{
+    adapters.adapters = {downAdapter};
+    EXPECT_FALSE(companion.waitForInterfaceUp("ruvo-tun", 1000));
+    EXPECT_GE(timer.elapsed(), 1000);
+    EXPECT_LT(timer.elapsed(), 1800);
+    EXPECT_GE(adapters.queries, 4);
+    EXPECT_EQ(lines(), QStringList({waiting, notUp}));
+}
+
+TEST_F(TunCompanionWait, takesNamesCaseSensitivelyAndWhole)
+{
+    adapters.adapters = {{L"Ruvo-Tun", "{1}", true}, {L"ruvo-tun 2", "{2}", true}, {L"ruvo", "{3}", true}};
+    EXPECT_FALSE(companion.waitForInterfaceUp("ruvo-tun", 300));
+}
+
+TEST_F(TunCompanionWait, doesNotLookWithoutTime)
+{
+    adapters.adapters = {upAdapter};
+    EXPECT_FALSE(companion.waitForInterfaceUp("ruvo-tun", 0));
+    EXPECT_EQ(adapters.queries, 0);
+}
+
+TEST_F(TunCompanionWait, goesOnAfterQueriesThatFail)
+{
+    adapters.adapters = {upAdapter};
+    adapters.onQuery = [this](int number) {
+        adapters.sizeResult = number == 1 ? ULONG{ERROR_NO_DATA} : ULONG{ERROR_BUFFER_OVERFLOW};
+        adapters.listResult = number == 2 ? ULONG{ERROR_BUFFER_OVERFLOW} : ULONG{NO_ERROR};
+    };
+    EXPECT_TRUE(companion.waitForInterfaceUp("ruvo-tun", 5000));
+    EXPECT_EQ(adapters.queries, 3);
+    EXPECT_GE(timer.elapsed(), 390);
+    EXPECT_EQ(log.linesWith("GetAdaptersAddresses"), QStringList());
+}
+
+TEST_F(TunCompanionWait, runsTheEventLoopMeanwhile)
+{
+    int ticks = 0;
+    QTimer tick;
+    QObject::connect(&tick, &QTimer::timeout, [&] { ++ticks; });
+    tick.start(10);
+    EXPECT_FALSE(companion.waitForInterfaceUp("ruvo-tun", 1000));
+    EXPECT_GE(ticks, 3);
+}
+
+TEST_F(TunCompanionWait, runsTheEventLoopWhileQueriesFailToo)
+{
+    adapters.sizeResult = ERROR_NO_DATA;
+    int ticks = 0;
+    QTimer tick;
+    QObject::connect(&tick, &QTimer::timeout, [&] { ++ticks; });
+    tick.start(10);
+    EXPECT_FALSE(companion.waitForInterfaceUp("ruvo-tun", 1000));
+    EXPECT_GE(ticks, 3);
+}
+
+TEST_F(TunCompanionWait, comesOneAfterTheOtherForOverridesThatArriveMeanwhile)
+{
+    // The second and the third arrive while the first waits.
+    QTimer::singleShot(0, [this] { companion.configureInterfaceDns("2.2.2.2", "second"); });
+    QTimer::singleShot(0, [this] { companion.configureInterfaceDns("3.3.3.3", "third"); });
+    adapters.onQuery = [this](int number) {
+        if (number == 3)
+            adapters.adapters = {{L"first", "{1}", true}, {L"second", "{2}", true}, {L"third", "{3}", true}};
+    };
+    companion.configureInterfaceDns("1.1.1.1", "first");
+    EXPECT_EQ(log.lines().filter(QRegularExpression("Configuring DNS|is UP|registry")).replaceInStrings(
+                  QRegularExpression("after \\d+ ms"), "after N ms"),
+              QStringList({
+                  R"(INFO [ProcessManager] Configuring DNS for interface "first" to "1.1.1.1")",
+                  R"(INFO [ProcessManager] Interface "first" is UP after N ms)",
+                  "WARNING [ProcessManager] Failed to open registry key: 2",
+                  R"(INFO [ProcessManager] Configuring DNS for interface "second" to "2.2.2.2")",
+                  R"(INFO [ProcessManager] Interface "second" is UP after N ms)",
+                  "WARNING [ProcessManager] Failed to open registry key: 2",
+                  R"(INFO [ProcessManager] Configuring DNS for interface "third" to "3.3.3.3")",
+                  R"(INFO [ProcessManager] Interface "third" is UP after N ms)",
+                  "WARNING [ProcessManager] Failed to open registry key: 2",
+              }));
+}
+
+TEST_F(TunCompanionWait, takesTheNextOverrideAfterTheQueueWasEmpty)
+{
+    adapters.adapters = {upAdapter};
+    companion.configureInterfaceDns("1.1.1.1", "ruvo-tun");
+    companion.configureInterfaceDns("2.2.2.2", "ruvo-tun");
+    EXPECT_EQ(log.linesWith("Configuring DNS").size(), 2);
+}
+
+// Quitting is asked for once in the life of an application.
+TEST_IN_OWN_PROCESS(TunCompanionQuit, endsTheWaitAndWhatIsQueuedBehindIt)
+{
+    int argc = 1;
+    char name[] = "test";
+    char *argv[] = {name, nullptr};
+    QCoreApplication application(argc, argv);
+    const test::FakeAdapters adapters;
+    const test::LogCapture log;
+    TunCompanion companion;
+    QTimer::singleShot(0, [&] { companion.configureInterfaceDns("2.2.2.2", "second"); });
+    QTimer::singleShot(300, [] { requestQuit(); });
+    QTimer::singleShot(0, [&] { companion.configureInterfaceDns("1.1.1.1", "first"); });
+    QElapsedTimer timer;
+    timer.start();
+    QCoreApplication::exec(); // ends by the quit that came within the wait
+    EXPECT_GE(timer.elapsed(), 290);
+    EXPECT_LT(timer.elapsed(), 2000);
+    EXPECT_EQ(log.linesWith("Configuring DNS").size(), 1);
+
+    EXPECT_FALSE(companion.waitForInterfaceUp("ruvo-tun", 10000));
+    EXPECT_LT(timer.elapsed(), 2000);
+}
+
+} // namespace
+} // namespace ruvo
