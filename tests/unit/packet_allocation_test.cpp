@@ -25,29 +25,31 @@ void *allocate(std::size_t size) noexcept
 
 } // namespace
 
-void *operator new(std::size_t size)
+// None of them is inlined: the compiler would see malloc meet an operator delete, or free an operator new, and warn.
+
+[[gnu::noinline]] void *operator new(std::size_t size)
 {
     if (void *memory = allocate(size))
         return memory;
     throw std::bad_alloc();
 }
 
-void *operator new(std::size_t size, const std::nothrow_t &) noexcept
+[[gnu::noinline]] void *operator new(std::size_t size, const std::nothrow_t &) noexcept
 {
     return allocate(size);
 }
 
-void operator delete(void *memory) noexcept
+[[gnu::noinline]] void operator delete(void *memory) noexcept
 {
     std::free(memory);
 }
 
-void operator delete(void *memory, std::size_t) noexcept
+[[gnu::noinline]] void operator delete(void *memory, std::size_t) noexcept
 {
     std::free(memory);
 }
 
-void operator delete(void *memory, const std::nothrow_t &) noexcept
+[[gnu::noinline]] void operator delete(void *memory, const std::nothrow_t &) noexcept
 {
     std::free(memory);
 }
