@@ -1,6 +1,7 @@
 #include "app/windows_service.h"
 
 #include "support/qt_printers.h"
+#include "windows/support/call_journal.h"
 #include "windows/support/child_process.h"
 #include "windows/support/fake_service_manager.h"
 #include "windows/support/signal.h"
@@ -269,6 +270,17 @@ TEST_IN_OWN_PROCESS(ServiceControl, letsTheFirstThreadWaitUntilTheDaemonIsGone)
     EXPECT_EQ(Service::self().run(), 0);
     runReturned.set();
     EXPECT_TRUE(daemonGone);
+}
+
+TEST_IN_OWN_PROCESS(ServiceControl, letsTheFirstThreadWaitHalfAMinuteAtMost)
+{
+    FakeServiceManager manager;
+    Service service;
+    Service::self().setRunCallback([] { Service::self().reportStopped(); });
+    test::CallJournal journal;
+    journal.watch<IMPORT(WaitForSingleObject)>();
+    EXPECT_EQ(Service::self().run(), 0);
+    EXPECT_THAT(journal.lines().back(), testing::EndsWith(", 0x7530)")); // 30,000 ms
 }
 
 TEST_IN_OWN_PROCESS(ServiceControl, callsNobodyAfterTheCallbacksWereCleared)
