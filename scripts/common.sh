@@ -3,6 +3,9 @@
 
 set -euo pipefail
 
+# The same on every machine; Wine takes the encoding of file names from it.
+export LC_ALL=C.UTF-8
+
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # Outside the checkout, so that a clean clone reuses the cross-built Qt.
 CACHE=${RUVO_CACHE:-${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/ruvod}

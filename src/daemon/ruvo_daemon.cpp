@@ -94,6 +94,7 @@ void RuvoDaemon::stop()
         m_tunManager->stop();
     }
     m_processManager->stopAll(processGracePeriod);
+    sweepPendingSessions(); // no loop runs any more that would
     m_communicationServer->stop();
     // No loop runs any more that would delete the pipes and connections before "stopped" is reported.
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);

@@ -24,6 +24,8 @@ void ClientConnection::setSocket(QLocalSocket *socket, quint32 sessionId)
     m_sessionId = sessionId;
     m_socket = socket;
     m_socket->setParent(this);
+    // What is read ahead while this thread is busy; the rest waits in the pipe, with the client.
+    m_socket->setReadBufferSize(readAheadLimit);
     connect(m_socket, &QLocalSocket::readyRead, this, &ClientConnection::onDataReady);
     connect(m_socket, &QLocalSocket::disconnected, this, &ClientConnection::onSocketDisconnected);
     connect(m_socket, &QLocalSocket::errorOccurred, this, &ClientConnection::onSocketError);

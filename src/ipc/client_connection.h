@@ -20,6 +20,8 @@ class ClientConnection : public QObject
 public:
     /// What may wait unsent for a client that does not read, in bytes. Beyond it the client counts as gone.
     static constexpr qint64 maxUnsentBytes = 64 * 1024 * 1024;
+    /// What the socket reads before it is taken from it, in bytes.
+    static constexpr qint64 readAheadLimit = 1024 * 1024;
 
     explicit ClientConnection(QObject *parent = nullptr);
     ~ClientConnection() override;

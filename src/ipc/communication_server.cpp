@@ -69,29 +69,49 @@ void CommunicationServer::updateHeartbeat(const QString &clientId)
         *heartbeat = m_clock();
 }
 
+// While connections come fast, QLocalServer accepts without returning to the event loop as long as they are taken from
+// it at once. Those beyond the limit wait in its short list, which makes it return, for the next turn of the loop: so
+// the other pipes and clients have theirs.
 void CommunicationServer::onNewConnection()
 {
+    if (m_acceptedThisTurn == maxAcceptsPerTurn) {
+        QMetaObject::invokeMethod(this, &CommunicationServer::onNewConnection, Qt::QueuedConnection);
+        return;
+    }
+    if (m_acceptedThisTurn++ == 0)
+        QMetaObject::invokeMethod(this, [this] { m_acceptedThisTurn = 0; }, Qt::QueuedConnection);
     for (SessionServer *server : std::as_const(m_sessionServers)) {
         if (!server->server().hasPendingConnections())
             continue;
-        QLocalSocket *socket = server->server().nextPendingConnection();
-        if (!socket)
-            return;
-        if (m_refusingNewClients) {
-            socket->abort();
-            socket->deleteLater();
-            return;
-        }
-        auto *client = new ClientConnection(this);
-        client->setSocket(socket, server->sessionId());
-        connect(client, &ClientConnection::messageReceived, this, &CommunicationServer::onClientMessage);
-        connect(client, &ClientConnection::clientDisconnected, this, &CommunicationServer::onClientDisconnected);
-        const QString clientId = client->clientId();
-        m_clients.insert(clientId, client);
-        m_heartbeats.insert(clientId, m_clock());
-        emit clientConnected(clientId);
+        accept(*server);
         return; // one connection for each signal
     }
+}
+
+void CommunicationServer::acceptPending(SessionServer &server)
+{
+    while (server.server().hasPendingConnections())
+        accept(server);
+}
+
+void CommunicationServer::accept(SessionServer &server)
+{
+    QLocalSocket *socket = server.server().nextPendingConnection();
+    if (!socket)
+        return;
+    if (m_refusingNewClients) {
+        socket->abort();
+        socket->deleteLater();
+        return;
+    }
+    auto *client = new ClientConnection(this);
+    client->setSocket(socket, server.sessionId());
+    connect(client, &ClientConnection::messageReceived, this, &CommunicationServer::onClientMessage);
+    connect(client, &ClientConnection::clientDisconnected, this, &CommunicationServer::onClientDisconnected);
+    const QString clientId = client->clientId();
+    m_clients.insert(clientId, client);
+    m_heartbeats.insert(clientId, m_clock());
+    emit clientConnected(clientId);
 }
 
 void CommunicationServer::onClientMessage(const QString &clientId, const QJsonObject &message)
@@ -166,7 +186,9 @@ void CommunicationServer::removeInactiveSessions(const QList<quint32> &active)
         if (active.contains(sessionId))
             continue;
         qCInfo(lcRuvod) << "Removing pipe for inactive session" << sessionId;
-        m_sessionServers.take(sessionId)->deleteLater();
+        SessionServer *server = m_sessionServers.take(sessionId);
+        acceptPending(*server); // who has connected stays connected
+        server->deleteLater();
     }
 }
 
@@ -174,6 +196,7 @@ void CommunicationServer::serveSession(quint32 sessionId)
 {
     if (SessionServer *server = m_sessionServers.value(sessionId)) {
         // Reopens a server that lost its listener; one that cannot be reopened is made anew at the next poll.
+        acceptPending(*server); // opening it again would drop them
         if (!server->start())
             m_sessionServers.take(sessionId)->deleteLater();
         return;
@@ -185,15 +208,11 @@ void CommunicationServer::serveSession(quint32 sessionId)
         delete server; // never listened, so nothing of it is in the event loop
         return;
     }
-    // Queued: while connections come fast, QLocalServer accepts without returning to the event loop as long as they
-    // are taken from it at once. Left to wait, they fill its short list, and it lets the other pipes and clients have
-    // their turn.
-    connect(server, &SessionServer::newConnection, this, &CommunicationServer::onNewConnection, Qt::QueuedConnection);
+    connect(server, &SessionServer::newConnection, this, &CommunicationServer::onNewConnection);
     m_sessionServers.insert(sessionId, server);
     // A client that came while the pipe was being made (Windows) was signalled to nobody. Left pending, it would be
     // taken in place of the next one, and every client after it one too late.
-    while (server->server().hasPendingConnections())
-        onNewConnection();
+    acceptPending(*server);
 }
 
 } // namespace ruvo

@@ -35,6 +35,8 @@ public:
     /// A heartbeat check that comes later than this judges nobody, and repeats after `heartbeatCheckRetry`.
     static constexpr Milliseconds heartbeatCheckTolerance{1000};
     static constexpr Milliseconds heartbeatCheckRetry{1000};
+    /// Connections taken before the event loop has its turn again.
+    static constexpr int maxAcceptsPerTurn = 16;
 
     explicit CommunicationServer(SessionLister listSessions, QObject *parent = nullptr,
                                  Clock clock = monotonicClock());
@@ -74,6 +76,8 @@ private:
     static Clock monotonicClock();
     void armHeartbeatCheck(Milliseconds interval);
     void timeOut(const QString &clientId);
+    void accept(SessionServer &server);
+    void acceptPending(SessionServer &server);
     void removeInactiveSessions(const QList<quint32> &active);
     void serveSession(quint32 sessionId);
 
@@ -87,6 +91,7 @@ private:
     Milliseconds m_heartbeatCheckDue{};
 
     bool m_refusingNewClients = false;
+    int m_acceptedThisTurn = 0;
     QString m_serverName;
     QHash<quint32, SessionServer *> m_sessionServers;
     QTimer m_sessionPollTimer;

@@ -42,15 +42,28 @@ bool SessionServer::isComplete() const
     return m_server->isListening() && m_server->errorString().isEmpty();
 }
 
+// A client that connects and drops in the very instant in which its pipe instance is made fails the whole opening.
+// While many do, the next poll would only fail again.
+bool SessionServer::open(QString &error)
+{
+    constexpr int attempts = 10;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        replaceServer();
+        if (m_server->listen(m_pipeName))
+            return true;
+        error = m_server->errorString();
+        closeHalfOpenServer(*m_server);
+    }
+    return false;
+}
+
 bool SessionServer::start()
 {
     if (isComplete())
         return true;
-    replaceServer();
-    if (!m_server->listen(m_pipeName)) {
-        qCWarning(lcRuvod) << "Failed to start named pipe for session" << m_sessionId << ":"
-                           << m_server->errorString();
-        closeHalfOpenServer(*m_server);
+    QString error;
+    if (!open(error)) {
+        qCWarning(lcRuvod) << "Failed to start named pipe for session" << m_sessionId << ":" << error;
         return false;
     }
     qCInfo(lcRuvod) << "Named pipe server started for session" << m_sessionId << ":" << m_pipeName;

@@ -30,6 +30,7 @@ signals:
 
 private:
     void replaceServer();
+    bool open(QString &error);
     bool isComplete() const;
 
     const quint32 m_sessionId;

@@ -16,11 +16,12 @@ namespace ruvo {
 /// joined keeps its handles valid.
 struct LaunchContext
 {
-    KernelHandle process;
+    // Closed in the reverse of this order: the child's streams first, its process and thread last.
     KernelHandle thread;
-    KernelHandle stdinWrite;
-    KernelHandle stdoutRead;
+    KernelHandle process;
     KernelHandle stderrRead;
+    KernelHandle stdoutRead;
+    KernelHandle stdinWrite;
     DWORD pid = 0;
     /// QProcess::Running until the exit is handled; read by the reader thread.
     std::atomic<int> state = QProcess::Running;

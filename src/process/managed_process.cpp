@@ -39,6 +39,7 @@ void joinWorker(QThread *&thread, Worker *&worker, unsigned long timeoutMs)
     qCWarning(lcRuvod) << "[ManagedProcess] A worker thread did not end within" << timeoutMs
                        << "ms, leaving it behind";
     endingThread->setParent(nullptr);
+    endingWorker->disconnect(); // whom it would tell may be gone by then
     QObject::connect(endingThread, &QThread::finished, endingWorker, &QObject::deleteLater);
     QObject::connect(endingThread, &QThread::finished, endingThread, &QObject::deleteLater);
 }
@@ -198,6 +199,14 @@ void ManagedProcess::writeToStdin(const QByteArray &bytes)
 {
     if (m_launch && m_launch->state == QProcess::Running)
         m_stdinWriter->write(bytes);
+}
+
+void ManagedProcess::settleExit()
+{
+    if (!m_launch || !m_launch->hasExited())
+        return;
+    joinWorker(m_monitorThread, m_monitorWorker, releaseJoinTimeout); // it has posted the exit by then
+    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
 }
 
 void ManagedProcess::retire()

@@ -42,6 +42,8 @@ public:
     bool sendCtrlC();
     /// Writes to the child's standard input if it runs; what becomes of the bytes is not known here.
     void writeToStdin(const QByteArray &bytes);
+    /// Handles an exit that nobody has looked at yet, instead of leaving it to the event loop.
+    void settleExit();
     /// Ends what could still come of this object: it has left the registry.
     void retire();
 

@@ -198,6 +198,10 @@ void ProcessManager::stopAll(int timeoutMs)
         entry.value()->stop(timeoutMs);
     }
     waitForEnd(timeoutMs + stopAllMargin);
+    // The check may see a child gone before its exit has been handled; no loop would run for that any more.
+    const QList<ManagedProcess *> remaining = m_processes.values();
+    for (ManagedProcess *process : remaining)
+        process->settleExit();
     if (const int killed = killRemaining(); killed > 0) {
         qCWarning(lcRuvod) << "[ProcessManager] Force killed" << killed
                            << "processes that didn't stop gracefully";

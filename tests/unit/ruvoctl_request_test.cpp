@@ -96,6 +96,10 @@ TEST(ExitStatusOf, failsForNothingButAnError)
     EXPECT_EQ(exitStatusOf({{"status", "error"}, {"error", "Unknown action: x"}}), ExitError);
     for (const char *status : {"success", "started", "stopping", "killed", "restarting"})
         EXPECT_EQ(exitStatusOf({{"status", status}}), ExitSuccess) << status;
+    // The tunnel's answers have no status.
+    EXPECT_EQ(exitStatusOf({{"success", false}, {"error", "TUN not running"}}), ExitError);
+    EXPECT_EQ(exitStatusOf({{"success", true}}), ExitSuccess);
+    EXPECT_EQ(exitStatusOf({{"running", false}, {"adapter-name", ""}}), ExitSuccess);
 }
 
 } // namespace

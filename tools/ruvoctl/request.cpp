@@ -81,7 +81,8 @@ bool isAnswerTo(const QJsonValue &requestId, const QJsonObject &message)
 
 int exitStatusOf(const QJsonObject &answer)
 {
-    return answer["status"].toString() == "error" ? ExitError : ExitSuccess;
+    const bool failed = answer["status"].toString() == "error" || answer["success"] == QJsonValue(false);
+    return failed ? ExitError : ExitSuccess;
 }
 
 QByteArray toCompactJson(const QJsonObject &object)

@@ -9,7 +9,7 @@ import subprocess
 import sys
 import time
 
-from . import processes, sweep
+from . import core, processes, sweep
 from .machine import Bench
 from .paths import ROOT
 from .service import RUNNING, STOPPED
@@ -91,6 +91,26 @@ class Show:
         self.show_log()
         return client
 
+    def run_core(self, client):
+        headline("the real proxy core, started through the daemon")
+        spec = core.install(self.bench)
+        server = core.WebServer(self.bench)
+        try:
+            answer = self.ask(client, "client 1", "start", **spec)
+            assert answer["status"] == "started"
+            core.wait_until_up(client)
+            self.show_messages(client, "client 1")
+            for port in (core.PROXY_PORT, core.DIRECT_PORT):
+                assert core.fetch(self.bench, port, f"http://127.0.0.1:{server.PORT}/page") == server.digest
+                say(f"   a page of 3 MB through its SOCKS5 port {port}: bytes as sent")
+            assert self.ask(client, "client 1", "list")["processes"][0]["running"]
+            assert self.ask(client, "client 1", "stop", process_id="core")["status"] == "stopping"
+            client.expect({"event": "finished", "process-id": "core"})
+            self.show_messages(client, "client 1")
+        finally:
+            server.close()
+        self.show_log()
+
     def tell_clients(self, clients):
         headline("sc control RuvoService 128: the installer asks the clients to close")
         assert self.bench.control(128) == 0
@@ -147,6 +167,7 @@ def perform(show, once):
     show.bench.set_sessions("1 active alice")
     show.register_and_start()
     clients = {1: show.connect(), 2: show.log_on()}
+    show.run_core(clients[1])
     show.tell_clients(clients)
     if not once:
         try:

@@ -1,0 +1,66 @@
+"""The real proxy core, built for Windows, as a client starts it through the daemon; and a web server behind it."""
+
+import hashlib
+import shutil
+import subprocess
+import sys
+
+from .paths import ROOT, windows_path
+from .waiting import wait_for
+
+CORE = ROOT / "build" / "core-windows" / "core.exe"
+sys.path.append(str(ROOT / "tests" / "winehost" / "core"))
+
+import core_config  # noqa: E402  pylint: disable=wrong-import-position
+
+PROXY_PORT, DIRECT_PORT = core_config.DEFAULT_PORTS
+
+
+def install(bench):
+    """Puts the core and its configuration beside the product; the specification that starts it."""
+    if not CORE.exists():
+        raise RuntimeError(f"{CORE} is missing: run scripts/build-core first")
+    folder = bench.application / "core"
+    folder.mkdir(exist_ok=True)
+    shutil.copy2(CORE, folder)
+    config = core_config.write(folder / "config.json")
+    return {"process-id": "core", "executable": windows_path(folder / "core.exe"),
+            "arguments": ["-config", windows_path(config)], "working-dir": windows_path(folder)}
+
+
+def wait_until_up(client, process_id="core"):
+    """Waits until the core's output says that it has started."""
+    def started():
+        text = "".join(event["data"] for event in client.events("stdout") if event["process-id"] == process_id)
+        return "started" in text
+    wait_for(started, 20, "the core to say that it has started")
+
+
+class WebServer:
+    """Serves one file of known bytes in a namespace of the bench."""
+
+    PORT = 8080
+
+    def __init__(self, bench, role="host", size=3_000_000):
+        folder = bench.directory / "www"
+        folder.mkdir()
+        data = bytes(range(256)) * (size // 256)
+        (folder / "page").write_bytes(data)
+        self.digest = hashlib.sha256(data).hexdigest()
+        self._process = subprocess.Popen(
+            [*bench.network.enter(role), "/usr/bin/python3", "-m", "http.server", str(self.PORT), "--directory", folder],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def close(self):
+        self._process.kill()
+        self._process.wait(10)
+
+
+def fetch(bench, port, url, role="host"):
+    """What curl gets through the SOCKS5 inbound at `port`: the digest of the bytes."""
+    result = subprocess.run(
+        [*bench.network.enter(role), "curl", "--silent", "--show-error", "--fail", "--max-time", "30", "--retry", "5",
+         "--retry-connrefused", "--retry-delay", "1", "--socks5-hostname", f"127.0.0.1:{port}", url],
+        capture_output=True, timeout=60, check=False)
+    assert result.returncode == 0, result.stderr
+    return hashlib.sha256(result.stdout).hexdigest()
