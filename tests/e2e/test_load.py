@@ -1,5 +1,7 @@
 """Many clients at once, clients that vanish, connect and drop, or never read: everybody else is served."""
 
+import time
+
 from bench import pipeload, wait_for
 from bench.machine import volume
 
@@ -68,9 +70,17 @@ def test_a_storm_of_connections_that_drop_at_once_shuts_nobody_out(bench):
     result, _ = pipeload.run(bench, "storm", session=1, count=volume(10000, 1000), probe="1,2",
                              timeout=volume(900, 200))
     print(result)
+    assert result["connected"] == volume(10000, 1000), "nobody was shut out for good"
     for probe in result["during"]:
-        # At once while a server listens; one that lost its listener is opened again by the poll.
-        assert probe["failed"] == 0 and probe["maxMs"] < 1000 and probe["maxRetriedMs"] < 4500, probe
+        # A server that lost its listener is opened again by the poll; the storm itself keeps two cores busy.
+        assert probe["failed"] == 0 and max(probe["maxMs"], probe["maxRetriedMs"]) < 5000, probe
+    for probe in result["after"]:
+        assert probe["answered"] and probe["ms"] < 4000, probe
+    # Once the backlog is done, both pipes answer at once.
+    for session in (1, 2):
+        start = time.monotonic()
+        assert bench.ruvoctl("--session", session, "heartbeat").status == 0
+        print(f"session {session} after the storm: {(time.monotonic() - start) * 1000:.0f} ms with the program's start")
     assert_back_where_it_was(bench, before)
 
 
