@@ -11,7 +11,7 @@ namespace {
 
 // Of linux/if.h and linux/if_arp.h, which bring in the C library of Linux.
 constexpr std::uint32_t flagUp = 0x1;
-constexpr std::uint32_t flagLowerUp = 0x10000;
+constexpr std::uint32_t flagRunning = 0x40;
 constexpr std::uint16_t ethernetType = 1;
 constexpr std::uint16_t loopbackType = 772;
 
@@ -75,7 +75,12 @@ bool Link::isEthernet() const
 
 bool Link::isRunning() const
 {
-    return (flags & flagUp) != 0 && (flags & flagLowerUp) != 0;
+    return (flags & flagUp) != 0 && (flags & flagRunning) != 0;
+}
+
+bool Link::isConnected() const
+{
+    return isRunning() && (!isTun() || tunQueues > 0);
 }
 
 std::vector<Link> listLinks()

@@ -23,8 +23,10 @@ struct Link
     bool isTun() const { return kind == "tun"; }
     bool isLoopback() const;
     bool isEthernet() const;
-    /// Administratively up, and connected.
+    /// Up, and Linux is ready to send.
     bool isRunning() const;
+    /// There is somebody at the other end; of a TUN, that is a program that exchanges packets with it.
+    bool isConnected() const;
 };
 
 std::vector<Link> listLinks();

@@ -50,10 +50,4 @@ int detachQueue(const Descriptor &tun)
     return static_cast<int>(-control(tun, TUNSETQUEUE, &request));
 }
 
-int setCarrier(const Descriptor &tun, bool on)
-{
-    const std::int32_t value = on ? 1 : 0;
-    return static_cast<int>(-control(tun, TUNSETCARRIER, &value));
-}
-
 } // namespace ruvo::winehost

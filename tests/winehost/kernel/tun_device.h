@@ -18,7 +18,4 @@ std::expected<Descriptor, int> openTun(std::string_view link, TunInterface expec
 /// The descriptor keeps the interface alive, but gets no packets any more.
 int detachQueue(const Descriptor &tun);
 
-/// Whether the interface is connected, as by a plugged cable.
-int setCarrier(const Descriptor &tun, bool on);
-
 } // namespace ruvo::winehost

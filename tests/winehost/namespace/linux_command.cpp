@@ -28,9 +28,11 @@ std::wstring commandLine(const std::string &command)
     // Wine tells nobody when a Linux program ends: the shell writes it down.
     const std::string script = "( " + command + " ) 2>&1; echo \"" + endMark + "$?]\"";
     std::wstring line = L"sh -c \"";
+    std::size_t backslashes = 0; // they count twice before a quote, and only there
     for (const char c : script) {
-        if (c == '"' || c == '\\')
-            line += L'\\';
+        if (c == '"')
+            line.append(backslashes + 1, L'\\');
+        backslashes = c == '\\' ? backslashes + 1 : 0;
         line += static_cast<wchar_t>(c);
     }
     return line + L'"';

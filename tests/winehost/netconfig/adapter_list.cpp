@@ -97,9 +97,25 @@ std::vector<ShownTun> shownTuns()
     for (const ListedAdapter &listed : listWintunAdapters()) {
         tuns.push_back({listed.link,
                         {listed.identity.guid, listed.identity.name, listed.identity.tunnelType + L" Tunnel",
-                         listed.link.isRunning() ? IfOperStatusUp : IfOperStatusDown}});
+                         listed.link.isConnected() ? IfOperStatusUp : IfOperStatusDown}});
     }
     return tuns;
+}
+
+/// Wine goes on listing interfaces that have been removed.
+void removeStale(IP_ADAPTER_ADDRESSES *list)
+{
+    const std::vector<Link> links = listLinks();
+    const auto isThere = [&](const IP_ADAPTER_ADDRESSES &entry) {
+        return std::ranges::find(links, entry.IfIndex, &Link::index) != links.end();
+    };
+    // The first is loopback, and stays.
+    for (IP_ADAPTER_ADDRESSES *entry = list; entry->Next;) {
+        if (isThere(*entry->Next))
+            entry = entry->Next;
+        else
+            entry->Next = entry->Next->Next;
+    }
 }
 
 struct Query
@@ -150,6 +166,7 @@ DWORD list(NetworkCall &call, const Query &query)
     if (error != NO_ERROR)
         return error;
 
+    removeStale(query.buffer);
     Tail tail(reinterpret_cast<BYTE *>(query.buffer) + room);
     IP_ADAPTER_ADDRESSES *last = query.buffer;
     int count = static_cast<int>(extras.size());

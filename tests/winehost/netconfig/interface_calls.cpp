@@ -46,7 +46,7 @@ void fill(MIB_IPINTERFACE_ROW &row, const Link &link)
     row.SitePrefixLength = 64; // which setting the entry as it is refuses
     row.Metric = metric.value;
     row.NlMtu = link.mtu;
-    row.Connected = link.isRunning();
+    row.Connected = link.isConnected();
     row.SupportsNeighborDiscovery = TRUE;
     row.SupportsRouterDiscovery = TRUE;
     row.ReachableTime = 30000;

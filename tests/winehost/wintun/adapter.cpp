@@ -82,7 +82,6 @@ std::expected<std::unique_ptr<Adapter>, DWORD> Adapter::create(const AdapterIden
     auto holder = openTun(name, TunInterface::isNew);
     if (!holder)
         return std::unexpected(windowsError(holder.error()));
-    setCarrier(*holder, false);
     int error = detachQueue(*holder);
     const auto link = linkByName(name);
     if (error == 0 && link)

@@ -10,7 +10,7 @@ namespace ruvo::winehost {
 
 /// An adapter that the program has a handle of. One that was created goes with the handle, or with the process; one
 /// that was opened stays. Its interface is up from the start, as Windows lets a program configure an adapter that is
-/// not connected; a session connects it.
+/// not connected; what is sent into it before a session runs is dropped.
 class Adapter
 {
 public:

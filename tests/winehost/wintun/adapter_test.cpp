@@ -1,3 +1,4 @@
+#include "namespace/bench_files.h"
 #include "namespace/linux_command.h"
 #include "wintun/wintun_library.h"
 
@@ -22,9 +23,10 @@ protected:
     /// The TUN interfaces of the namespace, a line each.
     static std::string tunLinks() { return linuxOutput("ip -o link show type tun"); }
 
-    bool isRunning(const char *name)
+    /// "1" while a program exchanges packets with it.
+    static std::string queuesOf(const std::string &name)
     {
-        return linuxOutput(std::string("ip -o link show dev ") + name).contains("LOWER_UP");
+        return linuxOutput("ip -d link show dev " + name + " | grep -o ' numqueues [0-9]*' | cut -d ' ' -f 3");
     }
 };
 
@@ -151,12 +153,12 @@ TEST_F(WintunAdapterTest, isConnectedWhileASessionRuns)
 {
     const auto adapter = m_wintun.createAdapter(L"test", L"Bench", nullptr);
     ASSERT_TRUE(adapter);
-    EXPECT_FALSE(isRunning("test"));
+    EXPECT_EQ(queuesOf("test"), "0\n");
     const auto session = m_wintun.startSession(adapter, capacity);
     ASSERT_TRUE(session);
-    EXPECT_TRUE(isRunning("test"));
+    EXPECT_EQ(queuesOf("test"), "1\n");
     m_wintun.endSession(session);
-    EXPECT_FALSE(isRunning("test"));
+    EXPECT_EQ(queuesOf("test"), "0\n");
     m_wintun.closeAdapter(adapter);
 }
 
@@ -195,7 +197,7 @@ TEST_F(WintunAdapterTest, tellsTheLogger)
 
 TEST_F(WintunAdapterTest, failsAsATestHasPlanned)
 {
-    planFaults("WintunCreateAdapter 2 5\nWintunOpenAdapter * 21 # always\n");
+    writeBenchFile("faults.txt", "WintunCreateAdapter 2 5\nWintunOpenAdapter * 21 # always\n");
     const auto adapter = m_wintun.createAdapter(L"test", L"Bench", &guid);
     EXPECT_TRUE(adapter);
     EXPECT_EQ(m_wintun.createAdapter(L"second", L"Bench", nullptr), nullptr);
@@ -203,7 +205,7 @@ TEST_F(WintunAdapterTest, failsAsATestHasPlanned)
     EXPECT_EQ(m_wintun.openAdapter(L"test"), nullptr);
     EXPECT_EQ(GetLastError(), DWORD{21});
     EXPECT_EQ(m_wintun.openAdapter(L"test"), nullptr);
-    planFaults("WintunCreateAdapter 1 5\n"); // the count starts anew
+    writeBenchFile("faults.txt", "WintunCreateAdapter 1 5\n"); // the count starts anew
     EXPECT_EQ(m_wintun.createAdapter(L"third", L"Bench", nullptr), nullptr);
     m_wintun.closeAdapter(adapter);
 

@@ -20,6 +20,18 @@ std::uint32_t queueLengthFor(DWORD capacity)
     return std::clamp<std::uint32_t>(capacity / usualPacket, 500, 10000);
 }
 
+// An interface that nobody held is brought to life in the background: until then it would swallow packets.
+void waitUntilRunning(std::uint32_t index)
+{
+    constexpr int mostMs = 2000;
+    for (int i = 0; i < mostMs; ++i) {
+        const auto link = linkByIndex(index);
+        if (!link || link->isRunning())
+            return;
+        Sleep(1);
+    }
+}
+
 bool isRingCapacity(DWORD capacity)
 {
     return std::has_single_bit(capacity) && capacity >= WINTUN_MIN_RING_CAPACITY
@@ -41,7 +53,7 @@ std::expected<std::unique_ptr<Session>, DWORD> Session::start(const Link &link, 
     std::unique_ptr<Session> session(new Session(*std::move(tun), capacity));
     if (!session->isUsable())
         return std::unexpected<DWORD>(ERROR_NOT_ENOUGH_MEMORY);
-    setCarrier(session->m_tun, true);
+    waitUntilRunning(link.index);
     return session;
 }
 
@@ -78,8 +90,6 @@ void Session::end()
     m_hadUnreleased = m_hadUnreleased || (m_received && !m_received->isEmpty());
     m_received.reset();
     m_watcher.reset();
-    if (m_tun)
-        setCarrier(m_tun, false);
     m_tun.reset();
     SetEvent(m_readEvent.get());
 }

@@ -1,3 +1,4 @@
+#include "namespace/bench_files.h"
 #include "namespace/linux_command.h"
 #include "wintun/udp_packet.h"
 #include "wintun/wintun_library.h"
@@ -274,7 +275,7 @@ TEST_F(WintunSessionTest, noticesMisuse)
 
 TEST_F(WintunSessionTest, failsPacketCallsAsATestHasPlanned)
 {
-    planFaults("WintunAllocateSendPacket * 111\nWintunReceivePacket 2+ 13\n");
+    writeBenchFile("faults.txt", "WintunAllocateSendPacket * 111\nWintunReceivePacket 2+ 13\n");
     // Packet calls look at the plan from time to time only.
     const auto deadline = GetTickCount64() + 5000;
     while (BYTE *place = m_wintun.allocate(m_session, 100)) {
@@ -288,7 +289,7 @@ TEST_F(WintunSessionTest, failsPacketCallsAsATestHasPlanned)
         ASSERT_LT(GetTickCount64(), deadline);
     EXPECT_EQ(GetLastError(), DWORD{13});
 
-    planFaults("");
+    writeBenchFile("faults.txt", "");
     while (!m_wintun.allocate(m_session, 100))
         ASSERT_LT(GetTickCount64(), deadline);
 }

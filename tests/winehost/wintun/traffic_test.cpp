@@ -1,5 +1,6 @@
 // Many packets. Speeds are printed, not judged: they belong to the machine.
 
+#include "namespace/bench_files.h"
 #include "namespace/linux_command.h"
 #include "wintun/udp_packet.h"
 #include "wintun/wintun_library.h"

@@ -1,19 +1,12 @@
 #include "wintun/wintun_library.h"
 
+#include "namespace/bench_files.h"
 #include "namespace/linux_command.h"
 
 #include <bit>
 #include <cstring>
-#include <fstream>
 
 namespace ruvo::test {
-
-std::filesystem::path programFolder()
-{
-    wchar_t path[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, path, MAX_PATH);
-    return std::filesystem::path(path).parent_path();
-}
 
 template<typename Function>
 void WintunLibrary::resolve(Function &function, const char *name)
@@ -50,24 +43,7 @@ WintunLibrary::~WintunLibrary()
 void WintunTest::SetUp()
 {
     ASSERT_EQ(m_wintun.missing(), std::vector<std::string>());
-    std::filesystem::remove(programFolder() / "winehost/faults.txt");
-    std::filesystem::remove(programFolder() / "winehost/journal.jsonl");
-}
-
-std::vector<std::string> WintunTest::journal(const std::string &text) const
-{
-    std::ifstream file(programFolder() / "winehost/journal.jsonl");
-    std::vector<std::string> found;
-    for (std::string line; std::getline(file, line);) {
-        if (line.contains(text))
-            found.push_back(line);
-    }
-    return found;
-}
-
-void WintunTest::planFaults(const std::string &lines)
-{
-    std::ofstream(programFolder() / "winehost/faults.txt") << lines;
+    clearBenchFolder();
 }
 
 void WintunSessionTest::SetUp()

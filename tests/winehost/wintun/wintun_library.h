@@ -4,14 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
 namespace ruvo::test {
-
-/// Where the test program lies; the substitutes lie beside it (tests/winehost/namespace/in-namespace).
-std::filesystem::path programFolder();
 
 /// wintun.dll, loaded by its whole path as the product does.
 class WintunLibrary
@@ -48,8 +44,7 @@ private:
     std::vector<std::string> m_missing;
 };
 
-/// Tests that need the library. What they plan (faults.txt) and what the library wrote (journal.jsonl) is forgotten
-/// before each of them.
+/// Tests that need the library. Journal and planned failures are forgotten before each of them.
 class WintunTest : public ::testing::Test
 {
 protected:
@@ -57,10 +52,6 @@ protected:
     static constexpr DWORD capacity = 0x400000;
 
     void SetUp() override;
-
-    /// The lines of the journal that contain `text`, in order.
-    std::vector<std::string> journal(const std::string &text) const;
-    void planFaults(const std::string &lines);
 
     WintunLibrary m_wintun;
 };
