@@ -19,17 +19,15 @@ namespace ruvo {
 namespace {
 
 constexpr std::size_t largestIpv4Packet = 65535;
-constexpr std::uint8_t timeToLive = 64;
-constexpr std::uint16_t dontFragment = 0x4000;
-constexpr std::uint16_t tcpWindow = 65535;
+constexpr std::uint32_t timeToLive = 64;
+constexpr std::uint32_t dontFragment = 0x4000;
+constexpr std::uint32_t tcpWindow = 65535;
 
 /// Of every SYN. The application's side takes all three at their word.
 constexpr auto synOptions = std::to_array<std::uint8_t>({
     2, 4, 0x04, 0xc4, // maximum segment size: 1220
-    1,
-    3, 3, 8, // window scale: shift by 8
-    1, 1,
-    4, 2, // selective acknowledgements permitted
+    1, 3, 3, 8,       // window scale: shift by 8
+    1, 1, 4, 2,       // selective acknowledgements permitted
 });
 
 constexpr std::size_t largestTcpHeaders = ipv4HeaderSize + tcpHeaderSize + synOptions.size();
@@ -49,26 +47,34 @@ std::uint16_t nextIdentification()
     return static_cast<std::uint16_t>(state);
 }
 
+/// Writes a header as the RFCs draw it, in words of 32 bits. Whole words, as the checksums read them at once: see
+/// sumWords.
+void writeWords(std::uint8_t *header, std::span<const std::uint32_t> words)
+{
+    for (const std::uint32_t word : words) {
+        qToBigEndian<quint32>(word, header);
+        header += sizeof word;
+    }
+}
+
+constexpr std::uint32_t twoFields(std::uint32_t left, std::uint32_t right)
+{
+    return left << 16 | right;
+}
+
 void writeIpv4Header(std::uint8_t *header, std::uint8_t protocol, std::size_t packetSize, std::uint32_t srcIp,
                      std::uint32_t dstIp)
 {
-    header[0] = 0x45; // version 4, 5 words of header
-    header[1] = 0;
-    qToBigEndian(static_cast<quint16>(packetSize), header + ipv4TotalLengthOffset);
-    qToBigEndian<quint16>(nextIdentification(), header + 4);
-    qToBigEndian<quint16>(dontFragment, header + 6);
-    header[8] = timeToLive;
-    header[ipv4ProtocolOffset] = protocol;
-    storeChecksum(0, header + ipv4ChecksumOffset);
-    qToBigEndian<quint32>(srcIp, header + ipv4SourceOffset);
-    qToBigEndian<quint32>(dstIp, header + ipv4DestinationOffset);
+    constexpr std::uint32_t versionAndHeaderSize = 0x4500; // version 4, 5 words, type of service 0
+    const std::uint32_t words[] = {
+        twoFields(versionAndHeaderSize, static_cast<std::uint32_t>(packetSize)),
+        twoFields(nextIdentification(), dontFragment),
+        twoFields(timeToLive << 8 | protocol, 0), // the checksum, for now
+        srcIp,
+        dstIp,
+    };
+    writeWords(header, words);
     storeChecksum(ipChecksum(header, ipv4HeaderSize), header + ipv4ChecksumOffset);
-}
-
-void writePorts(std::uint8_t *header, std::uint16_t srcPort, std::uint16_t dstPort)
-{
-    qToBigEndian<quint16>(srcPort, header + sourcePortOffset);
-    qToBigEndian<quint16>(dstPort, header + destinationPortOffset);
 }
 
 PacketBytes join(std::span<const std::uint8_t> headers, const std::uint8_t *payload, std::size_t payloadLen)
@@ -96,13 +102,15 @@ PacketBytes buildTcpPacket(std::uint32_t srcIp, std::uint16_t srcPort, std::uint
     std::uint8_t *const ip = headers.data();
     std::uint8_t *const tcp = ip + ipv4HeaderSize;
     writeIpv4Header(ip, protocolTcp, headersSize + payloadLen, srcIp, dstIp);
-    writePorts(tcp, srcPort, dstPort);
-    qToBigEndian<quint32>(seq, tcp + tcpSequenceOffset);
-    qToBigEndian<quint32>(ack, tcp + tcpAcknowledgementOffset);
-    tcp[tcpDataOffsetOffset] = static_cast<std::uint8_t>(headerSize / 4 << 4);
-    tcp[tcpFlagsOffset] = flags;
-    qToBigEndian<quint16>(tcpWindow, tcp + tcpWindowOffset);
-    qToBigEndian<quint16>(0, tcp + tcpUrgentPointerOffset);
+    const std::uint32_t dataOffset = static_cast<std::uint32_t>(headerSize / 4) << 12;
+    const std::uint32_t words[] = {
+        twoFields(srcPort, dstPort),
+        seq,
+        ack,
+        twoFields(dataOffset | flags, tcpWindow),
+        twoFields(0, 0), // the checksum, for now, and the urgent pointer
+    };
+    writeWords(tcp, words);
     std::copy_n(synOptions.data(), optionsSize, tcp + tcpHeaderSize);
     storeChecksum(tcpChecksum(ip, tcp, payload, payloadLen, headerSize), tcp + tcpChecksumOffset);
 
@@ -121,8 +129,11 @@ PacketBytes buildUdpPacket(std::uint32_t srcIp, std::uint16_t srcPort, std::uint
     std::uint8_t *const ip = headers.data();
     std::uint8_t *const udp = ip + ipv4HeaderSize;
     writeIpv4Header(ip, protocolUdp, headersSize + payloadLen, srcIp, dstIp);
-    writePorts(udp, srcPort, dstPort);
-    qToBigEndian(static_cast<quint16>(udpHeaderSize + payloadLen), udp + udpLengthOffset);
+    const std::uint32_t words[] = {
+        twoFields(srcPort, dstPort),
+        twoFields(static_cast<std::uint32_t>(udpHeaderSize + payloadLen), 0), // the checksum, for now
+    };
+    writeWords(udp, words);
     storeChecksum(udpChecksum(ip, udp, payload, payloadLen), udp + udpChecksumOffset);
     return join(headers, payload, payloadLen);
 }

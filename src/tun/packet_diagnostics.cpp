@@ -52,15 +52,13 @@ void logAcknowledgement(const std::uint8_t *ip, const std::uint8_t *tcp, std::si
     qCCritical(lcRuvod) << "[WINDOW-DEBUG] ACK to" << destinationOf(ip) << ":" << destinationPortOf(tcp)
                         << "seq:" << qFromBigEndian<quint32>(tcp + tcpSequenceOffset)
                         << "ack:" << qFromBigEndian<quint32>(tcp + tcpAcknowledgementOffset)
-                        << "window:" << qFromBigEndian<quint16>(tcp + tcpWindowOffset)
-                        << "dataSize:" << payloadLen;
+                        << "window:" << qFromBigEndian<quint16>(tcp + tcpWindowOffset) << "dataSize:" << payloadLen;
 }
 
 void logSynAnswer(const std::uint8_t *ip, const std::uint8_t *tcp, std::size_t tcpHeaderLen)
 {
-    qCInfo(lcRuvod) << "[TCP-SYN+ACK]" << sourceOf(ip) << ":" << sourcePortOf(tcp) << "->" << destinationOf(ip)
-                    << ":" << destinationPortOf(tcp)
-                    << "DataOffset:" << twoHexDigits("0x%1", tcp[tcpDataOffsetOffset])
+    qCInfo(lcRuvod) << "[TCP-SYN+ACK]" << sourceOf(ip) << ":" << sourcePortOf(tcp) << "->" << destinationOf(ip) << ":"
+                    << destinationPortOf(tcp) << "DataOffset:" << twoHexDigits("0x%1", tcp[tcpDataOffsetOffset])
                     << "HeaderLen:" << tcpHeaderLen << "bytes"
                     << "Options:" << tcpHeaderLen - tcpHeaderSize << "bytes"
                     << "HexDump:" << hexDump(tcp, tcpHeaderLen);

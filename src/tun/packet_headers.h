@@ -40,9 +40,7 @@ inline constexpr std::size_t tcpDataOffsetOffset = 12;
 inline constexpr std::size_t tcpFlagsOffset = 13;
 inline constexpr std::size_t tcpWindowOffset = 14;
 inline constexpr std::size_t tcpChecksumOffset = 16;
-inline constexpr std::size_t tcpUrgentPointerOffset = 18;
 
-inline constexpr std::size_t udpLengthOffset = 4;
 inline constexpr std::size_t udpChecksumOffset = 6;
 
 } // namespace ruvo

@@ -21,15 +21,16 @@ bool rewriteTcpAddresses(std::uint8_t *packet, std::size_t len, std::uint32_t ne
     if (payloadStart > payloadEnd || payloadEnd > len || ipv4HeaderSize + tcpHeaderLen > len)
         return false;
 
+    // Whole words wherever a checksum is about to read them: narrower stores would stall it (see sumWords).
     qToBigEndian<quint32>(newSrcIp, packet + ipv4SourceOffset);
     qToBigEndian<quint32>(newDstIp, packet + ipv4DestinationOffset);
-    qToBigEndian<quint16>(newSrcPort, tcp + sourcePortOffset);
-    qToBigEndian<quint16>(newDstPort, tcp + destinationPortOffset);
+    qToBigEndian<quint32>(quint32{newSrcPort} << 16 | newDstPort, tcp + sourcePortOffset);
 
     storeChecksum(0, tcp + tcpChecksumOffset);
     storeChecksum(tcpChecksum(packet, tcp, packet + payloadStart, payloadEnd - payloadStart, tcpHeaderLen),
                   tcp + tcpChecksumOffset);
-    storeChecksum(0, packet + ipv4ChecksumOffset);
+    std::uint8_t *const wordOfChecksum = packet + ipv4ChecksumOffset - 2;
+    qToBigEndian<quint32>(qFromBigEndian<quint32>(wordOfChecksum) & 0xffff0000, wordOfChecksum);
     storeChecksum(ipChecksum(packet, ipHeaderLen), packet + ipv4ChecksumOffset);
     return true;
 }

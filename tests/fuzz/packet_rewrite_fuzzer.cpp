@@ -1,5 +1,5 @@
 // Rewriting stays within the packet and either leaves it untouched or changes nothing but addresses, ports and
-// checksums; the checksums are those of a slow reference. Then everything is built anew with the builders.
+// checksums; the checksums are those of a slow reference. The builders make of the same bytes what it makes.
 //
 // Input: 12 bytes of new addresses and ports, then the packet.
 
@@ -35,7 +35,8 @@ Endpoints readEnds(const Bytes &bytes)
 
 bool rewrite(Bytes &packet, const Endpoints &ends)
 {
-    return ruvo::rewriteTcpAddresses(packet.data(), packet.size(), ends.srcIp, ends.srcPort, ends.dstIp, ends.dstPort);
+    return ruvo::rewriteTcpAddresses(packet.data(), packet.size(), ends.srcIp, ends.srcPort, ends.dstIp,
+                                     ends.dstPort);
 }
 
 Bytes part(const Bytes &bytes, std::size_t from, std::size_t to)
@@ -66,18 +67,24 @@ Bytes expectedPacket(Bytes packet, const Endpoints &ends)
     return packet;
 }
 
+std::uint16_t identificationOf(const Bytes &packet)
+{
+    return static_cast<std::uint16_t>(ruvo::test::get16(packet, 4));
+}
+
 void checkBuilders(const Endpoints &ends, const Bytes &payload)
 {
+    using namespace ruvo;
     const auto flags = static_cast<std::uint8_t>(ends.srcPort);
-    const Bytes tcp = ruvo::buildTcpPacket(ends.srcIp, ends.srcPort, ends.dstIp, ends.dstPort, ends.dstIp, ends.srcIp,
-                                           flags, payload.data(), payload.size());
-    const Bytes options = flags & ruvo::tcpSyn ? ruvo::test::synOptions() : Bytes();
-    FUZZ_CHECK(tcp == ruvo::test::referenceTcpPacket(ends, ends.dstIp, ends.srcIp, flags, options, payload,
-                                                     static_cast<std::uint16_t>(ruvo::test::get16(tcp, 4))));
-    const Bytes udp = ruvo::buildUdpPacket(ends.srcIp, ends.srcPort, ends.dstIp, ends.dstPort, payload.data(),
-                                           payload.size());
-    FUZZ_CHECK(udp == ruvo::test::referenceUdpPacket(ends, payload,
-                                                     static_cast<std::uint16_t>(ruvo::test::get16(udp, 4))));
+    const std::uint32_t seq = ends.dstIp;
+    const std::uint32_t ack = ends.srcIp;
+    const Bytes options = flags & tcpSyn ? test::synOptions() : Bytes();
+    const Bytes tcp = buildTcpPacket(ends.srcIp, ends.srcPort, ends.dstIp, ends.dstPort, seq, ack, flags,
+                                     payload.data(), payload.size());
+    FUZZ_CHECK(tcp == test::referenceTcpPacket(ends, seq, ack, flags, options, payload, identificationOf(tcp)));
+    const Bytes udp =
+        buildUdpPacket(ends.srcIp, ends.srcPort, ends.dstIp, ends.dstPort, payload.data(), payload.size());
+    FUZZ_CHECK(udp == test::referenceUdpPacket(ends, payload, identificationOf(udp)));
 }
 
 } // namespace

@@ -42,20 +42,20 @@ TEST(ParseIpv4, givesZeroForTheUnspecifiedAddress)
 }
 
 class NotAnAddress : public ::testing::TestWithParam<const char16_t *>
-{
-};
+{};
 
 TEST_P(NotAnAddress, givesZero)
 {
     EXPECT_EQ(parseIpv4(GetParam()), 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(ParseIpv4, NotAnAddress, ::testing::Values(
-    u"", u".", u"...", u"1", u"10.6.7", u"10.6.7.", u".10.6.7", u"10..6.7", u"10.6.7.1.", u"10.6.7.1.2",
-    u"10.6.7.256", u"256.6.7.1", u"10.6.7.1000", u"10.6.7.4294967297", u"10.6.7.18446744073709551617",
-    u"10.6.7.-1", u"10.6.7.-0", u"10.6.7.+1", u" 10.6.7.1", u"10.6.7.1 ", u"10. 6.7.1", u"10.6.7.1\n",
-    u"10,6,7,1", u"10.6.7.0x1", u"10.6.7.a", u"10.6.7.1/30", u"10.6.7.1:80", u"localhost", u"::1",
-    u"10.6.7.\u0661", u"10.6.7.\uff11"));
+INSTANTIATE_TEST_SUITE_P(ParseIpv4, NotAnAddress,
+                         ::testing::Values(u"", u".", u"...", u"1", u"10.6.7", u"10.6.7.", u".10.6.7", u"10..6.7",
+                                           u"10.6.7.1.", u"10.6.7.1.2", u"10.6.7.256", u"256.6.7.1", u"10.6.7.1000",
+                                           u"10.6.7.4294967297", u"10.6.7.18446744073709551617", u"10.6.7.-1",
+                                           u"10.6.7.-0", u"10.6.7.+1", u" 10.6.7.1", u"10.6.7.1 ", u"10. 6.7.1",
+                                           u"10.6.7.1\n", u"10,6,7,1", u"10.6.7.0x1", u"10.6.7.a", u"10.6.7.1/30",
+                                           u"10.6.7.1:80", u"localhost", u"::1", u"10.6.7.\u0661", u"10.6.7.\uff11"));
 
 } // namespace
 } // namespace ruvo

@@ -94,6 +94,13 @@ TEST(IpChecksum, losesNoCarryOfAllOnes)
     }
 }
 
+TEST(IpChecksum, losesNoCarryOfTheLastFold)
+{
+    // Half a megabyte of ones and this word: the sum's halves come to 0x1ffff, whose halves come to 0x10000.
+    const Bytes bytes = concat({Bytes(0x80000, 0xff), {0, 0, 1, 0}});
+    EXPECT_EQ(ipChecksumOf(bytes), referenceChecksum(bytes));
+}
+
 /// Cuts the TCP segment behind `headerSize` bytes and computes its checksum with header and payload in separate
 /// buffers, each at its own alignment.
 std::uint16_t tcpChecksumOf(const Bytes &ipHeader, const Bytes &segment, std::size_t headerSize, std::size_t offset)

@@ -130,11 +130,13 @@ TEST(PacketCorpus, hasTheChecksumsThatScapyPutThere)
         const std::size_t headerSize = static_cast<std::size_t>(packet.payload - transport);
         if (packet.protocol == protocolTcp) {
             ASSERT_EQ(asNumber(tcpChecksum(bytes.data(), transport, packet.payload, packet.payloadLen, headerSize)),
-                      get16(bytes, ipSize + 16)) << line.toStdString();
+                      get16(bytes, ipSize + 16))
+                << line.toStdString();
             ++checked;
         } else if (packet.protocol == protocolUdp) {
             ASSERT_EQ(asNumber(udpChecksum(bytes.data(), transport, packet.payload, packet.payloadLen)),
-                      get16(bytes, ipSize + 6)) << line.toStdString();
+                      get16(bytes, ipSize + 6))
+                << line.toStdString();
             ++checked;
         }
     }

@@ -215,8 +215,8 @@ TEST_F(LinuxStack, takesBuiltDatagramsOfEveryLength)
         Bytes got(2000);
         sockaddr_in from = {};
         socklen_t fromSize = sizeof from;
-        const ssize_t count = recvfrom(receiver.get(), got.data(), got.size(), 0,
-                                       reinterpret_cast<sockaddr *>(&from), &fromSize);
+        const ssize_t count =
+            recvfrom(receiver.get(), got.data(), got.size(), 0, reinterpret_cast<sockaddr *>(&from), &fromSize);
         ASSERT_EQ(count, static_cast<ssize_t>(size));
         got.resize(size);
         ASSERT_EQ(got, payload);
@@ -261,8 +261,8 @@ private:
             rewritten = rewriteTcpAddresses(bytes.data(), bytes.size(), TunNamespace::peer, natPort,
                                             TunNamespace::address, m_listenPort);
         } else if (packet.dstIp == TunNamespace::peer && packet.dstPort == natPort) {
-            rewritten = rewriteTcpAddresses(bytes.data(), bytes.size(), stranger, m_serverPort,
-                                            TunNamespace::address, m_clientPort);
+            rewritten = rewriteTcpAddresses(bytes.data(), bytes.size(), stranger, m_serverPort, TunNamespace::address,
+                                            m_clientPort);
         }
         if (rewritten) {
             m_tun.inject(bytes);

@@ -75,8 +75,8 @@ TEST(ParsePacketIpv6, stepsOverAChainOfExtensionHeadersOfEveryLengthThatFitsEigh
 {
     for (std::uint8_t length = 0; length < 31; ++length) {
         const std::size_t size = (length + 1U) * 8;
-        const Bytes bytes = ipv6(0, concat({extension(60, 1, 16), extension(43, length, size), extension(6, 0, 8),
-                                            tcpSegment()}));
+        const Bytes bytes =
+            ipv6(0, concat({extension(60, 1, 16), extension(43, length, size), extension(6, 0, 8), tcpSegment()}));
         const ParsedPacket packet = parse(bytes);
         expectTcpFields(packet);
         expectPayloadAt(packet, 40 + 16 + size + 8 + 20);
@@ -117,10 +117,12 @@ TEST(ParsePacketIpv6, refusesAStepOfNoBytesToAnotherExtensionHeader)
 TEST(ParsePacketIpv6, refusesAnExtensionHeaderThatRunsPastTheBuffer)
 {
     for (std::size_t present = 0; present < 16; ++present) {
-        Bytes bytes = ipv6(0, extension(59, 1, 16));
-        bytes.resize(40 + present);
-        EXPECT_FALSE(parse(bytes).valid) << present;
+        const Bytes whole = ipv6(0, extension(59, 1, 16));
+        EXPECT_FALSE(parsePacket(whole.data(), 40 + present).valid) << present;
     }
+    // Its length byte is not there to be read, even if what lies behind the packet would make it a step of nothing.
+    const Bytes lengthBehind = ipv6(0, extension(59, 31, 8));
+    EXPECT_FALSE(parsePacket(lengthBehind.data(), 41).valid);
     const Bytes whole = ipv6(0, extension(59, 1, 16));
     expectPayloadAt(parse(whole), 56);
 }
@@ -131,7 +133,8 @@ TEST(ParsePacketIpv6, givesEverythingElseAPayloadFromWhereItStands)
         if (protocol == 0 || protocol == 43 || protocol == 44 || protocol == 60 || protocol == protocolTcp
             || protocol == protocolUdp)
             continue;
-        const Bytes bytes = ipv6(60, concat({extension(static_cast<std::uint8_t>(protocol), 0, 8), patternBytes(24)}));
+        const Bytes bytes =
+            ipv6(60, concat({extension(static_cast<std::uint8_t>(protocol), 0, 8), patternBytes(24)}));
         const ParsedPacket packet = parse(bytes);
         ASSERT_TRUE(packet.valid) << protocol;
         ASSERT_EQ(packet.protocol, protocol);

@@ -151,8 +151,8 @@ inline Bytes referenceUdpPacket(const Endpoints &ends, const Bytes &payload, std
     append16(datagram, static_cast<std::uint32_t>(8 + payload.size()));
     append16(datagram, 0);
     datagram = concat({datagram, payload});
-    const std::uint16_t checksum = referenceChecksum(
-        concat({referencePseudoHeader(ends.srcIp, ends.dstIp, 17, datagram.size()), datagram}));
+    const std::uint16_t checksum =
+        referenceChecksum(concat({referencePseudoHeader(ends.srcIp, ends.dstIp, 17, datagram.size()), datagram}));
     put16(datagram, 6, checksum == 0 ? 0xffff : checksum);
     return referenceIpv4(ends, 17, datagram, id);
 }

@@ -107,6 +107,10 @@ TEST(RewriteTcpAddresses, refusesWhatIsNoIpv4TcpPacketOfFortyBytes)
     const Bytes packet = referenceTcpPacket({}, seq, ack, 0x10, {}, {}, 99);
     for (std::size_t size = 0; size < 40; ++size)
         expectRefused(Bytes(packet.begin(), packet.begin() + static_cast<std::ptrdiff_t>(size)), "too short");
+    Bytes fitting(packet.begin(), packet.begin() + 39); // whose lengths fit into its 39 bytes
+    put16(fitting, 2, 39);
+    fitting[32] = 0x40;
+    expectRefused(fitting, "one byte too short");
     expectRefused(referenceUdpPacket({}, patternBytes(40), 99), "UDP");
     for (unsigned value = 0; value < 256; ++value) {
         Bytes other = packet;
