@@ -92,6 +92,7 @@ TEST_F(CommunicationServerHeartbeat, timesAClientOutAsOneDeparture)
     checkAt(5000ms);
     checkAt(10000ms);
     checkAt(15000ms);
+    EXPECT_NE(server.findChild<QLocalSocket *>()->state(), QLocalSocket::ConnectedState) << "disconnected at once";
     ASSERT_TRUE(waitUntil([&] { return client->isGone(); }));
     settle();
     EXPECT_EQ(signalled, QStringList{timedOut()}) << "its disconnect is not a second departure";

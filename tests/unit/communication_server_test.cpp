@@ -201,15 +201,18 @@ TEST_F(CommunicationServerTest, acceptsTwoClientsThatConnectAtOnceToDifferentPip
 
 TEST_F(CommunicationServerTest, takesOneConnectionForEachSignal)
 {
+    sessions = {1, 2};
     ASSERT_TRUE(server.start(serverName));
-    auto *sessionServer = server.findChild<SessionServer *>();
     int pending = 0;
-    QObject::connect(&sessionServer->server(), &QLocalServer::newConnection, [&] { ++pending; });
-    sessionServer->blockSignals(true);
+    for (SessionServer *sessionServer : server.findChildren<SessionServer *>()) {
+        QObject::connect(&sessionServer->server(), &QLocalServer::newConnection, [&] { ++pending; });
+        sessionServer->blockSignals(true);
+    }
     const PipeClient first(pipeName(1));
     const PipeClient second(pipeName(1));
-    ASSERT_TRUE(waitUntil([&] { return pending == 2; }));
-    for (const int expected : {1, 2, 2}) {
+    const PipeClient other(pipeName(2));
+    ASSERT_TRUE(waitUntil([&] { return pending == 3; }));
+    for (const int expected : {1, 2, 3, 3}) {
         server.onNewConnection();
         EXPECT_EQ(server.clientCount(), expected);
     }

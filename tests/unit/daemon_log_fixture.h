@@ -78,13 +78,13 @@ protected:
             qCInfo(lcRuvod) << text;
     }
 
-    /// Logs elsewhere until the number of all messages so far is a multiple of the rotation's interval.
+    /// Logs elsewhere until the number of all messages so far is a multiple of one hundred.
     void alignMessageCount()
     {
         const QString elsewhere = folder.filePath("elsewhere.log");
-        writeFile(elsewhere, QByteArray(logRotationThreshold + 1, '-'));
+        writeFile(elsewhere, QByteArray(2000000, '-'));
         setLogFilePath(elsewhere);
-        for (int i = 0; i < logRotationCheckInterval && QFile::exists(elsewhere); ++i)
+        for (int i = 0; i < 100 && QFile::exists(elsewhere); ++i)
             logLines(1, "aligning");
         ASSERT_FALSE(QFile::exists(elsewhere));
         setLogFilePath(path);

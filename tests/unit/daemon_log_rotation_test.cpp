@@ -24,7 +24,7 @@ protected:
     /// The hundredth message since the last look at the size makes the file this large.
     void growWithTheHundredthMessageTo(qint64 size)
     {
-        logLines(logRotationCheckInterval - 1, "before");
+        logLines(99, "before");
         writeFile(path, QByteArray(size - lineSize("hundredth"), 'x'));
         logLines(1, "hundredth");
     }
@@ -60,9 +60,9 @@ TEST_F(DaemonLogRotation, replacesTheOldGeneration)
 TEST_F(DaemonLogRotation, looksAtTheSizeOnlyAtEachHundredthMessage)
 {
     writeFile(path, QByteArray(2000000, 'x'));
-    logLines(logRotationCheckInterval - 1, "x");
+    logLines(99, "x");
     EXPECT_FALSE(QFile::exists(oldPath));
-    EXPECT_EQ(QFileInfo(path).size(), 2000000 + (logRotationCheckInterval - 1) * lineSize("x"));
+    EXPECT_EQ(QFileInfo(path).size(), 2000000 + 99 * lineSize("x"));
     logLines(1, "x");
     EXPECT_TRUE(QFile::exists(oldPath));
     EXPECT_FALSE(QFile::exists(path));
@@ -82,7 +82,7 @@ TEST_F(DaemonLogRotation, countsMessagesOfEveryKindAndPath)
 
 TEST_F(DaemonLogRotation, looksAgainAHundredMessagesLater)
 {
-    logLines(logRotationCheckInterval, "x");
+    logLines(100, "x");
     ASSERT_FALSE(QFile::exists(oldPath));
     growWithTheHundredthMessageTo(1048577);
     EXPECT_TRUE(QFile::exists(oldPath));
@@ -100,7 +100,7 @@ TEST_F(DaemonLogRotation, keepsTheFileWhenTheOldGenerationCannotBeReplaced)
 TEST_F(DaemonLogRotation, harmsNothingWithoutAFile)
 {
     setLogFilePath(folder.filePath("no such folder/ruvod.log"));
-    logLines(logRotationCheckInterval, "x");
+    logLines(100, "x");
     EXPECT_FALSE(QFile::exists(folder.filePath("no such folder/ruvod.log.old")));
 }
 

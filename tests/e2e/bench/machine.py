@@ -9,7 +9,7 @@ from .client import Client
 from .daemon_log import DaemonLog
 from .journal import Journal
 from .network import Network
-from .paths import BUILD, OUTPUT, PRODUCT, WINEHOST, windows_path
+from .paths import BUILD, OUTPUT, PRODUCT, WINEHOST, WINTUN, windows_path
 from .service import RUNNING, STOPPED, Service
 from .waiting import wait_for
 from .wine import CRASH_MARKS, Prefix
@@ -45,12 +45,18 @@ class Bench(Service):
         self.substitutes.mkdir(parents=True)
         (self.directory / "owner").write_text(str(os.getpid()), encoding="ascii")
         for name in PRODUCT + WINEHOST:
-            if not (BUILD / name).exists():
-                raise RuntimeError(f"{BUILD / name} is missing: build the preset 'windows' first")
-            shutil.copy2(BUILD / name, self.application)
+            self._install(name, self.application)
+        self._install(WINTUN, self.application / "tun2")
         self.set_sessions("1 active user")
         self.network.up()
         self.prefix.up()
+
+    @staticmethod
+    def _install(name, folder):
+        if not (BUILD / name).exists():
+            raise RuntimeError(f"{BUILD / name} is missing: build the preset 'windows' first")
+        folder.mkdir(exist_ok=True)
+        shutil.copy2(BUILD / name, folder)
 
     def down(self, keep_logs=False):
         """Ends and removes everything; with `keep_logs` the logs of daemon, substitutes and clients stay."""

@@ -17,6 +17,8 @@ ROUTES = (
     ("guest", "default", "198.51.100.1", "host"),
     ("net", "198.51.100.0/24", "192.0.2.2", "guest"),
 )
+# What Windows gives such an interface: routes of a better metric win, as they would there.
+ROUTE_METRIC = "25"
 OURS = re.compile(r"^ruvod-(\d+)-")
 
 _counter = itertools.count(1)
@@ -71,7 +73,7 @@ class Network:
                 self._connect(link)
         for role, target, gateway, needed in ROUTES:
             if role in self.roles and needed in self.roles:
-                ip("-n", self.name(role), "route", "add", target, "via", gateway)
+                ip("-n", self.name(role), "route", "add", target, "via", gateway, "metric", ROUTE_METRIC)
         if "guest" in self.roles:
             subprocess.run([*self.enter("host"), "sysctl", "-qw", "net.ipv4.ip_forward=1"], check=True, timeout=20)
 

@@ -20,6 +20,11 @@ constexpr DWORD pid = 77;
 constexpr DWORD someError = 1234;
 constexpr std::array standardHandles = {STD_INPUT_HANDLE, STD_OUTPUT_HANDLE, STD_ERROR_HANDLE};
 
+std::array<HANDLE, 3> getStandardHandles()
+{
+    return {GetStdHandle(STD_INPUT_HANDLE), GetStdHandle(STD_OUTPUT_HANDLE), GetStdHandle(STD_ERROR_HANDLE)};
+}
+
 using Lines = std::vector<std::string>;
 
 /// A Windows whose consoles do nothing, and that forgets the standard handles with each of them.
@@ -128,7 +133,8 @@ TEST(ConsoleInterrupt, givesUpAfterTwentyAttempts)
     const test::LogCapture log;
     EXPECT_FALSE(sendCtrlCToConsoleOf(pid));
     EXPECT_EQ(console.attempts, 20);
-    EXPECT_EQ(log.lines(), QStringList({"WARNING [ProcessManager] Failed to attach to process console after retries"}));
+    EXPECT_EQ(log.lines(),
+              QStringList({"WARNING [ProcessManager] Failed to attach to process console after retries"}));
     EXPECT_EQ(console.lines("SetConsoleCtrlHandler"), Lines());
     EXPECT_EQ(console.lines("GenerateConsoleCtrlEvent"), Lines());
     EXPECT_TRUE(console.hasItsStandardHandlesBack());
@@ -207,14 +213,11 @@ TEST(ConsoleInterrupt, reachesOnlyTheChildThatIsMeant)
 
 TEST(ConsoleInterrupt, leavesTheStandardHandlesAsTheyWere)
 {
-    std::array<HANDLE, 3> before{};
-    std::ranges::transform(standardHandles, before.begin(), [](DWORD which) { return GetStdHandle(which); });
+    const std::array before = getStandardHandles();
     test::LaunchedChild child({"--ignore-ctrl-c", "--print", "ready", "--wait"});
     ASSERT_TRUE(child.launch() && child.waitForOutput("ready"));
     EXPECT_TRUE(sendCtrlCToConsoleOf(child->pid));
-    std::array<HANDLE, 3> after{};
-    std::ranges::transform(standardHandles, after.begin(), [](DWORD which) { return GetStdHandle(which); });
-    EXPECT_EQ(after, before);
+    EXPECT_EQ(getStandardHandles(), before);
 }
 
 // The event that was sent may come only after the daemon has ceased to ignore it: without the handler it would end
@@ -231,12 +234,15 @@ TEST(ConsoleInterrupt, survivesACtrlCThatComesLate)
         ++s_late;
         return FALSE;
     };
+    const std::array before = getStandardHandles();
     ASSERT_TRUE(AttachConsole(child->pid));
     ASSERT_TRUE(SetConsoleCtrlHandler(count, TRUE));
     EXPECT_TRUE(GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0));
     EXPECT_TRUE(test::waitUntil([] { return s_late > 0; }));
     SetConsoleCtrlHandler(count, FALSE);
     FreeConsole();
+    for (std::size_t i = 0; i < before.size(); ++i)
+        SetStdHandle(standardHandles[i], before[i]);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "windows/support/import_redirection.h"
 
 #include <QElapsedTimer>
+#include <QHash>
 #include <QThread>
 
 #include <atomic>
@@ -155,6 +156,25 @@ TEST_F(ManagedProcessLaunch, leavesAThreadBehindThatDoesNotEndAndItsHandlesOpen)
     EXPECT_EQ(test::countOwnHandles(), handles + 1);
 }
 
+TEST_F(ManagedProcessLaunch, isReleasedFromItsStreamsToItsThread)
+{
+    ASSERT_TRUE(startReady(waiting));
+    const ProcessInfo info = process->info();
+    const QHash<HANDLE, QString> names = {
+        {info.stdinWrite, "stdin"},       {info.stdoutRead, "stdout"},  {info.stderrRead, "stderr"},
+        {info.processHandle, "process"}, {info.threadHandle, "thread"},
+    };
+    QStringList closed;
+    const DWORD serviceThread = GetCurrentThreadId();
+    const test::ImportRedirection<IMPORT(CloseHandle)> closeHandle([&](HANDLE handle) {
+        if (GetCurrentThreadId() == serviceThread && names.contains(handle) && !closed.contains(names[handle]))
+            closed.append(names[handle]);
+        return closeHandle.real(handle);
+    });
+    process->kill();
+    EXPECT_EQ(closed, QStringList({"stdin", "stdout", "stderr", "process", "thread"}));
+}
+
 TEST_F(ManagedProcessLaunch, isNotRunningOnceTheChildHasEndedThoughNobodyHasHandledThat)
 {
     ASSERT_TRUE(start({"--exit", "4"}));
@@ -163,7 +183,8 @@ TEST_F(ManagedProcessLaunch, isNotRunningOnceTheChildHasEndedThoughNobodyHasHand
     log.clear();
     EXPECT_FALSE(process->isRunning());
     EXPECT_EQ(log.linesWith("[ManagedProcess]"),
-              QStringList({R"(DEBUG [ManagedProcess] Process "child" has exited with code 4 but cleanup incomplete)"}));
+              QStringList({R"(DEBUG [ManagedProcess] Process "child" has exited with code 4 but )"
+                           "cleanup incomplete"}));
     EXPECT_EQ(process->info().state, 2);
     EXPECT_TRUE(waitFor("finished 4"));
 }

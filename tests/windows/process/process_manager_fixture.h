@@ -16,14 +16,20 @@
 #include <QStringList>
 
 #include <memory>
+#include <utility>
 
 namespace ruvo {
+
+/// A registry whose sweep for stale entries, a second after its construction, is over: else it would come in the
+/// middle of a slow test.
+std::unique_ptr<ProcessManager> sweptManager();
 
 /// A registry of children and the events that it has published.
 class ProcessManagerTest : public ::testing::Test
 {
 protected:
-    ProcessManagerTest()
+    explicit ProcessManagerTest(std::unique_ptr<ProcessManager> supervisor = sweptManager())
+        : manager(std::move(supervisor))
     {
         QObject::connect(manager.get(), &ProcessManager::processEvent,
                          [this](const QJsonObject &event) { events.append(event); });
@@ -92,7 +98,7 @@ protected:
 
     const test::ConsoleDelivery delivery;
     test::LogCapture log;
-    std::unique_ptr<ProcessManager> manager = std::make_unique<ProcessManager>();
+    std::unique_ptr<ProcessManager> manager;
     QList<QJsonObject> events;
 };
 

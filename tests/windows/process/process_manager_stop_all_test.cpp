@@ -77,7 +77,8 @@ TEST_F(ProcessManagerStopAll, killsWhatStillRunsWhenTheTimeIsUp)
     EXPECT_EQ(lines(), QStringList({
                            "INFO [ProcessManager] Stopping all 1 managed processes...",
                            R"(INFO [ProcessManager] Stopping process: "child")",
-                           R"(WARNING [ProcessManager] Process "child" still running after timeout, force killing...)",
+                           R"(WARNING [ProcessManager] Process "child" still running after timeout, )"
+                           "force killing...",
                            "WARNING [ProcessManager] Force killed 1 processes that didn't stop gracefully",
                        }));
 }

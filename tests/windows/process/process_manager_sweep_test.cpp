@@ -11,6 +11,8 @@ const QStringList waiting = {"--print", "ready", "--wait"};
 class ProcessManagerSweep : public ProcessManagerTest
 {
 protected:
+    ProcessManagerSweep() : ProcessManagerTest(std::make_unique<ProcessManager>()) {}
+
     /// Waits until the sweep, a second after the manager's construction, is over.
     void waitForSweep()
     {

@@ -139,8 +139,8 @@ TEST_F(InterfaceDns, isWrittenIntoTheAdaptersSettings)
     EXPECT_EQ(log.lines().first(),
               R"(INFO [ProcessManager] Configuring DNS for interface "ruvo-tun" to "172.19.0.2")");
     EXPECT_TRUE(log.contains(R"(Waiting for interface "ruvo-tun" to be UP (max 10000 ms))"));
-    EXPECT_EQ(log.lines().last(), R"(INFO [ProcessManager] DNS server set successfully to "172.19.0.2" for interface )"
-                                  R"("ruvo-tun")");
+    EXPECT_EQ(log.lines().last(), R"(INFO [ProcessManager] DNS server set successfully to "172.19.0.2" )"
+                                  R"(for interface "ruvo-tun")");
 }
 
 TEST_F(InterfaceDns, isWrittenAsItWasReceived)

@@ -19,23 +19,27 @@ std::filesystem::path folderBesideThisDll()
     const std::filesystem::path beside = std::filesystem::path(path).parent_path();
     const std::filesystem::path above = beside.parent_path() / L"winehost";
     std::error_code error;
-    const bool isAbove = !std::filesystem::exists(beside / L"winehost", error) && std::filesystem::exists(above, error);
+    const bool isAbove =
+        !std::filesystem::exists(beside / L"winehost", error) && std::filesystem::exists(above, error);
     return isAbove ? above : beside / L"winehost";
 }
+
+// Found while the DLL is loaded: a variable inside the function would need the compiler's lock for such, which leaves
+// handles behind each time that the DLL is freed.
+const std::filesystem::path s_folder = folderBesideThisDll();
 
 } // namespace
 
 const std::filesystem::path &benchFolder()
 {
-    static const std::filesystem::path folder = folderBesideThisDll();
-    return folder;
+    return s_folder;
 }
 
 std::optional<std::string> readBenchFile(const wchar_t *name)
 {
     constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    const FileHandle file(CreateFileW((benchFolder() / name).c_str(), GENERIC_READ, shareAll, nullptr,
-                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const FileHandle file(CreateFileW((benchFolder() / name).c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file)
         return std::nullopt;
     std::string text;

@@ -2,6 +2,7 @@
 
 #include "bench_folder.h"
 #include "journal.h"
+#include "lock.h"
 #include "text.h"
 
 #include <map>
@@ -29,7 +30,7 @@ struct Plan
     std::map<std::string, unsigned long, std::less<>> calls;
 };
 
-std::mutex s_mutex;
+Lock s_lock;
 Plan s_plan;
 
 std::optional<PlannedFault> parseFault(const std::vector<std::string> &words)
@@ -57,7 +58,7 @@ void complain(const std::vector<std::string> &words)
     JournalEntry("faults.txt").add("not-understood", std::string_view(line));
 }
 
-/// Under the mutex.
+/// Under the lock.
 void refreshPlan()
 {
     std::string text = readBenchFile(L"faults.txt").value_or(std::string());
@@ -76,7 +77,7 @@ void refreshPlan()
 
 std::optional<DWORD> plannedFault(std::string_view function)
 {
-    const std::lock_guard lock(s_mutex);
+    const std::lock_guard lock(s_lock);
     refreshPlan();
     const auto [first, last] = s_plan.faults.equal_range(function);
     if (first == last)
@@ -92,7 +93,7 @@ std::optional<DWORD> plannedFault(std::string_view function)
 void PacketFault::look(ULONGLONG now)
 {
     m_looked.store(now, std::memory_order_relaxed);
-    const std::lock_guard lock(s_mutex);
+    const std::lock_guard lock(s_lock);
     refreshPlan();
     m_planned.store(s_plan.faults.contains(m_function), std::memory_order_relaxed);
 }

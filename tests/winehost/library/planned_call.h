@@ -13,11 +13,7 @@ namespace ruvo::winehost {
 class PlannedCall : public JournalEntry
 {
 public:
-    explicit PlannedCall(std::string_view function)
-        : JournalEntry(function)
-        , m_fault(plannedFault(function))
-    {
-    }
+    explicit PlannedCall(std::string_view function) : JournalEntry(function), m_fault(plannedFault(function)) {}
 
     /// The error of a failure that is planned for this call: nothing may be done then.
     std::optional<DWORD> fault() const { return m_fault; }

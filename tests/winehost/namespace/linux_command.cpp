@@ -1,6 +1,5 @@
 #include "namespace/linux_command.h"
 
-
 namespace ruvo::test {
 
 namespace {
@@ -40,9 +39,7 @@ std::wstring commandLine(const std::string &command)
 
 } // namespace
 
-LinuxCommand::LinuxCommand(const std::string &command)
-    : m_path(newTemporaryFile())
-    , m_file(openInheritable(m_path))
+LinuxCommand::LinuxCommand(const std::string &command) : m_path(newTemporaryFile()), m_file(openInheritable(m_path))
 {
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;

@@ -160,8 +160,8 @@ DWORD list(NetworkCall &call, const Query &query)
     const ULONG whole = query.buffer ? *query.size : 0;
     ULONG wineSize = whole > tailSize ? static_cast<ULONG>((whole - tailSize) & ~(alignment - 1)) : 0;
     const ULONG room = wineSize;
-    const DWORD error = wineFunction()(query.family, query.flags, query.reserved, room > 0 ? query.buffer : nullptr,
-                                       &wineSize);
+    const DWORD error =
+        wineFunction()(query.family, query.flags, query.reserved, room > 0 ? query.buffer : nullptr, &wineSize);
     *query.size = static_cast<ULONG>(aligned(wineSize) + tailSize);
     if (error != NO_ERROR)
         return error;
@@ -172,7 +172,8 @@ DWORD list(NetworkCall &call, const Query &query)
     int count = static_cast<int>(extras.size());
     for (IP_ADAPTER_ADDRESSES *entry = query.buffer; entry; entry = entry->Next, ++count) {
         last = entry;
-        const auto tun = std::ranges::find(tuns, entry->IfIndex, [](const ShownTun &candidate) { return candidate.link.index; });
+        const auto tun =
+            std::ranges::find(tuns, entry->IfIndex, [](const ShownTun &candidate) { return candidate.link.index; });
         if (tun == tuns.end())
             continue;
         entry->IfType = IF_TYPE_PROP_VIRTUAL;

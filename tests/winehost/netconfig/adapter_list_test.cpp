@@ -30,7 +30,8 @@ std::vector<std::string> adapters()
         const std::wstring name = adapter->FriendlyName;
         const std::wstring description = adapter->Description;
         lines.push_back(std::string(name.begin(), name.end()) + ", " + adapter->AdapterName + ", "
-                        + std::to_string(adapter->OperStatus) + ", " + std::string(description.begin(), description.end()));
+                        + std::to_string(adapter->OperStatus) + ", "
+                        + std::string(description.begin(), description.end()));
     }
     return lines;
 }

@@ -33,7 +33,9 @@ DWORD create(NetworkCall &call, const MIB_UNICASTIPADDRESS_ROW &row)
     if (!link)
         return ERROR_NOT_FOUND;
     // Whatever its prefix is: Linux would take the same address with another one.
-    const auto isIt = [&](const InterfaceAddress &other) { return other.link == link->index && other.address == address; };
+    const auto isIt = [&](const InterfaceAddress &other) {
+        return other.link == link->index && other.address == address;
+    };
     if (std::ranges::any_of(listAddresses(), isIt))
         return ERROR_OBJECT_ALREADY_EXISTS;
     return windowsError(addAddress({link->index, address, static_cast<std::uint8_t>(length)}));

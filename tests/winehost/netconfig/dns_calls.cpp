@@ -37,7 +37,9 @@ bool areAddresses(std::wstring_view list, int family)
     std::ranges::replace(words, L',', L' ');
     for (const auto &line : wordsOfLines(toUtf8(words))) {
         IN6_ADDR address;
-        const auto isAddress = [&](const std::string &word) { return inet_pton(family, word.c_str(), &address) == 1; };
+        const auto isAddress = [&](const std::string &word) {
+            return inet_pton(family, word.c_str(), &address) == 1;
+        };
         if (!std::ranges::all_of(line, isAddress))
             return false;
     }
@@ -49,14 +51,14 @@ DWORD write(const GUID &guid, const wchar_t *service, std::wstring_view servers)
     const std::wstring path = std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\") + service
                               + L"\\Parameters\\Interfaces\\" + toWide(guidText(guid));
     ruvo::RegistryKey key;
-    const LSTATUS opened = RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, key.out(),
-                                           nullptr);
+    const LSTATUS opened =
+        RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, key.out(), nullptr);
     if (opened != ERROR_SUCCESS)
         return static_cast<DWORD>(opened);
     const std::wstring text(servers);
     const auto size = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
-    return static_cast<DWORD>(RegSetValueExW(key.get(), L"NameServer", 0, REG_SZ,
-                                             reinterpret_cast<const BYTE *>(text.c_str()), size));
+    return static_cast<DWORD>(
+        RegSetValueExW(key.get(), L"NameServer", 0, REG_SZ, reinterpret_cast<const BYTE *>(text.c_str()), size));
 }
 
 DWORD set(NetworkCall &call, const GUID &guid, const DnsInterfaceSettings *settings)

@@ -28,7 +28,8 @@ struct DnsInterfaceSettings
 DWORD setDns(const GUID &interfaceGuid, const DnsInterfaceSettings &settings)
 {
     using Function = DWORD(WINAPI *)(GUID, const DnsInterfaceSettings *);
-    const auto function = std::bit_cast<Function>(GetProcAddress(GetModuleHandleW(L"iphlpapi.dll"), "SetInterfaceDnsSettings"));
+    const auto function =
+        std::bit_cast<Function>(GetProcAddress(GetModuleHandleW(L"iphlpapi.dll"), "SetInterfaceDnsSettings"));
     return function ? function(interfaceGuid, &settings) : DWORD{ERROR_PROC_NOT_FOUND};
 }
 
@@ -43,7 +44,8 @@ std::wstring recorded(const wchar_t *service)
                               + L"\\Parameters\\Interfaces\\{12345678-9ABC-DEF0-0102-030405060708}";
     wchar_t text[200] = L"";
     DWORD size = sizeof text;
-    const LSTATUS error = RegGetValueW(HKEY_LOCAL_MACHINE, path.c_str(), L"NameServer", RRF_RT_REG_SZ, nullptr, text, &size);
+    const LSTATUS error =
+        RegGetValueW(HKEY_LOCAL_MACHINE, path.c_str(), L"NameServer", RRF_RT_REG_SZ, nullptr, text, &size);
     return error == ERROR_SUCCESS ? text : L"(none)";
 }
 
@@ -62,9 +64,10 @@ TEST_F(NetconfigTest, dnsServersAreRecordedUnderTheGuid)
     ipv6.flags |= 1;
     EXPECT_EQ(setDns(guid, ipv6), DWORD{NO_ERROR});
     EXPECT_EQ(recorded(L"Tcpip6"), L"2001:db8::1");
-    EXPECT_THAT(journal("SetInterfaceDnsSettings"),
-                ::testing::Contains(HasSubstr(R"("guid":"{12345678-9ABC-DEF0-0102-030405060708}","version":1,"flags":2,)"
-                                              R"("name-server":"10.6.7.2","result":true)")));
+    EXPECT_THAT(
+        journal("SetInterfaceDnsSettings"),
+        ::testing::Contains(HasSubstr(R"("guid":"{12345678-9ABC-DEF0-0102-030405060708}","version":1,"flags":2,)"
+                                      R"("name-server":"10.6.7.2","result":true)")));
 }
 
 TEST_F(NetconfigTest, dnsServersThatCannotBeAreRefused)

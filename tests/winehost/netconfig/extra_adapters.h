@@ -16,8 +16,8 @@ struct ShownAdapter
     IF_OPER_STATUS status = IfOperStatusDown;
 };
 
-/// The adapters that exist in `adapters.txt` only, for programs that wait for one: "up|down GUID NAME" a line, the name
-/// to the end of the line.
+/// The adapters that exist in `adapters.txt` only, for programs that wait for one: "up|down GUID NAME" a line, the
+/// name to the end of the line.
 std::vector<ShownAdapter> extraAdapters();
 
 } // namespace ruvo::winehost

@@ -41,7 +41,9 @@ DWORD create(NetworkCall &call, const MIB_IPFORWARDROW &row)
     route.link = link->index;
     route.priority = row.dwForwardMetric1;
     // In these calls the interface's own address as next hop means that the destination is on the link.
-    const auto isOwn = [&](const InterfaceAddress &own) { return own.link == link->index && own.address == route.gateway; };
+    const auto isOwn = [&](const InterfaceAddress &own) {
+        return own.link == link->index && own.address == route.gateway;
+    };
     if (std::ranges::any_of(listAddresses(), isOwn))
         route.gateway = 0;
     if (std::ranges::any_of(listRoutes(), [&](const Route &other) { return other.isSameWay(route); }))
@@ -50,6 +52,7 @@ DWORD create(NetworkCall &call, const MIB_IPFORWARDROW &row)
 }
 
 /// The line "default-routes reversed" in `netconfig.txt`: Windows lists several default routes in no certain order.
+/// Without it the interface that was there first comes first.
 bool areDefaultRoutesReversed()
 {
     for (const auto &words : wordsOfLines(readBenchFile(L"netconfig.txt").value_or(std::string()))) {
@@ -83,17 +86,15 @@ std::vector<MIB_IPFORWARDROW> rows()
         if (link.isLoopback()) // Linux keeps these elsewhere
             routes.push_back({0x7F000000, 8, 0, link.index, 0, RouteMaker::kernel});
     }
-    const auto metric = [&](const Route &route) { return effectiveMetric(route.priority, metrics[route.link]); };
-    std::ranges::stable_sort(routes, {}, [&](const Route &route) {
-        return std::tuple(route.destination, route.prefixLength, metric(route));
-    });
+    std::ranges::stable_sort(
+        routes, {}, [](const Route &route) { return std::tuple(route.destination, route.prefixLength, route.link); });
     if (areDefaultRoutesReversed()) {
         const auto isDefault = [](const Route &route) { return route.prefixLength == 0; };
         std::ranges::reverse(routes.begin(), std::ranges::find_if_not(routes, isDefault));
     }
     std::vector<MIB_IPFORWARDROW> table;
     for (const Route &route : routes)
-        table.push_back(rowOf(route, metric(route)));
+        table.push_back(rowOf(route, effectiveMetric(route.priority, metrics[route.link])));
     return table;
 }
 
@@ -101,7 +102,8 @@ DWORD fill(MIB_IPFORWARDTABLE *table, ULONG *size, const std::vector<MIB_IPFORWA
 {
     if (found.empty())
         return ERROR_NO_DATA;
-    const ULONG needed = static_cast<ULONG>(sizeof(MIB_IPFORWARDTABLE) + (found.size() - 1) * sizeof(MIB_IPFORWARDROW));
+    const ULONG needed =
+        static_cast<ULONG>(sizeof(MIB_IPFORWARDTABLE) + (found.size() - 1) * sizeof(MIB_IPFORWARDROW));
     const bool isEnough = table && *size >= needed;
     *size = needed;
     if (!isEnough)

@@ -31,20 +31,23 @@ extern "C" {
 NETIO_STATUS NETIOAPI_API_ ConvertInterfaceLuidToIndex(const NET_LUID *luid, PNET_IFINDEX index)
 {
     NetworkCall call("ConvertInterfaceLuidToIndex");
-    return finish(call, luid ? index : nullptr, [&] { return call.link(*luid, 0); },
-                  [](const Link &link) -> NET_IFINDEX { return link.index; });
+    return finish(
+        call, luid ? index : nullptr, [&] { return call.link(*luid, 0); },
+        [](const Link &link) -> NET_IFINDEX { return link.index; });
 }
 
 NETIO_STATUS NETIOAPI_API_ ConvertInterfaceIndexToLuid(NET_IFINDEX index, PNET_LUID luid)
 {
     NetworkCall call("ConvertInterfaceIndexToLuid");
-    return finish(call, luid, [&] { return call.link(NET_LUID{}, index); }, luidOf);
+    return finish(
+        call, luid, [&] { return call.link(NET_LUID{}, index); }, luidOf);
 }
 
 NETIO_STATUS NETIOAPI_API_ ConvertInterfaceLuidToGuid(const NET_LUID *luid, GUID *guid)
 {
     NetworkCall call("ConvertInterfaceLuidToGuid");
-    return finish(call, luid ? guid : nullptr, [&] { return call.link(*luid, 0); }, guidOf);
+    return finish(
+        call, luid ? guid : nullptr, [&] { return call.link(*luid, 0); }, guidOf);
 }
 
 NETIO_STATUS NETIOAPI_API_ ConvertInterfaceGuidToLuid(const GUID *guid, PNET_LUID luid)
@@ -52,7 +55,8 @@ NETIO_STATUS NETIOAPI_API_ ConvertInterfaceGuidToLuid(const GUID *guid, PNET_LUI
     NetworkCall call("ConvertInterfaceGuidToLuid");
     if (guid)
         call.add("guid", std::string_view(guidText(*guid)));
-    return finish(call, guid ? luid : nullptr, [&] { return findLink(*guid); }, luidOf);
+    return finish(
+        call, guid ? luid : nullptr, [&] { return findLink(*guid); }, luidOf);
 }
 
 } // extern "C"

@@ -10,8 +10,8 @@
 
 namespace ruvo::winehost {
 
-/// How Windows names a Linux interface: the index is Linux's own, the LUID holds index and type, both as Wine has them,
-/// so that what Wine itself answers goes together with it.
+/// How Windows names a Linux interface: the index is Linux's own, the LUID holds index and type, both as Wine has
+/// them, so that what Wine itself answers goes together with it.
 NET_LUID luidOf(const Link &link);
 
 /// A Wintun adapter's own GUID, else the one that Wine gives the interface.

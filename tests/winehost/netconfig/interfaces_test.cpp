@@ -53,9 +53,10 @@ TEST_F(NetconfigTest, anInterfaceTakesMetricMtuAndForwarding)
     EXPECT_EQ(now.Metric, ULONG{0});
     EXPECT_EQ(now.NlMtu, ULONG{1400});
     EXPECT_TRUE(now.ForwardingEnabled);
-    EXPECT_THAT(journal("SetIpInterfaceEntry"),
-                ElementsAre(HasSubstr(R"("family":2,"interface":"test","metric":0,"automatic-metric":false,"mtu":1400,)"
-                                      R"("forwarding":true,"site-prefix-length":0,"disable-default-routes":false)")));
+    EXPECT_THAT(
+        journal("SetIpInterfaceEntry"),
+        ElementsAre(HasSubstr(R"("family":2,"interface":"test","metric":0,"automatic-metric":false,"mtu":1400,)"
+                              R"("forwarding":true,"site-prefix-length":0,"disable-default-routes":false)")));
 
     row.UseAutomaticMetric = TRUE;
     row.ForwardingEnabled = FALSE;

@@ -13,7 +13,8 @@ void NetconfigTest::SetUp()
 void NetconfigTest::TearDown()
 {
     // What a test may have left on the interface that stays.
-    EXPECT_EQ(linuxOutput("ip link delete test; ip route flush proto static; sysctl -qw net.ipv4.conf.uplink.tag=0"), "");
+    EXPECT_EQ(linuxOutput("ip link delete test; ip route flush proto static; sysctl -qw net.ipv4.conf.uplink.tag=0"),
+              "");
     EXPECT_EQ(routes(""), "default via 192.0.2.1 dev uplink metric 25\n"
                           "192.0.2.0/24 dev uplink proto kernel scope link src 192.0.2.2\n");
 }

@@ -48,9 +48,10 @@ protected:
                 if (indexOf(name) == row.dwForwardIfIndex)
                     link = name;
             }
-            std::snprintf(text, sizeof text, "%s/%s via %s on %s, protocol %d, metric %lu", dotted(row.dwForwardDest).c_str(),
-                          dotted(row.dwForwardMask).c_str(), dotted(row.dwForwardNextHop).c_str(), link.c_str(),
-                          static_cast<int>(row.dwForwardProto), row.dwForwardMetric1);
+            std::snprintf(text, sizeof text, "%s/%s via %s on %s, protocol %d, metric %lu",
+                          dotted(row.dwForwardDest).c_str(), dotted(row.dwForwardMask).c_str(),
+                          dotted(row.dwForwardNextHop).c_str(), link.c_str(), static_cast<int>(row.dwForwardProto),
+                          row.dwForwardMetric1);
             lines.emplace_back(text);
         }
         return lines;
@@ -113,7 +114,8 @@ TEST_F(RoutesTest, areDeletedByTheirExactNextHop)
 
 TEST_F(RoutesTest, thatCannotBeAreRefused)
 {
-    EXPECT_EQ(add(route("test", "10.1.2.3", 24, "0.0.0.0")), DWORD{ERROR_INVALID_PARAMETER}); // bits behind the prefix
+    EXPECT_EQ(add(route("test", "10.1.2.3", 24, "0.0.0.0")),
+              DWORD{ERROR_INVALID_PARAMETER}); // bits behind the prefix
     EXPECT_EQ(add(route("test", "10.0.0.0", 33, "0.0.0.0")), DWORD{ERROR_INVALID_PARAMETER});
     EXPECT_EQ(CreateIpForwardEntry2(nullptr), DWORD{ERROR_INVALID_PARAMETER});
     EXPECT_EQ(DeleteIpForwardEntry2(nullptr), DWORD{ERROR_INVALID_PARAMETER});
@@ -142,7 +144,8 @@ TEST_F(RoutesTest, thatLeadOutsideTheInterfacesPrefixesAreTaken)
 
 TEST_F(RoutesTest, ofTheOlderCallNeedTheInterfacesMetricAtLeast)
 {
-    EXPECT_EQ(addOlder(olderRoute("uplink", "203.0.113.7", "255.255.255.255", "192.0.2.1", 24)), DWORD{ERROR_BAD_ARGUMENTS});
+    EXPECT_EQ(addOlder(olderRoute("uplink", "203.0.113.7", "255.255.255.255", "192.0.2.1", 24)),
+              DWORD{ERROR_BAD_ARGUMENTS});
     EXPECT_EQ(addOlder(olderRoute("uplink", "203.0.113.7", "255.255.255.255", "192.0.2.1", 25)), DWORD{NO_ERROR});
     EXPECT_EQ(addOlder(olderRoute("uplink", "203.0.113.7", "255.255.255.255", "192.0.2.1", 30)),
               DWORD{ERROR_OBJECT_ALREADY_EXISTS});
@@ -150,17 +153,21 @@ TEST_F(RoutesTest, ofTheOlderCallNeedTheInterfacesMetricAtLeast)
 
     // Tag 2: the metric is 1.
     ASSERT_EQ(linuxOutput("sysctl -qw net.ipv4.conf.uplink.tag=2"), "");
-    EXPECT_EQ(addOlder(olderRoute("uplink", "203.0.113.8", "255.255.255.255", "192.0.2.1", 0)), DWORD{ERROR_BAD_ARGUMENTS});
+    EXPECT_EQ(addOlder(olderRoute("uplink", "203.0.113.8", "255.255.255.255", "192.0.2.1", 0)),
+              DWORD{ERROR_BAD_ARGUMENTS});
     EXPECT_EQ(addOlder(olderRoute("uplink", "203.0.113.8", "255.255.255.255", "192.0.2.1", 1)), DWORD{NO_ERROR});
     EXPECT_THAT(routes("dev uplink proto static"), HasSubstr("203.0.113.8 via 192.0.2.1 metric 1\n"));
-    EXPECT_THAT(journal("\"CreateIpForwardEntry\""),
-                Contains(HasSubstr(R"("destination":"203.0.113.8","mask":"255.255.255.255","next-hop":"192.0.2.1")")));
+    EXPECT_THAT(
+        journal("\"CreateIpForwardEntry\""),
+        Contains(HasSubstr(R"("destination":"203.0.113.8","mask":"255.255.255.255","next-hop":"192.0.2.1")")));
 }
 
 TEST_F(RoutesTest, ofTheOlderCallAreRefusedIfTheyCannotBe)
 {
-    EXPECT_EQ(addOlder(olderRoute("uplink", "10.0.0.0", "255.0.255.0", "192.0.2.1", 25)), DWORD{ERROR_INVALID_PARAMETER});
-    EXPECT_EQ(addOlder(olderRoute("uplink", "10.0.0.1", "255.0.0.0", "192.0.2.1", 25)), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(addOlder(olderRoute("uplink", "10.0.0.0", "255.0.255.0", "192.0.2.1", 25)),
+              DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(addOlder(olderRoute("uplink", "10.0.0.1", "255.0.0.0", "192.0.2.1", 25)),
+              DWORD{ERROR_INVALID_PARAMETER});
     MIB_IPFORWARDROW row = olderRoute("uplink", "10.0.0.0", "255.0.0.0", "192.0.2.1", 25);
     row.dwForwardProto = MIB_IPPROTO_LOCAL;
     EXPECT_EQ(addOlder(row), DWORD{ERROR_INVALID_PARAMETER});
@@ -186,11 +193,11 @@ TEST_F(RoutesTest, toEverywhereAreListedInEitherOrder)
 {
     ASSERT_EQ(add(route("test", "0.0.0.0", 0, "10.6.7.2", 0)), DWORD{NO_ERROR});
     ASSERT_EQ(add(route("test", "0.0.0.0", 1, "0.0.0.0", 0)), DWORD{NO_ERROR});
-    EXPECT_EQ(table()[0].dwForwardIfIndex, indexOf("test"));
-    EXPECT_EQ(table()[1].dwForwardIfIndex, indexOf("uplink"));
-    writeBenchFile("netconfig.txt", "default-routes reversed\n");
     EXPECT_EQ(table()[0].dwForwardIfIndex, indexOf("uplink"));
     EXPECT_EQ(table()[1].dwForwardIfIndex, indexOf("test"));
+    writeBenchFile("netconfig.txt", "default-routes reversed\n");
+    EXPECT_EQ(table()[0].dwForwardIfIndex, indexOf("test"));
+    EXPECT_EQ(table()[1].dwForwardIfIndex, indexOf("uplink"));
     EXPECT_EQ(table()[1].dwForwardMask, DWORD{0});
 }
 

@@ -95,16 +95,18 @@ TEST_F(WintunAdapterTest, goesAwayWithTheProcessThatCreatedIt)
     startup.cb = sizeof startup;
     PROCESS_INFORMATION child{};
     ASSERT_TRUE(CreateProcessW(program, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &child));
-    EXPECT_EQ(linuxOutput("for i in $(seq 300); do ip link show child >/dev/null 2>&1 && exit; sleep 0.1; done; exit 1"),
-              "");
+    EXPECT_EQ(
+        linuxOutput("for i in $(seq 300); do ip link show child >/dev/null 2>&1 && exit; sleep 0.1; done; exit 1"),
+        "");
     EXPECT_EQ(m_wintun.createAdapter(L"child", L"Bench", nullptr), nullptr);
     EXPECT_EQ(GetLastError(), DWORD{ERROR_ALREADY_EXISTS});
     TerminateProcess(child.hProcess, 1);
     WaitForSingleObject(child.hProcess, 10000);
     CloseHandle(child.hThread);
     CloseHandle(child.hProcess);
-    EXPECT_EQ(linuxOutput("for i in $(seq 100); do ip link show child >/dev/null 2>&1 || exit 0; sleep 0.1; done; exit 1"),
-              "");
+    EXPECT_EQ(
+        linuxOutput("for i in $(seq 100); do ip link show child >/dev/null 2>&1 || exit 0; sleep 0.1; done; exit 1"),
+        "");
 }
 
 TEST_F(WintunAdapterTest, DISABLED_childHoldsAnAdapter)
@@ -130,7 +132,8 @@ TEST_F(WintunAdapterTest, isRefusedIfItsNameOrGuidIsInUse)
 TEST_F(WintunAdapterTest, isRefusedWithoutAUsableName)
 {
     const std::wstring longest(127, L'n');
-    for (const wchar_t *name : {static_cast<const wchar_t *>(nullptr), L"", (longest + L"n").c_str()}) {
+    const std::wstring tooLong = longest + L"n";
+    for (const wchar_t *name : {static_cast<const wchar_t *>(nullptr), L"", tooLong.c_str()}) {
         EXPECT_EQ(m_wintun.createAdapter(name, L"Bench", nullptr), nullptr);
         EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
         EXPECT_EQ(m_wintun.openAdapter(name), nullptr);
@@ -192,7 +195,8 @@ TEST_F(WintunAdapterTest, tellsTheLogger)
     m_wintun.closeAdapter(m_wintun.createAdapter(L"test", L"Bench", nullptr));
     m_wintun.setLogger(nullptr);
     m_wintun.openAdapter(L"test");
-    EXPECT_THAT(s_log, ElementsAre(L"2 Failed to open adapter \"test\": error 1168", L"0 Done: create adapter \"test\""));
+    EXPECT_THAT(s_log,
+                ElementsAre(L"2 Failed to open adapter \"test\": error 1168", L"0 Done: create adapter \"test\""));
 }
 
 TEST_F(WintunAdapterTest, failsAsATestHasPlanned)

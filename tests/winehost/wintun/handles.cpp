@@ -69,12 +69,20 @@ void Handles::retire(WINTUN_SESSION_HANDLE handle)
 
 } // namespace ruvo::winehost
 
+namespace __gnu_cxx {
+// Of the C++ library: frees the memory that it keeps for exceptions, 72 KiB, which goes with a process, but not with
+// a DLL. Declared in no header.
+void __freeres();
+} // namespace __gnu_cxx
+
 BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID processEnds)
 {
     using ruvo::winehost::s_handles;
-    if (reason == DLL_PROCESS_ATTACH)
+    if (reason == DLL_PROCESS_ATTACH) {
         s_handles = new ruvo::winehost::Handles;
-    else if (reason == DLL_PROCESS_DETACH && !processEnds)
+    } else if (reason == DLL_PROCESS_DETACH && !processEnds) {
         delete s_handles;
+        __gnu_cxx::__freeres();
+    }
     return TRUE;
 }

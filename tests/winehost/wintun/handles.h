@@ -1,7 +1,7 @@
 #pragma once
 
+#include "library/lock.h"
 #include "wintun/adapter.h"
-#include "wintun/lock.h"
 #include "wintun/session.h"
 #include "wintun/wintun_api.h"
 

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "kernel/system_call.h"
+#include "library/lock.h"
 #include "wintun/adapter_identity.h"
-#include "wintun/lock.h"
 #include "wintun/packet_ring.h"
 #include "wintun/read_watcher.h"
 

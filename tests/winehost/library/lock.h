@@ -4,7 +4,8 @@
 
 namespace ruvo::winehost {
 
-/// A lock that costs next to nothing while nobody else wants it: packets pass through several of them.
+/// A lock that costs next to nothing while nobody else wants it: packets pass through several of them. Besides,
+/// std::mutex and its like leave handles behind in a DLL that is loaded and freed again and again.
 class Lock
 {
 public:
