@@ -33,7 +33,8 @@ bool setInterfaceOption(std::string_view link, std::string_view option, std::uin
 {
     const Descriptor file = openOption(link, option, open_flags::writeOnly);
     const std::string text = std::to_string(value);
-    return systemCall(SystemCall::write, file.get(), text.data(), text.size()) == static_cast<std::int64_t>(text.size());
+    return systemCall(SystemCall::write, file.get(), text.data(), text.size())
+           == static_cast<std::int64_t>(text.size());
 }
 
 } // namespace ruvo::winehost

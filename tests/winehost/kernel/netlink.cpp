@@ -10,9 +10,9 @@ namespace ruvo::winehost {
 
 namespace {
 
-constexpr int netlinkFamily = 16; // AF_NETLINK
-constexpr int rawSocket = 3;      // SOCK_RAW
-constexpr int socketLevel = 1;    // SOL_SOCKET
+constexpr int netlinkFamily = 16;  // AF_NETLINK
+constexpr int rawSocket = 3;       // SOCK_RAW
+constexpr int socketLevel = 1;     // SOL_SOCKET
 constexpr int receiveTimeout = 20; // SO_RCVTIMEO
 constexpr std::int64_t answerSeconds = 5;
 constexpr std::size_t answerSize = 65536;
@@ -30,7 +30,8 @@ struct TimeValue
 
 Descriptor openSocket()
 {
-    Descriptor socket(systemCall(SystemCall::socket, netlinkFamily, rawSocket | open_flags::closeOnExec, NETLINK_ROUTE));
+    Descriptor socket(
+        systemCall(SystemCall::socket, netlinkFamily, rawSocket | open_flags::closeOnExec, NETLINK_ROUTE));
     const TimeValue limit{answerSeconds, 0};
     systemCall(SystemCall::setSocketOption, socket.get(), socketLevel, receiveTimeout, &limit, sizeof limit);
     return socket;
@@ -131,8 +132,8 @@ std::vector<NetlinkAttribute> NetlinkAttribute::nested() const
 int askKernel(const NetlinkRequest &request, const std::function<void(const nlmsghdr &)> &take)
 {
     const Descriptor socket = openSocket();
-    const std::int64_t sent = systemCall(SystemCall::sendTo, socket.get(), request.bytes().data(),
-                                         request.bytes().size());
+    const std::int64_t sent =
+        systemCall(SystemCall::sendTo, socket.get(), request.bytes().data(), request.bytes().size());
     if (sent < 0)
         return static_cast<int>(-sent);
     std::vector<std::byte> answer(answerSize);

@@ -17,8 +17,7 @@ class NetlinkRequest
 {
 public:
     template<typename Header>
-    NetlinkRequest(std::uint16_t type, std::uint16_t flags, const Header &header)
-        : NetlinkRequest(type, flags)
+    NetlinkRequest(std::uint16_t type, std::uint16_t flags, const Header &header) : NetlinkRequest(type, flags)
     {
         append(&header, sizeof header);
     }
@@ -43,11 +42,8 @@ class NetlinkAttribute
 {
 public:
     NetlinkAttribute(std::uint16_t type, const std::byte *data, std::size_t size)
-        : m_type(type)
-        , m_data(data)
-        , m_size(size)
-    {
-    }
+        : m_type(type), m_data(data), m_size(size)
+    {}
 
     std::uint16_t type() const { return m_type; }
     std::uint32_t number() const;
@@ -71,7 +67,8 @@ template<typename Header>
 std::vector<NetlinkAttribute> attributesOf(const nlmsghdr &message)
 {
     const auto *start = reinterpret_cast<const std::byte *>(&message) + sizeof(nlmsghdr);
-    return NetlinkAttribute(0, start + sizeof(Header), message.nlmsg_len - sizeof(nlmsghdr) - sizeof(Header)).nested();
+    return NetlinkAttribute(0, start + sizeof(Header), message.nlmsg_len - sizeof(nlmsghdr) - sizeof(Header))
+        .nested();
 }
 
 template<typename Header>

@@ -17,8 +17,8 @@ struct Route
 {
     std::uint32_t destination = 0;
     std::uint8_t prefixLength = 0;
-    std::uint32_t gateway = 0; ///< 0: the destination is on the link itself
-    std::uint32_t link = 0; ///< index of its interface
+    std::uint32_t gateway = 0;  ///< 0: the destination is on the link itself
+    std::uint32_t link = 0;     ///< index of its interface
     std::uint32_t priority = 0; ///< the lowest wins
     RouteMaker maker = RouteMaker::administrator;
 

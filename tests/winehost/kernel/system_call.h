@@ -3,8 +3,8 @@
 // Wine's processes are Linux processes: code in them may ask the Linux kernel directly, beside all that it asks of
 // Wine. That is how a DLL of the bench, an ordinary Windows one, opens /dev/net/tun or speaks netlink.
 //
-// Calls are made by their x86-64 numbers, as a Windows program has no C library of Linux. It works because Wine 8 leaves
-// the system call instruction alone; a Wine that catches it would need another way in here, and only here.
+// Calls are made by their x86-64 numbers, as a Windows program has no C library of Linux. It works because Wine 8
+// leaves the system call instruction alone; a Wine that catches it would need another way in here, and only here.
 
 #include <concepts>
 #include <cstdint>
@@ -20,6 +20,7 @@ enum class SystemCall : std::int64_t {
     close = 3,
     ioctl = 16,
     yield = 24,
+    processId = 39,
     socket = 41,
     sendTo = 44,
     receiveFrom = 45,
@@ -34,19 +35,19 @@ enum class SystemCall : std::int64_t {
 
 /// Linux's error numbers: those of this program's own errno.h differ from them.
 namespace linux_error {
-constexpr int notPermitted = 1;    // EPERM
-constexpr int notFound = 2;        // ENOENT
-constexpr int noSuchProcess = 3;   // ESRCH: of routes, none that matches
-constexpr int interrupted = 4;     // EINTR
-constexpr int tryAgain = 11;       // EAGAIN
-constexpr int accessDenied = 13;   // EACCES
-constexpr int busy = 16;           // EBUSY
-constexpr int exists = 17;         // EEXIST
-constexpr int noDevice = 19;       // ENODEV
-constexpr int invalid = 22;        // EINVAL
+constexpr int notPermitted = 1;        // EPERM
+constexpr int notFound = 2;            // ENOENT
+constexpr int noSuchProcess = 3;       // ESRCH: of routes, none that matches
+constexpr int interrupted = 4;         // EINTR
+constexpr int tryAgain = 11;           // EAGAIN
+constexpr int accessDenied = 13;       // EACCES
+constexpr int busy = 16;               // EBUSY
+constexpr int exists = 17;             // EEXIST
+constexpr int noDevice = 19;           // ENODEV
+constexpr int invalid = 22;            // EINVAL
 constexpr int badDescriptorState = 77; // EBADFD: the TUN interface of a descriptor is gone
-constexpr int networkDown = 100;   // ENETDOWN
-constexpr int unreachable = 101;   // ENETUNREACH
+constexpr int networkDown = 100;       // ENETDOWN
+constexpr int unreachable = 101;       // ENETUNREACH
 } // namespace linux_error
 
 template<typename T>

@@ -15,8 +15,9 @@ constexpr std::uint32_t initialMtu = 65535; // an adapter's, until somebody sets
 
 bool isSameName(std::wstring_view one, std::wstring_view other)
 {
-    return CompareStringOrdinal(one.data(), static_cast<int>(one.size()), other.data(), static_cast<int>(other.size()),
-                                TRUE) == CSTR_EQUAL;
+    return CompareStringOrdinal(one.data(), static_cast<int>(one.size()), other.data(),
+                                static_cast<int>(other.size()), TRUE)
+           == CSTR_EQUAL;
 }
 
 DWORD windowsError(int linuxError)
@@ -54,11 +55,8 @@ std::optional<Link> linkByName(std::string_view name)
 } // namespace
 
 Adapter::Adapter(Link link, AdapterIdentity identity, Descriptor holder)
-    : m_link(std::move(link))
-    , m_identity(std::move(identity))
-    , m_holder(std::move(holder))
-{
-}
+    : m_link(std::move(link)), m_identity(std::move(identity)), m_holder(std::move(holder))
+{}
 
 Adapter::~Adapter()
 {

@@ -24,8 +24,8 @@ struct AdapterIdentity
     std::optional<std::string> toAlias() const;
     static std::optional<AdapterIdentity> fromAlias(std::string_view alias);
 
-    /// The name of the Linux interface, which has room for 15 characters: the adapter's own name if it will do, else its
-    /// first eight characters and a hash of the whole.
+    /// The name of the Linux interface, which has room for 15 characters: the adapter's own name if it will do, else
+    /// its first eight characters and a hash of the whole.
     std::string linuxName() const;
 };
 

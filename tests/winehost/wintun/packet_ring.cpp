@@ -18,11 +18,8 @@ BYTE *allocate(SIZE_T size)
 
 } // namespace
 
-PacketRing::PacketRing(DWORD capacity)
-    : m_memory(allocate(capacity + slotSize(largestPacket)))
-    , m_capacity(capacity)
-{
-}
+PacketRing::PacketRing(DWORD capacity) : m_memory(allocate(capacity + slotSize(largestPacket))), m_capacity(capacity)
+{}
 
 BYTE *PacketRing::push(DWORD size)
 {

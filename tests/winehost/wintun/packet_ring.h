@@ -58,7 +58,10 @@ private:
     };
 
     using Guard = std::uint32_t;
-    static std::uint64_t slotSize(DWORD size) { return (sizeof(Head) + size + sizeof(Guard) + 7) & ~std::uint64_t{7}; }
+    static std::uint64_t slotSize(DWORD size)
+    {
+        return (sizeof(Head) + size + sizeof(Guard) + 7) & ~std::uint64_t{7};
+    }
     BYTE *at(std::uint64_t position) const { return m_memory.get() + (position & (m_capacity - 1)); }
     Head &headAt(std::uint64_t position) const { return *reinterpret_cast<Head *>(at(position)); }
 

@@ -38,7 +38,8 @@ ReadWatcher::ReadWatcher(const Descriptor &watched, HANDLE event)
     // thread's code taken away, or wait for ever for a thread that needs the loader's lock.
     HMODULE ignored = nullptr;
     if (m_thread)
-        GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&ReadWatcher::run), &ignored);
+        GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&ReadWatcher::run),
+                           &ignored);
 }
 
 ReadWatcher::~ReadWatcher()

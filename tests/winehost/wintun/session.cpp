@@ -48,7 +48,8 @@ std::expected<std::unique_ptr<Session>, DWORD> Session::start(const Link &link, 
         return std::unexpected<DWORD>(ERROR_ALREADY_INITIALIZED);
     auto tun = openTun(link.name, TunInterface::exists);
     if (!tun)
-        return std::unexpected<DWORD>(tun.error() == linux_error::accessDenied ? ERROR_ACCESS_DENIED : ERROR_GEN_FAILURE);
+        return std::unexpected<DWORD>(tun.error() == linux_error::accessDenied ? ERROR_ACCESS_DENIED
+                                                                               : ERROR_GEN_FAILURE);
     changeLink(link.index, {.queueLength = queueLengthFor(capacity), .bringUp = true});
     std::unique_ptr<Session> session(new Session(*std::move(tun), capacity));
     if (!session->isUsable())
@@ -63,8 +64,7 @@ Session::Session(Descriptor tun, DWORD capacity)
     , m_received(std::in_place, capacity)
     , m_sending(std::in_place, capacity)
     , m_watcher(std::in_place, m_tun, m_readEvent.get())
-{
-}
+{}
 
 Session::~Session()
 {
@@ -120,8 +120,8 @@ std::expected<DWORD, DWORD> Session::readPacket(BYTE *place)
     }
 }
 
-// A reader that sleeps is woken through another thread and Wine's server, which takes longer than the next packet of a
-// busy stream takes to come: for that one a few more looks are worth while.
+// A reader that sleeps is woken through another thread and Wine's server, which takes longer than the next packet of
+// a busy stream takes to come: for that one a few more looks are worth while.
 std::expected<BYTE *, DWORD> Session::receive(DWORD &size)
 {
     constexpr int looks = 30;
@@ -176,7 +176,8 @@ std::expected<BYTE *, DWORD> Session::receiveIntoFullRing(DWORD &size)
     return packet;
 }
 
-// While a packet waits outside, the reader is woken when the program releases something: the descriptor may stay ready.
+// While a packet waits outside, the reader is woken when the program releases something: the descriptor may stay
+// ready.
 void Session::watchForNext()
 {
     const std::lock_guard lock(m_receiveLock);

@@ -262,15 +262,15 @@ TEST_F(WintunSessionTest, noticesMisuse)
     m_wintun.release(m_session, received + 8);
     m_wintun.release(m_session, received);
     m_wintun.release(m_session, received);
-    EXPECT_THAT(journal("misuse"), ElementsAre(HasSubstr("no packet to be released"),
-                                               HasSubstr("no packet to be released")));
+    EXPECT_THAT(journal("misuse"),
+                ElementsAre(HasSubstr("no packet to be released"), HasSubstr("no packet to be released")));
     BYTE *place = m_wintun.allocate(m_session, 29);
     ASSERT_TRUE(place);
     place[29] = 0;
     m_wintun.send(m_session, place);
     m_wintun.send(m_session, place);
-    EXPECT_THAT(journal("WintunSendPacket"), ElementsAre(HasSubstr("written past its end"),
-                                                         HasSubstr("no packet that was allocated")));
+    EXPECT_THAT(journal("WintunSendPacket"),
+                ElementsAre(HasSubstr("written past its end"), HasSubstr("no packet that was allocated")));
 }
 
 TEST_F(WintunSessionTest, failsPacketCallsAsATestHasPlanned)

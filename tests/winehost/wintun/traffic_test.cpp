@@ -161,8 +161,9 @@ TEST_F(WintunSessionTest, printsItsThroughput)
     m_session = nullptr;
     EXPECT_THAT(journal("WintunEndSession"), ::testing::ElementsAre(HasSubstr("\"sent\":200000,")));
     constexpr double gigabits = count * packetSize * 8 / 1e9;
-    std::printf("1400-byte packets, one thread: %.0f sent a second (%.2f Gbit/s), %.0f received a second (%.2f Gbit/s)\n",
-                count / sending, gigabits / sending, count / receiving, gigabits / receiving);
+    std::printf(
+        "1400-byte packets, one thread: %.0f sent a second (%.2f Gbit/s), %.0f received a second (%.2f Gbit/s)\n",
+        count / sending, gigabits / sending, count / receiving, gigabits / receiving);
 }
 
 } // namespace ruvo::test

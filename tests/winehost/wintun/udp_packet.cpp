@@ -10,12 +10,12 @@ using winehost::systemCall;
 namespace {
 
 // Linux's numbers, where they are not Windows' own.
-constexpr int datagramSocket = 2;                                // SOCK_DGRAM
-constexpr int closeOnExec = winehost::open_flags::closeOnExec;   // SOCK_CLOEXEC
-constexpr int socketLevel = 1;                                   // SOL_SOCKET
-constexpr int receiveTimeout = 20;                               // SO_RCVTIMEO
-constexpr int sendTimeout = 21;                                  // SO_SNDTIMEO
-constexpr int dontWait = 0x40;                                   // MSG_DONTWAIT
+constexpr int datagramSocket = 2;                              // SOCK_DGRAM
+constexpr int closeOnExec = winehost::open_flags::closeOnExec; // SOCK_CLOEXEC
+constexpr int socketLevel = 1;                                 // SOL_SOCKET
+constexpr int receiveTimeout = 20;                             // SO_RCVTIMEO
+constexpr int sendTimeout = 21;                                // SO_SNDTIMEO
+constexpr int dontWait = 0x40;                                 // MSG_DONTWAIT
 
 constexpr std::size_t ipHeader = 20;
 constexpr std::size_t udpHeader = 8;
@@ -102,8 +102,8 @@ bool UdpSocket::sendTo(ULONG address, USHORT port, std::string_view payload) con
 std::string UdpSocket::receive(bool wait) const
 {
     std::string payload(65536, '\0');
-    const std::int64_t size = systemCall(SystemCall::receiveFrom, m_socket.get(), payload.data(), payload.size(),
-                                         wait ? 0 : dontWait);
+    const std::int64_t size =
+        systemCall(SystemCall::receiveFrom, m_socket.get(), payload.data(), payload.size(), wait ? 0 : dontWait);
     if (size < 0)
         return "(nothing)";
     payload.resize(static_cast<std::size_t>(size));

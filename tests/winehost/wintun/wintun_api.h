@@ -26,8 +26,8 @@ enum WINTUN_LOGGER_LEVEL { WINTUN_LOG_INFO, WINTUN_LOG_WARN, WINTUN_LOG_ERR };
 /// `timestamp`: 100 ns since 1601. May be called from any thread, by several at once.
 using WINTUN_LOGGER_CALLBACK = VOID(CALLBACK *)(WINTUN_LOGGER_LEVEL level, DWORD64 timestamp, LPCWSTR message);
 
-/// The adapter goes when its handle is closed, or when this process ends. ERROR_ALREADY_EXISTS: its name or its GUID is
-/// in use.
+/// The adapter goes when its handle is closed, or when this process ends. ERROR_ALREADY_EXISTS: its name or its GUID
+/// is in use.
 WINTUN_ADAPTER_HANDLE WINAPI WintunCreateAdapter(LPCWSTR name, LPCWSTR tunnelType, const GUID *requestedGuid);
 /// The adapter stays when its handle is closed. ERROR_NOT_FOUND: there is none of that name.
 WINTUN_ADAPTER_HANDLE WINAPI WintunOpenAdapter(LPCWSTR name);
@@ -43,12 +43,12 @@ WINTUN_SESSION_HANDLE WINAPI WintunStartSession(WINTUN_ADAPTER_HANDLE adapter, D
 void WINAPI WintunEndSession(WINTUN_SESSION_HANDLE session);
 /// To be waited for when there was nothing to receive. Belongs to the session.
 HANDLE WINAPI WintunGetReadWaitEvent(WINTUN_SESSION_HANDLE session);
-/// Any thread. ERROR_NO_MORE_ITEMS: nothing there now; ERROR_HANDLE_EOF: the adapter goes away; ERROR_INVALID_DATA: the
-/// ring is damaged. What was received has to be released, in any order.
+/// Any thread. ERROR_NO_MORE_ITEMS: nothing there now; ERROR_HANDLE_EOF: the adapter goes away; ERROR_INVALID_DATA:
+/// the ring is damaged. What was received has to be released, in any order.
 BYTE *WINAPI WintunReceivePacket(WINTUN_SESSION_HANDLE session, DWORD *packetSize);
 void WINAPI WintunReleaseReceivePacket(WINTUN_SESSION_HANDLE session, const BYTE *packet);
-/// Any thread; packets go out in the order of these calls. ERROR_BUFFER_OVERFLOW: the ring is full; ERROR_HANDLE_EOF: the
-/// adapter goes away.
+/// Any thread; packets go out in the order of these calls. ERROR_BUFFER_OVERFLOW: the ring is full; ERROR_HANDLE_EOF:
+/// the adapter goes away.
 BYTE *WINAPI WintunAllocateSendPacket(WINTUN_SESSION_HANDLE session, DWORD packetSize);
 void WINAPI WintunSendPacket(WINTUN_SESSION_HANDLE session, const BYTE *packet);
 
