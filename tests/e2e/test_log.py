@@ -81,6 +81,8 @@ def test_under_load_no_line_is_torn(running):
     client = running.client()
     hello(running, client)
     pipeload.run(running, "load", sessions=1, clients=20, requests=200, max_size=65536, timeout=120)
+    # The last of them are noticed to have gone after their program has ended.
+    running.log.wait_for(lambda text: text == "Remaining connected clients: 1")
     lines = file_of(running).read_bytes().split(b"\n")[:-1]
     assert len(lines) > 20
     assert all(LINE.match(line) for line in lines)
