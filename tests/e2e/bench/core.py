@@ -1,10 +1,12 @@
 """The real proxy core, built for Windows, as a client starts it through the daemon; and a web server behind it."""
 
 import hashlib
+import re
 import shutil
 import subprocess
 import sys
 
+from .network import UPLINK_ADDRESSES
 from .paths import ROOT, windows_path
 from .waiting import wait_for
 
@@ -16,24 +18,45 @@ import core_config  # noqa: E402  pylint: disable=wrong-import-position
 PROXY_PORT, DIRECT_PORT = core_config.DEFAULT_PORTS
 
 
-def install(bench):
-    """Puts the core and its configuration beside the product; the specification that starts it."""
+def install(bench, **options):
+    """Puts the core and its configuration (core_config.build) beside the product; the specification that starts it."""
     if not CORE.exists():
         raise RuntimeError(f"{CORE} is missing: run scripts/build-core first")
     folder = bench.application / "core"
     folder.mkdir(exist_ok=True)
     shutil.copy2(CORE, folder)
-    config = core_config.write(folder / "config.json")
+    config = core_config.write(folder / "config.json", **options)
     return {"process-id": "core", "executable": windows_path(folder / "core.exe"),
             "arguments": ["-config", windows_path(config)], "working-dir": windows_path(folder)}
 
 
+def output(client, process_id="core"):
+    """What the core has printed so far, as its owner was told."""
+    return "".join(event["data"] for event in client.events("stdout") if event["process-id"] == process_id)
+
+
 def wait_until_up(client, process_id="core"):
     """Waits until the core's output says that it has started."""
-    def started():
-        text = "".join(event["data"] for event in client.events("stdout") if event["process-id"] == process_id)
-        return "started" in text
-    wait_for(started, 20, "the core to say that it has started")
+    wait_for(lambda: "started" in output(client, process_id), 30, "the core to say that it has started")
+
+
+def start(bench, client, **options):
+    """Starts the core through the daemon, its own connections kept out of any tunnel, and waits until it is up."""
+    answer = client.request("start", **install(bench, send_through=UPLINK_ADDRESSES, **options))
+    assert answer["status"] == "started", answer
+    wait_until_up(client)
+
+
+def taken(client, process_id="core"):
+    """What the inbounds have taken so far: [("proxy" or "direct", "tcp" or "udp", "host:port"), …], in order."""
+    found = re.findall(r"accepted (tcp|udp):(\S+) \[(proxy|direct)\]", output(client, process_id))
+    return [(way, protocol, destination) for protocol, destination, way in found]
+
+
+def wait_for_taken(client, way, protocol, destination, timeout=15):
+    """Waits until an inbound's log tells of this connection."""
+    wait_for(lambda: (way, protocol, destination) in taken(client), timeout,
+             f"{protocol}:{destination} at the inbound {way!r}; taken: {taken(client)[-20:]}")
 
 
 class WebServer:

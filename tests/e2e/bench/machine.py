@@ -40,6 +40,10 @@ class Bench(Service):
         self.clients = []
         self._numbers = itertools.count(1)
 
+    def log_debug_lines(self):
+        """Before `up`: the daemon logs its debug lines too, which tell step by step what it does."""
+        self.prefix.service_environment["QT_LOGGING_RULES"] = "ruvod.debug=true"
+
     def up(self):
         remove(self.directory)
         self.substitutes.mkdir(parents=True)

@@ -17,6 +17,13 @@ ROUTES = (
     ("guest", "default", "198.51.100.1", "host"),
     ("net", "198.51.100.0/24", "192.0.2.2", "guest"),
 )
+# Where servers are, far behind the gateway: public resolvers, and addresses for documentation.
+RESOLVERS = ("8.8.8.8", "8.8.4.4", "1.1.1.1", "1.0.0.1")
+SERVERS = ("203.0.113.10", "203.0.113.20")
+# Programs of `host` that bind to these leave through the uplink whatever the routes say, as a program of Windows that
+# binds to an interface does.
+UPLINK_ADDRESSES = ("192.0.2.2", "192.0.2.3")
+UPLINK_TABLE = "100"
 # What Windows gives such an interface: routes of a better metric win, as they would there.
 ROUTE_METRIC = "25"
 OURS = re.compile(r"^ruvod-(\d+)-")
@@ -74,6 +81,11 @@ class Network:
         for role, target, gateway, needed in ROUTES:
             if role in self.roles and needed in self.roles:
                 ip("-n", self.name(role), "route", "add", target, "via", gateway, "metric", ROUTE_METRIC)
+        if "net" in self.roles:
+            for address in RESOLVERS + SERVERS:
+                ip("-n", self.name("net"), "address", "add", f"{address}/32", "dev", "lo")
+        if {"host", "net"} <= set(self.roles):
+            self._make_way_around_routes()
         if "guest" in self.roles:
             subprocess.run([*self.enter("host"), "sysctl", "-qw", "net.ipv4.ip_forward=1"], check=True, timeout=20)
 
@@ -84,6 +96,14 @@ class Network:
         for end_role, end_device, address in link:
             ip("-n", self.name(end_role), "address", "add", address, "dev", end_device)
             ip("-n", self.name(end_role), "link", "set", end_device, "up")
+
+    def _make_way_around_routes(self):
+        host = self.name("host")
+        ip("-n", host, "address", "add", f"{UPLINK_ADDRESSES[1]}/24", "dev", "uplink")
+        ip("-n", host, "route", "add", "192.0.2.0/24", "dev", "uplink", "table", UPLINK_TABLE)
+        ip("-n", host, "route", "add", "default", "via", "192.0.2.1", "table", UPLINK_TABLE)
+        for address in UPLINK_ADDRESSES:
+            ip("-n", host, "rule", "add", "from", address, "lookup", UPLINK_TABLE)
 
     def down(self):
         existing = namespaces()

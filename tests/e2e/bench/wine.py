@@ -77,6 +77,7 @@ class Prefix:
         self.directory = directory
         self.output = directory.with_suffix(".log")
         self.enter = list(enter)
+        self.service_environment = {}  # of services, beside what Windows gives them; before `up`
         self._keeper = None
 
     def environment(self):
@@ -92,11 +93,22 @@ class Prefix:
         """Makes the prefix and starts Wine in it, with room for many connections."""
         raise_open_files()
         subprocess.run([WINE_PREFIX, "copy", template(), self.directory], check=True, timeout=60)
+        self._write_service_environment()
         # Services are shut down as soon as no ordinary program is left: this one stays until its input ends, so
         # until this process ends, however that comes about. It also sees to the desktop (winprobe says why).
         with open(self.output, "wb") as output:
             self._keeper = self.popen(WINPROBE, "keep", stdin=subprocess.PIPE, stdout=output, stderr=output)
         wait_for(lambda: b'"ready":true' in self.output.read_bytes(), 60, "Wine to be up")
+
+    def _write_service_environment(self):
+        """Into the registry's file: once Wine runs, the service manager has read it."""
+        head = "[System\\\\CurrentControlSet\\\\Control\\\\Session Manager\\\\Environment]"
+        values = "".join(f'"{name}"="{value}"\n' for name, value in self.service_environment.items())
+        registry = self.directory / "system.reg"
+        before, found, after = registry.read_text(encoding="utf-8").partition(head)
+        assert found, f"no environment of services in {registry}"
+        rest_of_head, after = after.split("\n", 1)
+        registry.write_text(before + head + rest_of_head + "\n" + values + after, encoding="utf-8")
 
     def popen(self, *command, **options):
         """Starts a Windows program. It gets a session of its own: Ctrl+C in a terminal is ours to handle."""

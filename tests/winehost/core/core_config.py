@@ -1,5 +1,7 @@
 #!/usr/bin/env python3
-"""Configuration of the bench's proxy core: two SOCKS5 inbounds with UDP, everything goes out directly.
+"""Configuration of the bench's proxy core: two SOCKS5 inbounds with UDP, each with a way out of its own.
+
+Which inbound took a connection stands in the access log, as the name of its way out: "[proxy]" or "[direct]".
 
 As a module: core_config.write(path, send_through="192.0.2.2").
 As a program: core_config.py OUT --send-through 192.0.2.2
@@ -17,8 +19,8 @@ DEFAULT_PORTS = (10808, 20808)
 def build(send_through=None, listen="127.0.0.1", ports=DEFAULT_PORTS):
     """The configuration as a dictionary.
 
-    send_through: the address that outgoing connections are bound to, so that a policy rule can keep them out of the
-    tunnel; without it the system chooses one. listen: where the inbounds listen, for UDP too.
+    send_through: the address that outgoing connections are bound to (or one for each inbound), so that a policy rule
+    can keep them out of the tunnel; without it the system chooses one. listen: where the inbounds listen, for UDP too.
     """
     config = json.loads(TEMPLATE.read_text())
     assert len(ports) == len(config["inbounds"]), "one port for each inbound"
@@ -27,8 +29,9 @@ def build(send_through=None, listen="127.0.0.1", ports=DEFAULT_PORTS):
         inbound["port"] = port
         inbound["settings"]["ip"] = listen
     if send_through:
-        for outbound in config["outbounds"]:
-            outbound["sendThrough"] = send_through
+        addresses = [send_through] * len(ports) if isinstance(send_through, str) else send_through
+        for outbound, address in zip(config["outbounds"], addresses, strict=True):
+            outbound["sendThrough"] = address
     return config
 
 

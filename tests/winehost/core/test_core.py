@@ -110,8 +110,8 @@ def test_carries_a_page_whole(core, page_server, inbound):
                              capture_output=True, check=True, timeout=90).stdout
     assert hashlib.sha256(fetched).digest() == hashlib.sha256(PAGE).digest()
     assert page_server.clients == [BOUND_TO]
-    destination = f"tcp:127.0.0.1:{page_server.server_port}"
-    wait_for(lambda: destination in core.log.read_text(), 10, f"{destination} in the access log")
+    way = f"tcp:127.0.0.1:{page_server.server_port} [{('proxy', 'direct')[inbound]}]"
+    wait_for(lambda: way in core.log.read_text(), 10, f"{way} in the access log")
 
 
 @pytest.mark.parametrize("inbound", (0, 1))
@@ -142,4 +142,6 @@ def test_the_configuration_is_as_tests_know_it():
     assert [inbound["port"] for inbound in config["inbounds"]] == [10808, 20808]
     assert all(inbound["protocol"] == "socks" and inbound["settings"]["udp"] for inbound in config["inbounds"])
     assert "sendThrough" not in config["outbounds"][0]
-    assert core_config.build(send_through="192.0.2.2")["outbounds"][0]["sendThrough"] == "192.0.2.2"
+    one, two = "192.0.2.2", "192.0.2.3"
+    assert [way["sendThrough"] for way in core_config.build(send_through=one)["outbounds"]] == [one, one]
+    assert [way["sendThrough"] for way in core_config.build(send_through=(one, two))["outbounds"]] == [one, two]
