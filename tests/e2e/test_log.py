@@ -3,7 +3,7 @@
 import re
 import shutil
 
-from bench import pipeload
+from bench import pipeload, wait_for
 
 LINE = re.compile(rb"^\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] (INFO|WARNING|CRITICAL): .*\r$")
 LIMIT = 0x100000
@@ -82,7 +82,7 @@ def test_under_load_no_line_is_torn(running):
     hello(running, client)
     pipeload.run(running, "load", sessions=1, clients=20, requests=200, max_size=65536, timeout=120)
     # The last of them are noticed to have gone after their program has ended.
-    running.log.wait_for(lambda text: text == "Remaining connected clients: 1")
+    wait_for(lambda: "Remaining connected clients: 1" in running.log.texts(), 30, "the load's clients to be gone")
     lines = file_of(running).read_bytes().split(b"\n")[:-1]
     assert len(lines) > 20
     assert all(LINE.match(line) for line in lines)
