@@ -110,6 +110,7 @@ void WintunAdapter::startReading()
 {
     if (m_running)
         return;
+    stopReading();
     ResetEvent(m_quitEvent.get());
     m_running = true;
     m_reading = true;
@@ -124,10 +125,11 @@ void WintunAdapter::startReading()
 
 void WintunAdapter::stopReading()
 {
-    if (!m_running.exchange(false))
-        return;
-    SetEvent(m_quitEvent.get());
-    m_readerThread.join();
+    if (m_running.exchange(false))
+        SetEvent(m_quitEvent.get());
+    // Not only what was running: a reader that stopped itself could not join itself.
+    if (m_readerThread.joinable())
+        m_readerThread.join();
 }
 
 void WintunAdapter::readPackets()

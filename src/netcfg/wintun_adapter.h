@@ -39,6 +39,7 @@ public:
     void setPacketCallback(PacketCallback callback);
     /// Starts the reader thread, once. std::system_error if there can be no thread.
     void startReading();
+    /// Not from the callback: std::system_error, as a thread cannot wait for itself. The reader ends all the same.
     void stopReading();
     /// Whether the reader thread still reads: it ends by itself when the adapter goes away.
     bool isReading() const { return m_reading; }

@@ -1,0 +1,105 @@
+// Which of the system's routes is taken for the original default route.
+
+#include "netcfg/forward_table.h"
+#include "netcfg/route_manager.h"
+
+#include "support/log_capture.h"
+#include "support/qt_printers.h"
+#include "windows/netcfg/fake_ip_helper.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <utility>
+
+namespace ruvo {
+namespace {
+
+using test::FakeIpHelper;
+using test::ForwardRow;
+
+using Gateway = std::pair<std::uint32_t, std::uint32_t>;
+
+std::optional<Gateway> find()
+{
+    std::uint32_t gateway = 0;
+    std::uint32_t interfaceIndex = 0;
+    if (!RouteManager().findOriginalGateway(gateway, interfaceIndex))
+        return std::nullopt;
+    return Gateway{gateway, interfaceIndex};
+}
+
+constexpr ForwardRow lan{"192.168.1.0", "255.255.255.0", "0.0.0.0", 4};
+constexpr ForwardRow viaLan{"0.0.0.0", "0.0.0.0", "192.168.1.1", 4, 25};
+constexpr ForwardRow viaWlan{"0.0.0.0", "0.0.0.0", "10.0.0.1", 9, 5};
+constexpr ForwardRow onLink{"0.0.0.0", "0.0.0.0", "0.0.0.0", 12, 1};
+
+struct Case
+{
+    const char *what;
+    std::vector<ForwardRow> table;
+    std::optional<Gateway> expected;
+};
+
+TEST(OriginalGateway, isTheFirstDefaultRouteOfTheSystemsOrder)
+{
+    const Case cases[] = {
+        {"one default route", {lan, viaLan}, Gateway{0xC0A80101, 4}},
+        {"the worse metric first", {viaLan, lan, viaWlan}, Gateway{0xC0A80101, 4}},
+        {"the better metric first", {viaWlan, lan, viaLan}, Gateway{0x0A000001, 9}},
+        {"an on-link default", {lan, onLink, viaLan}, Gateway{0, 12}},
+        {"none", {lan}, std::nullopt},
+        {"an empty table", {}, std::nullopt},
+    };
+    for (const Case &one : cases) {
+        FakeIpHelper ipHelper;
+        ipHelper.forwardTable = one.table;
+        EXPECT_EQ(find(), one.expected) << one.what;
+        EXPECT_EQ(ipHelper.forwardTableCalls, 2) << one.what;
+    }
+}
+
+TEST(OriginalGateway, isUnknownIfTheTableCannotBeRead)
+{
+    for (const int nth : {1, 2}) {
+        for (const DWORD error : {DWORD{ERROR_NO_DATA}, DWORD{ERROR_NOT_SUPPORTED}}) {
+            FakeIpHelper ipHelper;
+            ipHelper.forwardTable = {viaLan};
+            ipHelper.failForwardTable(nth, error);
+            EXPECT_EQ(find(), std::nullopt);
+            EXPECT_EQ(ipHelper.forwardTableCalls, nth);
+        }
+    }
+}
+
+TEST(OriginalGateway, isUnknownIfThereIsNothingToAskFor)
+{
+    FakeIpHelper ipHelper;
+    ipHelper.forwardTable = {viaLan};
+    ipHelper.failForwardTable(1, NO_ERROR); // "fits into nothing"
+    EXPECT_EQ(find(), std::nullopt);
+    EXPECT_EQ(ipHelper.forwardTableCalls, 1);
+}
+
+TEST(ForwardTable, isHowItWasAtOneMoment)
+{
+    FakeIpHelper ipHelper;
+    ipHelper.forwardTable = {lan, viaLan};
+    const ForwardTable table;
+    ipHelper.forwardTable = {};
+    ASSERT_EQ(table.rows().size(), 2u);
+    EXPECT_EQ(table.rows()[0].dwForwardDest, htonl(0xC0A80100));
+    EXPECT_EQ(table.rows()[1].dwForwardNextHop, htonl(0xC0A80101));
+    EXPECT_EQ(ForwardTable().rows().size(), 0u);
+}
+
+TEST(ForwardTable, isEmptyIfItGrewMeanwhile)
+{
+    FakeIpHelper ipHelper;
+    ipHelper.forwardTable = {lan};
+    ipHelper.failForwardTable(2, ERROR_INSUFFICIENT_BUFFER);
+    EXPECT_TRUE(ForwardTable().rows().empty());
+}
+
+} // namespace
+} // namespace ruvo

@@ -1,0 +1,132 @@
+// Packets into the ring: how long a full one is tried again, and what is given up.
+
+#include "netcfg/wintun_adapter.h"
+
+#include "support/log_capture.h"
+#include "support/qt_printers.h"
+#include "windows/netcfg/fake_wintun.h"
+#include "windows/support/call_journal.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace ruvo {
+namespace {
+
+using test::FakeWintun;
+
+constexpr std::uint8_t packet[] = {0x45, 1, 2, 3, 4};
+const QByteArray packetBytes(reinterpret_cast<const char *>(packet), sizeof(packet));
+
+class WintunAdapterSend : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_adapter.load(FakeWintun::path));
+        ASSERT_TRUE(m_adapter.createAdapter(L"tun", L"SocksTunnel"));
+        ASSERT_TRUE(m_adapter.startSession(0x20000));
+        m_sleeps.watch<IMPORT(Sleep)>([](DWORD) {});
+        m_fake.clear();
+        m_log.clear();
+    }
+
+    bool send() { return m_adapter.sendPacket(packet, sizeof(packet)); }
+    qsizetype attempts() const { return m_fake.count("WintunAllocateSendPacket 5e55 5"); }
+
+    test::LogCapture m_log;
+    FakeWintun m_fake;
+    WintunAdapter m_adapter;
+    test::CallJournal m_sleeps;
+};
+
+TEST_F(WintunAdapterSend, copiesThePacketIntoTheRing)
+{
+    EXPECT_TRUE(send());
+    EXPECT_EQ(m_fake.calls(), (QStringList{"WintunAllocateSendPacket 5e55 5", "WintunSendPacket 5e55"}));
+    EXPECT_EQ(m_fake.sent(), QByteArrayList{packetBytes});
+    EXPECT_TRUE(m_sleeps.lines().empty());
+}
+
+TEST_F(WintunAdapterSend, letsThePacketBeWrittenInPlace)
+{
+    std::uint8_t *place = m_adapter.allocatePacket(sizeof(packet));
+    ASSERT_EQ(place, m_fake.allocated());
+    std::memcpy(place, packet, sizeof(packet));
+    m_adapter.sendAllocated(place);
+    EXPECT_EQ(m_fake.sent(), QByteArrayList{packetBytes});
+}
+
+TEST_F(WintunAdapterSend, triesAFullRingAtOnceThenAfterOneThenAfterTwoMilliseconds)
+{
+    m_fake.allocateFailures = 4;
+    EXPECT_TRUE(send());
+    EXPECT_EQ(attempts(), 5);
+    EXPECT_EQ(m_sleeps.lines(), (std::vector<std::string>{"Sleep(1)", "Sleep(2)", "Sleep(2)"}));
+    EXPECT_EQ(m_fake.sent(), QByteArrayList{packetBytes});
+    EXPECT_EQ(m_log.lines(), QStringList());
+}
+
+TEST_F(WintunAdapterSend, stillSendsAtTheFiftiethAttempt)
+{
+    m_fake.allocateFailures = 49;
+    EXPECT_TRUE(send());
+    EXPECT_EQ(attempts(), 50);
+    EXPECT_EQ(m_log.lines(), QStringList());
+}
+
+TEST_F(WintunAdapterSend, givesUpAfterTheFiftiethFailure)
+{
+    m_fake.allocateFailures = -1;
+    EXPECT_FALSE(send());
+    EXPECT_EQ(attempts(), 50);
+    EXPECT_EQ(m_sleeps.lines().size(), 48u);
+    EXPECT_EQ(m_sleeps.count("Sleep(1)"), 1u);
+    EXPECT_EQ(m_sleeps.count("Sleep(2)"), 47u); // 95 ms in all
+    EXPECT_EQ(m_log.lines(),
+              QStringList{"WARNING [WINTUN] Send buffer full after 50 retries, dropping packet size= 5"});
+    EXPECT_EQ(m_fake.sent(), QByteArrayList());
+}
+
+TEST_F(WintunAdapterSend, takesAnEndingSessionForAFullRing)
+{
+    m_fake.allocateFailures = -1;
+    m_fake.allocateError = ERROR_HANDLE_EOF;
+    EXPECT_FALSE(send());
+    EXPECT_EQ(attempts(), 50);
+    EXPECT_EQ(m_log.lines(),
+              QStringList{"WARNING [WINTUN] Send buffer full after 50 retries, dropping packet size= 5"});
+}
+
+TEST_F(WintunAdapterSend, triesNothingAgainAfterAnyOtherError)
+{
+    m_fake.allocateFailures = -1;
+    m_fake.allocateError = ERROR_INVALID_PARAMETER;
+    EXPECT_FALSE(send());
+    EXPECT_EQ(attempts(), 1);
+    EXPECT_TRUE(m_sleeps.lines().empty());
+    EXPECT_EQ(m_log.lines(), QStringList{"WARNING Failed to allocate send packet: 87"});
+}
+
+TEST_F(WintunAdapterSend, startsCountingAnewWithEachPacket)
+{
+    m_fake.allocateFailures = 49;
+    EXPECT_TRUE(send());
+    m_fake.allocateFailures = 49;
+    EXPECT_TRUE(send());
+    EXPECT_EQ(m_fake.sent().size(), 2);
+}
+
+TEST_F(WintunAdapterSend, needsASession)
+{
+    m_adapter.endSession();
+    m_fake.clear();
+    EXPECT_FALSE(send());
+    EXPECT_EQ(m_adapter.allocatePacket(1), nullptr);
+    EXPECT_EQ(m_log.lines(), QStringList(2, "WARNING [WINTUN-SEND] No session!"));
+    EXPECT_EQ(m_fake.calls(), QStringList());
+}
+
+} // namespace
+} // namespace ruvo
