@@ -5,7 +5,7 @@ import signal
 
 import pytest
 
-from bench import paths, sweep
+from bench import paths, sweep, tunnel
 from bench.machine import Bench
 
 
@@ -29,6 +29,8 @@ def bench(request):
     roles = getattr(request, "param", ("host",))
     name = re.sub(r"[^\w.-]+", "_", f"{request.module.__name__}.{request.node.name}")
     made = Bench(paths.OUTPUT / name, roles)
+    if request.node.get_closest_marker("debug_log"):
+        made.log_debug_lines()
     keep_logs = True
     try:
         made.up()
@@ -47,3 +49,21 @@ def running(bench):
     bench.register()
     bench.start()
     return bench
+
+
+@pytest.fixture
+def tunnel_bench(running):
+    """The same, for a tunnel: its usual warnings are known, and in the end nothing may be left of it.
+
+    Routes that the test takes away or that stay are to be told: bench.routes_that_change = (gone, new).
+    """
+    tunnel.expect_in_log(running)
+    running.routes_that_change = ([], [])
+    addresses, routes = tunnel.addresses(running), tunnel.routes(running)
+    yield running
+    if running.daemon_pids():
+        running.stop()
+    gone, new = running.routes_that_change
+    assert (tunnel.adapters(running), tunnel.addresses(running)) == ([], addresses)
+    assert sorted(tunnel.routes(running)) == sorted([route for route in routes if route not in gone] + new)
+    assert not tunnel.misuse(running)

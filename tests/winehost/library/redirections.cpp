@@ -19,6 +19,13 @@ const Redirection redirections[] = {
     // Written down, passed on unchanged.
     {"advapi32.dll", "SetServiceStatus", address(setServiceStatus)},
     {"advapi32.dll", "SetServiceObjectSecurity", address(setServiceObjectSecurity)},
+    // Written down, passed on unless a test has planned a failure.
+    {"advapi32.dll", "RegOpenKeyExW", address(regOpenKeyEx)},
+    {"advapi32.dll", "RegSetValueExA", address(regSetValueExA)},
+    {"kernel32.dll", "CreateIoCompletionPort", address(createIoCompletionPort)},
+    {"kernel32.dll", "GetProcAddress", address(getProcAddress)},
+    // Linux ignores IP_UNICAST_IF.
+    {"ws2_32.dll", "setsockopt", address(setSocketOption)},
     // Windows ignores CREATE_NEW_PROCESS_GROUP beside CREATE_NEW_CONSOLE; Wine starts the child with Ctrl+C off.
     {"kernel32.dll", "CreateProcessW", address(createProcess)},
     // Group 0 is every process of the console; Wine's is the caller's own group.

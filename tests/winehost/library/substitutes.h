@@ -2,7 +2,8 @@
 
 // What the program calls in place of Windows' own functions; redirections.cpp says which for which.
 
-#include <windows.h>
+#include "common/winsock_headers.h"
+
 #include <winsvc.h>
 
 namespace ruvo::winehost {
@@ -16,6 +17,15 @@ BOOL WINAPI createProcess(LPCWSTR application, LPWSTR commandLine, LPSECURITY_AT
                           LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
                           LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION information);
 BOOL WINAPI processIdToSessionId(DWORD pid, DWORD *session);
+
+// passed_calls.cpp
+LSTATUS WINAPI regOpenKeyEx(HKEY key, LPCWSTR path, DWORD options, REGSAM access, HKEY *result);
+LSTATUS WINAPI regSetValueExA(HKEY key, LPCSTR name, DWORD reserved, DWORD type, const BYTE *data, DWORD size);
+HANDLE WINAPI createIoCompletionPort(HANDLE file, HANDLE port, ULONG_PTR key, DWORD threads);
+FARPROC WINAPI getProcAddress(HMODULE library, LPCSTR name);
+
+// netconfig/socket_calls.cpp
+int WINAPI setSocketOption(SOCKET socket, int level, int option, const char *value, int size);
 
 // console_calls.cpp
 BOOL WINAPI generateConsoleCtrlEvent(DWORD event, DWORD group);
