@@ -70,10 +70,14 @@ def set_uplink_metric(bench, metric):
     ip("-n", host, "route", "add", "default", "via", "192.0.2.1", "metric", str(metric))
 
 
+def interface_key(guid, service="Tcpip"):
+    """Where Windows keeps the settings of an interface; Tcpip6 for IPv6."""
+    return rf"HKLM\SYSTEM\CurrentControlSet\Services\{service}\Parameters\Interfaces\{guid}"
+
+
 def dns_servers(bench, guid, service="Tcpip"):
     """The value NameServer of an interface in the registry, or None."""
-    key = rf"HKLM\SYSTEM\CurrentControlSet\Services\{service}\Parameters\Interfaces\{guid}"
-    result = bench.prefix.run("reg", "query", key, "/v", "NameServer")
+    result = bench.prefix.run("reg", "query", interface_key(guid, service), "/v", "NameServer")
     found = re.search(r"NameServer\s+REG_SZ(.*)", result.stdout)
     return found[1].strip() if found else None
 
