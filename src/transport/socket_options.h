@@ -2,7 +2,19 @@
 
 #include "common/winsock_headers.h"
 
+#include <cstdint>
+
 namespace ruvo {
+
+/// Address and port in host order.
+inline sockaddr_in socketAddress(std::uint32_t address, std::uint16_t port)
+{
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_addr.s_addr = htonl(address);
+    result.sin_port = htons(port);
+    return result;
+}
 
 /// What every stream to the proxy core gets, in both directions, in bytes.
 inline constexpr int proxyBufferSize = 0x100000;
@@ -20,6 +32,26 @@ inline void setProxyBuffers(SOCKET socket)
     const int size = proxyBufferSize;
     setsockopt(socket, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<const char *>(&size), sizeof(size));
     setsockopt(socket, SOL_SOCKET, SO_RCVBUF, reinterpret_cast<const char *>(&size), sizeof(size));
+}
+
+/// Small segments go out at once: what is relayed has been waited for already. Failure does not matter.
+inline void setNoDelay(SOCKET socket)
+{
+    const int on = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char *>(&on), sizeof(on));
+}
+
+inline void setNonBlocking(SOCKET socket)
+{
+    u_long on = 1;
+    ioctlsocket(socket, static_cast<long>(FIONBIO), &on);
+}
+
+/// Closing it will answer whatever still comes with a reset, and throw away what has not gone out.
+inline void resetWhenClosed(SOCKET socket)
+{
+    const linger now{.l_onoff = 1, .l_linger = 0};
+    setsockopt(socket, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char *>(&now), sizeof(now));
 }
 
 } // namespace ruvo

@@ -105,6 +105,12 @@ std::optional<Endpoint> parseUdpAssociateReply(ByteView reply, std::uint32_t pro
     return relay;
 }
 
+std::array<std::uint8_t, udpHeaderSizeIpv4> udpHeader(std::uint32_t address, std::uint16_t port)
+{
+    return {0, 0, 0, ipv4Type, byteOf(address, 24), byteOf(address, 16), byteOf(address, 8), byteOf(address, 0),
+            byteOf(port, 8), byteOf(port, 0)};
+}
+
 Bytes udpDatagram(ByteView payload, std::uint32_t address, std::uint16_t port)
 {
     return datagram(ipv4Type, addressBytes(address), port, payload);
@@ -117,7 +123,7 @@ Bytes udpDatagram(ByteView payload, const Ipv6Address &address, std::uint16_t po
 
 std::optional<std::size_t> udpHeaderSize(ByteView datagram)
 {
-    if (datagram.size() <= addressOffset || datagram[2] != 0)
+    if (datagram.size() < udpHeaderSizeIpv4)
         return std::nullopt;
     std::size_t size = 0;
     switch (datagram[3]) {

@@ -56,11 +56,13 @@ struct Endpoint
 /// Nothing if the reply is short, means failure, or names no IPv4 address.
 std::optional<Endpoint> parseUdpAssociateReply(ByteView reply, std::uint32_t proxyAddress);
 
-/// Header and payload of a datagram to an IPv4 destination (section 7).
+/// The header of a datagram to an IPv4 destination (section 7).
+std::array<std::uint8_t, udpHeaderSizeIpv4> udpHeader(std::uint32_t address, std::uint16_t port);
+/// Header and payload.
 Bytes udpDatagram(ByteView payload, std::uint32_t address, std::uint16_t port);
 Bytes udpDatagram(ByteView payload, const Ipv6Address &address, std::uint16_t port);
 
-/// The size of a received datagram's header; nothing if it is cut short, fragmented, or of an unknown address type.
+/// The size of a received datagram's header; nothing if it is cut short or of an unknown address type.
 std::optional<std::size_t> udpHeaderSize(ByteView datagram);
 
 } // namespace ruvo::socks5

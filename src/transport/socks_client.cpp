@@ -2,6 +2,7 @@
 
 #include "common/log_category.h"
 #include "transport/socket_options.h"
+#include "transport/timed_io.h"
 
 #include <QString>
 
@@ -10,8 +11,6 @@
 namespace ruvo {
 
 namespace {
-
-constexpr long connectedEvents = FD_READ | FD_WRITE | FD_CLOSE;
 
 SocketWait::Clock::time_point stepDeadline()
 {
@@ -43,31 +42,13 @@ bool SocksClient::connectToProxy()
     }
     setProxyBuffers(m_tcpSocket.get());
 
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(m_proxyPort);
+    sockaddr_in address = socketAddress(0, m_proxyPort);
     if (!parseProxyAddress(address.sin_addr)) {
         qCWarning(lcRuvod) << "Invalid proxy address:" << QString::fromStdWString(m_proxyHost);
         m_tcpSocket.reset();
         return false;
     }
-    return connectSocket(address);
-}
-
-bool SocksClient::connectSocket(const sockaddr_in &address)
-{
-    const SOCKET socket = m_tcpSocket.get();
-    int error = NO_ERROR;
-    if (!m_wait.attach(socket, FD_CONNECT)) {
-        error = WSAGetLastError();
-    } else if (connect(socket, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
-        error = WSAGetLastError();
-        if (error == WSAEWOULDBLOCK)
-            error = m_wait.wait(socket, stepDeadline());
-    }
-    if (error == NO_ERROR && !m_wait.attach(socket, connectedEvents))
-        error = WSAGetLastError();
-    if (error != NO_ERROR) {
+    if (const int error = connectWithin(m_wait, m_tcpSocket.get(), address, stepDeadline()); error != NO_ERROR) {
         qCWarning(lcRuvod) << "Failed to connect to proxy:" << error;
         m_tcpSocket.reset();
         return false;
@@ -171,31 +152,12 @@ Socket SocksClient::releaseTcpSocket()
 
 bool SocksClient::sendAll(socks5::ByteView bytes)
 {
-    const auto deadline = stepDeadline();
-    while (!bytes.empty()) {
-        const int sent = send(m_tcpSocket.get(), reinterpret_cast<const char *>(bytes.data()),
-                              static_cast<int>(bytes.size()), 0);
-        if (sent > 0)
-            bytes = bytes.subspan(static_cast<std::size_t>(sent));
-        else if (WSAGetLastError() != WSAEWOULDBLOCK || m_wait.wait(m_tcpSocket.get(), deadline) != NO_ERROR)
-            return false;
-    }
-    return true;
+    return sendWithin(m_wait, m_tcpSocket.get(), bytes, stepDeadline());
 }
 
 bool SocksClient::receiveExactly(std::span<std::uint8_t> bytes)
 {
-    const auto deadline = stepDeadline();
-    while (!bytes.empty()) {
-        const int received = recv(m_tcpSocket.get(), reinterpret_cast<char *>(bytes.data()),
-                                  static_cast<int>(bytes.size()), 0);
-        if (received > 0)
-            bytes = bytes.subspan(static_cast<std::size_t>(received));
-        else if (received == 0 || WSAGetLastError() != WSAEWOULDBLOCK
-                 || m_wait.wait(m_tcpSocket.get(), deadline) != NO_ERROR)
-            return false;
-    }
-    return true;
+    return receiveWithin(m_wait, m_tcpSocket.get(), bytes, stepDeadline()) == bytes.size();
 }
 
 // To the reply's own end and no further: the bytes behind it are the stream's, and a server that speaks first may

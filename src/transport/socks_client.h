@@ -59,7 +59,6 @@ public:
 
 private:
     bool parseProxyAddress(in_addr &address) const;
-    bool connectSocket(const sockaddr_in &address);
     bool sendAll(socks5::ByteView bytes);
     bool receiveExactly(std::span<std::uint8_t> bytes);
     bool receiveReply(socks5::Bytes &reply);

@@ -13,9 +13,7 @@ constexpr std::uint32_t loopback = 127;
 
 bool bindTo(SOCKET socket, std::uint32_t address)
 {
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(address);
+    const sockaddr_in local = socketAddress(address, 0);
     return bind(socket, reinterpret_cast<const sockaddr *>(&local), sizeof(local)) == 0;
 }
 
@@ -32,8 +30,7 @@ bool SocksClient::createOverlappedControlSocket()
         m_udpSocket.reset();
         return false;
     }
-    const int on = 1;
-    setsockopt(m_tcpSocket.get(), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char *>(&on), sizeof(on));
+    setNoDelay(m_tcpSocket.get());
     return true;
 }
 
@@ -66,10 +63,7 @@ sockaddr_in SocksClient::proxySockaddr() const
 
 bool SocksClient::createUdpSocket(std::uint32_t relayAddress, std::uint16_t relayPort)
 {
-    m_relayAddress = {};
-    m_relayAddress.sin_family = AF_INET;
-    m_relayAddress.sin_addr.s_addr = htonl(relayAddress);
-    m_relayAddress.sin_port = htons(relayPort);
+    m_relayAddress = socketAddress(relayAddress, relayPort);
     m_udpReady = false;
 
     m_udpSocket.reset(openSocket(SOCK_DGRAM, IPPROTO_UDP));

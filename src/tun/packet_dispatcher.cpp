@@ -34,6 +34,11 @@ TcpEndpoints endpointsOf(const ParsedPacket &packet)
 
 } // namespace
 
+std::uint32_t realDestination(std::uint32_t address, std::uint16_t port, std::uint32_t tunnelIp)
+{
+    return address == tunnelIp + 1 && port == dnsPort ? dnsServer : address;
+}
+
 PacketDispatcher::PacketDispatcher(std::uint32_t tunnelIp, PacketPaths paths)
     : m_tunnelIp(tunnelIp)
     , m_paths(std::move(paths))
@@ -125,13 +130,12 @@ void PacketDispatcher::dispatchToProtocol(const ParsedPacket &packet)
 void PacketDispatcher::dispatchUdp(const ParsedPacket &packet)
 {
     if (packet.version == 4 && m_paths.udpNat) {
-        const bool toTunnelDns = packet.dstIp == m_tunnelIp + 1 && packet.dstPort == dnsPort;
         const UdpDatagram datagram{
             .srcIp = packet.srcIp,
             .srcPort = packet.srcPort,
             .dstIp = packet.dstIp,
             .dstPort = packet.dstPort,
-            .realDstIp = toTunnelDns ? dnsServer : packet.dstIp,
+            .realDstIp = realDestination(packet.dstIp, packet.dstPort, m_tunnelIp),
             .realDstPort = packet.dstPort,
             .payload = packet.payload,
             .payloadLen = packet.payloadLen,

@@ -5,6 +5,9 @@
 
 namespace ruvo {
 
+/// Whether rewriteTcpAddresses can rewrite the packet.
+bool isRewritableTcp(const std::uint8_t *packet, std::size_t len);
+
 /// Gives the IPv4/TCP packet of `len` bytes at `packet` other addresses and ports (host order) and computes both
 /// checksums anew, whatever they were before. In place, any thread, nothing is allocated.
 ///

@@ -13,6 +13,7 @@ using namespace std::chrono_literals;
 
 constexpr auto workerWait = 250ms;
 constexpr DWORD flowControlInterval = 10; // ms
+constexpr auto housekeepingInterval = 1s;
 constexpr auto drainTimeout = 2000ms;
 
 unsigned workerCount()
@@ -58,6 +59,7 @@ void Tunnel::stop()
         return;
     SetEvent(m_stopEvent.get());
     joinThreads();
+    closePaths();
     if (!m_completionPort.drain(drainTimeout)) {
         qCWarning(lcRuvod) << "[RUVO-TUN] Operations still in flight at the stop:" << m_completionPort.inFlight();
     }
@@ -66,6 +68,9 @@ void Tunnel::stop()
     m_adapter->endSession();
     m_adapter.reset();
     m_dispatcher.reset();
+    m_udpNatRelay.reset();
+    m_relayConnector.reset();
+    m_natListener.reset();
     qCDebug(lcRuvod) << "Tunnel stopped";
 }
 
@@ -107,8 +112,24 @@ void Tunnel::runWorker(unsigned index)
 
 void Tunnel::runFlowControl()
 {
+    auto nextHousekeeping = std::chrono::steady_clock::now() + housekeepingInterval;
     while (WaitForSingleObject(m_stopEvent.get(), flowControlInterval) == WAIT_TIMEOUT) {
+        if (std::chrono::steady_clock::now() < nextHousekeeping)
+            continue;
+        housekeeping();
+        nextHousekeeping = std::chrono::steady_clock::now() + housekeepingInterval;
     }
+}
+
+/// Once a second: what nothing else would ever end.
+void Tunnel::housekeeping()
+{
+    m_natListener->ensureAccepting();
+    m_natListener->table().expire();
+    m_relayConnector->housekeeping();
+    if (m_udpNatRelay)
+        m_udpNatRelay->expireIdle();
+    m_learnedNames.expire();
 }
 
 void Tunnel::dispatchPacket(const std::uint8_t *data, std::size_t len)

@@ -3,6 +3,10 @@
 #include "common/windows_handles.h"
 #include "netcfg/wintun_adapter.h"
 #include "transport/completion_port.h"
+#include "transport/relay_connector.h"
+#include "transport/tcp_nat_listener.h"
+#include "transport/udp_nat_relay.h"
+#include "tun/learned_names.h"
 #include "tun/packet_dispatcher.h"
 #include "tun/upstream_choice.h"
 #include "tun/worker_housekeeping.h"
@@ -12,6 +16,7 @@
 #include <expected>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -59,6 +64,9 @@ public:
     void dispatchPacket(const std::uint8_t *data, std::size_t len);
     std::uint16_t chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp, std::uint16_t dstPort) const;
 
+    /// Names that applications have looked up: connections to their addresses ask the proxy for the name.
+    LearnedNames &learnedNames() { return m_learnedNames; }
+
     /// Operations on the completion port that have not completed yet.
     std::int64_t operationsInFlight() const { return m_completionPort.inFlight(); }
 
@@ -68,7 +76,13 @@ private:
     Result openAdapter(const std::wstring &adapterName, const std::wstring &wintunLibraryPath);
     Result configureAdapter(std::uint8_t prefixLength);
     Result openSession();
-    void openPaths();
+    Result openTcpNat();
+    void openUdpNat();
+    void openDispatcher();
+    TcpNatPath tcpNatPath();
+    std::optional<RelayRoute> routeFor(const TcpNatSession &session) const;
+    void closePaths();
+    void housekeeping();
     void startThreads();
     void runWorker(unsigned index);
     void runFlowControl();
@@ -80,19 +94,24 @@ private:
     std::uint16_t m_directPort = 20808;
     std::uint32_t m_proxyIp = 0;
     std::uint32_t m_tunnelIp = 0;
-    std::uint32_t m_physicalInterface = 0;
+    std::atomic<std::uint32_t> m_physicalInterface = 0;
     UpstreamChoice m_upstreamChoice;
     std::function<void()> m_healthCheckFailed;
 
     std::unique_ptr<WintunAdapter> m_adapter;
+    /// Set for the time of a stop: ends every wait.
+    const KernelHandle m_stopEvent;
+    LearnedNames m_learnedNames;
     CompletionPort m_completionPort;
+    // What completions refer to: it goes after the port has been drained.
+    std::shared_ptr<TcpNatListener> m_natListener;
+    std::unique_ptr<RelayConnector> m_relayConnector;
+    std::unique_ptr<UdpNatRelay> m_udpNatRelay;
     std::unique_ptr<PacketDispatcher> m_dispatcher;
     WorkerHousekeeping::Tasks m_housekeeping;
 
     std::vector<std::thread> m_workers;
     std::thread m_flowControlThread;
-    /// Set for the time of a stop: ends every wait.
-    const KernelHandle m_stopEvent;
     std::atomic<bool> m_running = false;
     std::atomic<bool> m_proxyReady = true;
 };

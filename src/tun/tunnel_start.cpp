@@ -30,9 +30,12 @@ std::expected<void, std::string> Tunnel::start(const std::wstring &adapterName, 
         return configured;
     if (Result session = openSession(); !session)
         return session;
-    openPaths();
-
     ResetEvent(m_stopEvent.get());
+    if (Result tcpNat = openTcpNat(); !tcpNat)
+        return tcpNat;
+    openUdpNat();
+    openDispatcher();
+
     m_running = true;
     startThreads();
     qCDebug(lcRuvod) << "Tunnel started on" << QString::fromStdWString(adapterName);
@@ -95,16 +98,6 @@ Tunnel::Result Tunnel::openSession()
         return std::unexpected("Failed to create I/O Completion Port (error " + std::to_string(error) + ")");
     }
     return {};
-}
-
-void Tunnel::openPaths()
-{
-    qCWarning(lcRuvod) << "This build has no relays: TCP and UDP that enter the tunnel are dropped";
-    PacketPaths paths;
-    paths.send = [this](const std::uint8_t *data, std::size_t len) {
-        m_adapter->sendPacket(data, static_cast<std::uint32_t>(len));
-    };
-    m_dispatcher = std::make_unique<PacketDispatcher>(m_tunnelIp, std::move(paths));
 }
 
 } // namespace ruvo

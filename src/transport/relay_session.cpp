@@ -1,0 +1,223 @@
+#include "transport/relay_session.h"
+
+#include "common/log_category.h"
+#include "common/steady_clock.h"
+#include "transport/short_pause.h"
+#include "transport/socket_options.h"
+
+#include <utility>
+
+namespace ruvo {
+
+namespace {
+
+constexpr DWORD bufferSize = 0x10000;
+/// After so many pauses in a row the rest goes out by itself, and the worker is free.
+constexpr int maxPauses = 10;
+
+/// How connections end every day.
+bool isSilent(int error)
+{
+    return error == WSAECONNABORTED || error == WSAECONNRESET || error == WSAESHUTDOWN;
+}
+
+} // namespace
+
+RelaySession::Side::Side(Socket owned, const char *printedName)
+    : socket(std::move(owned))
+    , name(printedName)
+    , buffer(std::make_unique_for_overwrite<char[]>(bufferSize))
+{
+}
+
+RelaySession::RelaySession(std::uint64_t id, Socket client, Socket destination, bool isDirect,
+                           CompletionPort &completionPort, std::function<void()> onClosed)
+    : m_id(id)
+    , m_isDirect(isDirect)
+    , m_completionPort(completionPort)
+    , m_onClosed(std::move(onClosed))
+    , m_client(std::move(client), "client")
+    , m_destination(std::move(destination), "dest")
+{
+}
+
+void RelaySession::start()
+{
+    if (!associate(m_client, "[TCP-NAT-IOCP] Failed to associate client socket with IOCP:")
+        || !associate(m_destination, "[TCP-NAT-IOCP] Failed to associate dest socket with IOCP:")) {
+        return close(Closing::Abortive);
+    }
+    setNoDelay(m_client.socket.get());
+    setNoDelay(m_destination.socket.get());
+    postReceive(m_client);
+    postReceive(m_destination);
+}
+
+bool RelaySession::associate(const Side &side, const char *failure)
+{
+    if (m_completionPort.associate(side.socket.get(), CompletionKey::RelayReceive))
+        return true;
+    const DWORD error = GetLastError();
+    qCWarning(lcRuvod) << failure << error;
+    return false;
+}
+
+void RelaySession::postReceive(Side &side)
+{
+    std::unique_lock lock(m_mutex);
+    if (m_closed || side.receivePending.exchange(true))
+        return;
+    m_completionPort.begin(side.receive, shared_from_this());
+    WSABUF room{.len = bufferSize, .buf = side.buffer.get()};
+    DWORD flags = 0;
+    if (WSARecv(side.socket.get(), &room, 1, nullptr, &flags, &side.receive, nullptr) == 0)
+        return;
+    const int error = WSAGetLastError();
+    if (error == WSA_IO_PENDING)
+        return;
+    const std::shared_ptr<void> self = m_completionPort.abandon(side.receive);
+    side.receivePending = false;
+    lock.unlock();
+    if (!isSilent(error)) {
+        qCWarning(lcRuvod).nospace() << "[TCP-NAT-IOCP] WSARecv (" << side.name << ") failed: " << error;
+    }
+    close(Closing::Abortive);
+}
+
+/// The rest of a chunk, to a side that does not keep up. The receive on the other side waits for it.
+void RelaySession::postSend(Side &side)
+{
+    std::unique_lock lock(m_mutex);
+    if (m_closed || side.sendPending.exchange(true))
+        return;
+    m_completionPort.begin(side.send, shared_from_this());
+    if (WSASend(side.socket.get(), &side.unsent, 1, nullptr, 0, &side.send, nullptr) == 0
+        || WSAGetLastError() == WSA_IO_PENDING) {
+        return;
+    }
+    const std::shared_ptr<void> self = m_completionPort.abandon(side.send);
+    side.sendPending = false;
+    lock.unlock();
+    close(Closing::Abortive);
+}
+
+RelaySession::Side &RelaySession::otherSide(const Side &side)
+{
+    return &side == &m_client ? m_destination : m_client;
+}
+
+RelaySession::Side &RelaySession::sideOf(const ReceiveOperation *operation)
+{
+    return operation == &m_client.receive ? m_client : m_destination;
+}
+
+RelaySession::Side &RelaySession::sideOf(const SendOperation *operation)
+{
+    return operation == &m_client.send ? m_client : m_destination;
+}
+
+void RelaySession::ReceiveOperation::completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept
+{
+    const RelaySessionPtr session = std::static_pointer_cast<RelaySession>(record);
+    session->onReceived(session->sideOf(this), bytes, error);
+}
+
+void RelaySession::SendOperation::completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept
+{
+    const RelaySessionPtr session = std::static_pointer_cast<RelaySession>(record);
+    session->onSent(session->sideOf(this), bytes, error);
+}
+
+void RelaySession::onReceived(Side &from, DWORD bytes, DWORD error)
+{
+    from.receivePending = false;
+    if (error != NO_ERROR)
+        return close(Closing::Abortive);
+    if (bytes == 0)
+        return end(from);
+    if (m_endingSince != 0) // the other end has been told that nothing comes any more
+        return postReceive(from);
+    from.received += bytes;
+    forward(from, bytes);
+}
+
+void RelaySession::forward(Side &from, DWORD bytes)
+{
+    Side &to = otherSide(from);
+    WSABUF rest{.len = bytes, .buf = from.buffer.get()};
+    for (int pauses = 0; rest.len > 0;) {
+        const int sent = ::send(to.socket.get(), rest.buf, static_cast<int>(rest.len), 0);
+        if (sent > 0) {
+            rest.buf += sent;
+            rest.len -= static_cast<ULONG>(sent);
+            continue;
+        }
+        if (WSAGetLastError() != WSAEWOULDBLOCK)
+            return close(Closing::Abortive);
+        if (to.stalled || ++pauses > maxPauses) {
+            to.stalled = true;
+            to.unsent = rest;
+            return postSend(to);
+        }
+        shortPause();
+    }
+    to.stalled = false;
+    postReceive(from);
+}
+
+void RelaySession::onSent(Side &to, DWORD bytes, DWORD error)
+{
+    to.sendPending = false;
+    if (error != NO_ERROR)
+        return close(Closing::Abortive);
+    to.unsent.buf += bytes;
+    to.unsent.len -= bytes;
+    if (to.unsent.len > 0)
+        postSend(to);
+    else
+        postReceive(otherSide(to));
+}
+
+// One direction ends both. What was received before is on its way in the sockets, and closing a socket while unread
+// bytes lie in it would reset the connection and throw that away: so both ends are told that nothing follows, and what
+// they still send is read and dropped until they are done as well.
+void RelaySession::end(Side &side)
+{
+    side.ended = true;
+    std::int64_t notEnding = 0;
+    if (m_endingSince.compare_exchange_strong(notEnding, steadyNanoseconds())) {
+        ::shutdown(m_client.socket.get(), SD_SEND);
+        ::shutdown(m_destination.socket.get(), SD_SEND);
+    }
+    if (m_client.ended && m_destination.ended)
+        close(Closing::Graceful);
+}
+
+void RelaySession::abort()
+{
+    close(Closing::Abortive);
+}
+
+void RelaySession::abortIfOverdue(std::int64_t now)
+{
+    const std::int64_t since = m_endingSince;
+    if (since != 0 && now - since >= endingTime)
+        abort();
+}
+
+void RelaySession::close(Closing closing)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (std::exchange(m_closed, true))
+            return;
+        for (const Side *side : {&m_client, &m_destination}) {
+            if (closing == Closing::Abortive)
+                resetWhenClosed(side->socket.get());
+            CancelIoEx(reinterpret_cast<HANDLE>(side->socket.get()), nullptr);
+        }
+    }
+    m_onClosed();
+}
+
+} // namespace ruvo

@@ -1,0 +1,52 @@
+#include "transport/timed_io.h"
+
+namespace ruvo {
+
+namespace {
+
+constexpr long connectedEvents = FD_READ | FD_WRITE | FD_CLOSE;
+
+} // namespace
+
+int connectWithin(SocketWait &wait, SOCKET socket, const sockaddr_in &address, SocketWait::Clock::time_point deadline)
+{
+    if (!wait.attach(socket, FD_CONNECT))
+        return WSAGetLastError();
+    if (connect(socket, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+        int error = WSAGetLastError();
+        if (error == WSAEWOULDBLOCK)
+            error = wait.wait(socket, deadline);
+        if (error != NO_ERROR)
+            return error;
+    }
+    return wait.attach(socket, connectedEvents) ? NO_ERROR : WSAGetLastError();
+}
+
+bool sendWithin(SocketWait &wait, SOCKET socket, socks5::ByteView bytes, SocketWait::Clock::time_point deadline)
+{
+    while (!bytes.empty()) {
+        const int sent = send(socket, reinterpret_cast<const char *>(bytes.data()), static_cast<int>(bytes.size()), 0);
+        if (sent > 0)
+            bytes = bytes.subspan(static_cast<std::size_t>(sent));
+        else if (WSAGetLastError() != WSAEWOULDBLOCK || wait.wait(socket, deadline) != NO_ERROR)
+            return false;
+    }
+    return true;
+}
+
+std::size_t receiveWithin(SocketWait &wait, SOCKET socket, std::span<std::uint8_t> room,
+                          SocketWait::Clock::time_point deadline)
+{
+    std::size_t total = 0;
+    while (total < room.size()) {
+        const int received = recv(socket, reinterpret_cast<char *>(room.data() + total),
+                                  static_cast<int>(room.size() - total), 0);
+        if (received > 0)
+            total += static_cast<std::size_t>(received);
+        else if (received == 0 || WSAGetLastError() != WSAEWOULDBLOCK || wait.wait(socket, deadline) != NO_ERROR)
+            break;
+    }
+    return total;
+}
+
+} // namespace ruvo

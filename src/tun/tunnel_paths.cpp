@@ -1,0 +1,143 @@
+// The ways that packets take through the tunnel, and the decisions that those ways ask for.
+
+#include "tun/tunnel.h"
+
+#include "common/capped_log.h"
+#include "common/ipv4.h"
+#include "common/log_category.h"
+#include "netcfg/port_owner_lookup.h"
+#include "tun/packet_rewrite.h"
+
+#include <QString>
+
+#include <cstring>
+#include <limits>
+
+namespace ruvo {
+
+Tunnel::Result Tunnel::openTcpNat()
+{
+    m_natListener = std::make_shared<TcpNatListener>();
+    m_relayConnector = std::make_unique<RelayConnector>(
+        m_proxyHost, m_stopEvent.get(), m_completionPort, m_natListener->table(),
+        RelayConnector::Questions{
+            .routeFor = [this](const TcpNatSession &session) { return routeFor(session); },
+            .nameOf = [this](std::uint32_t address) { return m_learnedNames.nameOf(address); },
+            .physicalInterface = [this] { return m_physicalInterface.load(); },
+        });
+    std::uint16_t port = 0;
+    const bool isListening = m_natListener->initialize(
+        m_tunnelIp, 0, m_completionPort,
+        [this](Socket client, const TcpNatSessionPtr &session) { m_relayConnector->relay(std::move(client), session); },
+        port);
+    if (!isListening) {
+        qCCritical(lcRuvod) << "Failed to initialize TCP NAT";
+        return std::unexpected("Failed to initialize TCP NAT listener");
+    }
+    qCInfo(lcRuvod) << "[TCP-NAT] Listener port assigned by OS:" << port;
+    return {};
+}
+
+void Tunnel::openUdpNat()
+{
+    m_udpNatRelay = std::make_unique<UdpNatRelay>(m_stopEvent.get());
+    const auto send = [this](const std::uint8_t *packet, std::size_t length) {
+        m_adapter->sendPacket(packet, static_cast<std::uint32_t>(length));
+    };
+    if (!m_udpNatRelay->initialize(m_tunnelIp, QString::fromStdWString(m_proxyHost).toStdString(), m_proxyPort,
+                                   m_directPort, m_completionPort, send)) {
+        qCWarning(lcRuvod) << "[UDP-NAT] Failed to initialize (UDP forwarding disabled)";
+        m_udpNatRelay.reset();
+        return;
+    }
+    qCDebug(lcRuvod).nospace() << "[UDP-NAT] Initialized for SOCKS5 UDP forwarding (proxy:" << m_proxyPort
+                               << ", direct:" << m_directPort << ")";
+}
+
+void Tunnel::openDispatcher()
+{
+    qCWarning(lcRuvod) << "This build has no user-space engine: connections from other machines and IPv6 are dropped";
+    PacketPaths paths;
+    paths.send = [this](const std::uint8_t *data, std::size_t len) {
+        m_adapter->sendPacket(data, static_cast<std::uint32_t>(len));
+    };
+    paths.tcpNat = tcpNatPath();
+    if (m_udpNatRelay) {
+        paths.udpNat = [this](const UdpDatagram &datagram) {
+            return datagram.payloadLen <= std::numeric_limits<std::uint16_t>::max()
+                && m_udpNatRelay->forward(datagram.srcIp, datagram.srcPort, datagram.dstIp, datagram.dstPort,
+                                          datagram.realDstIp, datagram.realDstPort, datagram.payload,
+                                          static_cast<std::uint16_t>(datagram.payloadLen));
+        };
+    }
+    m_dispatcher = std::make_unique<PacketDispatcher>(m_tunnelIp, std::move(paths));
+}
+
+TcpNatPath Tunnel::tcpNatPath()
+{
+    TcpNatTable &table = m_natListener->table();
+    return {
+        .listenPort = m_natListener->listenPort(),
+        .findByNatPort = [&table](std::uint16_t natPort) -> std::optional<TcpEndpoints> {
+            const TcpNatSessionPtr session = table.findByNatPort(natPort);
+            if (!session)
+                return std::nullopt;
+            return TcpEndpoints{session->clientAddress, session->clientPort, session->destinationAddress,
+                                session->destinationPort};
+        },
+        .allocateNatPort = [&table](const TcpEndpoints &connection) {
+            return table.allocateNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort);
+        },
+        .findNatPort = [&table](const TcpEndpoints &connection) {
+            return table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort);
+        },
+        .sendRewritten = [this](const ParsedPacket &packet, const TcpEndpoints &to) {
+            if (!isRewritableTcp(packet.raw, packet.rawLen))
+                return false;
+            // Straight into the adapter's ring, and rewritten there.
+            if (std::uint8_t *copy = m_adapter->allocatePacket(static_cast<std::uint32_t>(packet.rawLen))) {
+                std::memcpy(copy, packet.raw, packet.rawLen);
+                rewriteTcpAddresses(copy, packet.rawLen, to.srcIp, to.srcPort, to.dstIp, to.dstPort);
+                m_adapter->sendAllocated(copy);
+            }
+            return true;
+        },
+    };
+}
+
+std::optional<RelayRoute> Tunnel::routeFor(const TcpNatSession &session) const
+{
+    if (!m_running)
+        return std::nullopt;
+    const std::uint32_t owner = PortOwnerLookup::tcpOwnerPid(session.clientPort, session.destinationAddress,
+                                                             session.destinationPort);
+    if (owner == GetCurrentProcessId()) {
+        static CappedLog s_loops(5, 1000);
+        if (s_loops.take()) {
+            qCWarning(lcRuvod).nospace().noquote()
+                << "[TCP-NAT] Own connection to " << formatIpv4(session.destinationAddress) << ":"
+                << session.destinationPort << " came back through the tunnel, closing it";
+        }
+        return std::nullopt;
+    }
+    const std::wstring image = owner == 0 ? std::wstring() : PortOwnerLookup::processImage(owner);
+    const std::uint32_t address = realDestination(session.destinationAddress, session.destinationPort, m_tunnelIp);
+    const std::uint16_t port = chooseUpstreamPort(image, address, session.destinationPort);
+    return RelayRoute{
+        .address = address,
+        .port = session.destinationPort,
+        .isDirect = port == m_directPort,
+        .proxyPort = port,
+    };
+}
+
+/// Nothing reaches the tables any more: workers and flow control are gone, and the dispatcher drops everything.
+void Tunnel::closePaths()
+{
+    m_natListener->shutdown();
+    m_relayConnector->stop();
+    if (m_udpNatRelay)
+        m_udpNatRelay->shutdown();
+}
+
+} // namespace ruvo
