@@ -23,9 +23,9 @@ bool isSilent(int error)
 
 } // namespace
 
-RelaySession::Side::Side(Socket owned, const char *printedName)
+RelaySession::Side::Side(Socket owned, const char *failure)
     : socket(std::move(owned))
-    , name(printedName)
+    , receiveFailure(failure)
     , buffer(std::make_unique_for_overwrite<char[]>(bufferSize))
 {
 }
@@ -36,8 +36,8 @@ RelaySession::RelaySession(std::uint64_t id, Socket client, Socket destination, 
     , m_isDirect(isDirect)
     , m_completionPort(completionPort)
     , m_onClosed(std::move(onClosed))
-    , m_client(std::move(client), "client")
-    , m_destination(std::move(destination), "dest")
+    , m_client(std::move(client), "[TCP-NAT-IOCP] WSARecv (client) failed:")
+    , m_destination(std::move(destination), "[TCP-NAT-IOCP] WSARecv (dest) failed:")
 {
 }
 
@@ -78,9 +78,8 @@ void RelaySession::postReceive(Side &side)
     const std::shared_ptr<void> self = m_completionPort.abandon(side.receive);
     side.receivePending = false;
     lock.unlock();
-    if (!isSilent(error)) {
-        qCWarning(lcRuvod).nospace() << "[TCP-NAT-IOCP] WSARecv (" << side.name << ") failed: " << error;
-    }
+    if (!isSilent(error))
+        qCWarning(lcRuvod) << side.receiveFailure << error;
     close(Closing::Abortive);
 }
 

@@ -56,10 +56,11 @@ private:
     /// One of the two connections, and what is read from it.
     struct Side
     {
-        Side(Socket owned, const char *printedName);
+        Side(Socket owned, const char *failure);
 
         const Socket socket;
-        const char *const name;
+        /// How a failed receive is logged.
+        const char *const receiveFailure;
         ReceiveOperation receive;
         std::atomic<bool> receivePending = false;
         const std::unique_ptr<char[]> buffer;

@@ -186,10 +186,10 @@ void UdpNatSession::ControlOperation::completed(const std::shared_ptr<void> &rec
 
 void UdpNatSession::ReceiveOperation::completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept
 {
-    std::static_pointer_cast<UdpNatSession>(record)->onReceived(bytes, error);
+    std::static_pointer_cast<UdpNatSession>(record)->onReceiveCompleted(bytes, error);
 }
 
-void UdpNatSession::onReceived(DWORD bytes, DWORD error)
+void UdpNatSession::onReceiveCompleted(DWORD bytes, DWORD error)
 {
     m_receivePending = false;
     if (error != NO_ERROR || bytes == 0)

@@ -70,7 +70,7 @@ private:
     bool openUdpSocket(CompletionPort &completionPort);
     void postReceive();
     void watchControl();
-    void onReceived(DWORD bytes, DWORD error);
+    void onReceiveCompleted(DWORD bytes, DWORD error);
 
     const UdpFlowKey m_key;
     const socks5::Endpoint m_target;
