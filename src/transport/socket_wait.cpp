@@ -26,7 +26,11 @@ SocketWait::SocketWait(HANDLE stopEvent)
 
 bool SocketWait::attach(SOCKET socket, long events)
 {
-    return m_event && WSAEventSelect(socket, m_event.get(), events) == 0;
+    if (!m_event) {
+        WSASetLastError(WSA_NOT_ENOUGH_MEMORY); // whatever came after the failure that it is about
+        return false;
+    }
+    return WSAEventSelect(socket, m_event.get(), events) == 0;
 }
 
 void SocketWait::detach(SOCKET socket)

@@ -16,7 +16,8 @@ public:
     /// `stopEvent` may be null (no stop); it is not owned.
     explicit SocketWait(HANDLE stopEvent);
 
-    /// Makes `socket` non-blocking and signals its `events` (FD_CONNECT, FD_READ …) here. False if Winsock refuses.
+    /// Makes `socket` non-blocking and signals its `events` (FD_CONNECT, FD_READ …) here. False if that cannot be
+    /// (WSAGetLastError()).
     bool attach(SOCKET socket, long events);
     /// The socket is signalled nowhere any more; it stays non-blocking.
     void detach(SOCKET socket);
