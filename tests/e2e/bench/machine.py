@@ -39,6 +39,7 @@ class Bench(Service):
         self.journal = Journal(self.substitutes / "journal.jsonl")
         self.clients = []
         self._numbers = itertools.count(1)
+        self._plans = itertools.count(1)
 
     def log_debug_lines(self):
         """Before `up`: the daemon logs its debug lines too, which tell step by step what it does."""
@@ -101,6 +102,11 @@ class Bench(Service):
         """The sessions of processes that are not the daemon's: {Windows pid: session}."""
         lines = [f"{pid} {session}" for pid, session in sessions.items()]
         self._replace(self.substitutes / "process-sessions.txt", lines)
+
+    def plan_failures(self, *lines):
+        """The calls that fail from now on ("FUNCTION WHICH ERROR" each, counted anew); none: all work again."""
+        # The text has to change, or the counts would go on.
+        self._replace(self.substitutes / "faults.txt", [f"# plan {next(self._plans)}", *lines])
 
     @staticmethod
     def _replace(path, lines):
