@@ -26,6 +26,16 @@ UPLINK_ADDRESSES = ("192.0.2.2", "192.0.2.3")
 UPLINK_TABLE = "100"
 # What Windows gives such an interface: routes of a better metric win, as they would there.
 ROUTE_METRIC = "25"
+# Room for tens of thousands of connections a minute from one machine. The ports on which proxies and servers of tests
+# listen are nobody's client port. Few connections in TIME_WAIT, and a small table for all of them: whoever asks for a
+# connection's owner has the kernel walk through it.
+HOST_SETTINGS = {
+    "net.ipv4.ip_local_port_range": "1024 65535",
+    "net.ipv4.ip_local_reserved_ports": "5201,10808,20808",
+    "net.ipv4.tcp_tw_reuse": "1",
+    "net.ipv4.tcp_max_tw_buckets": "4096",
+}
+CONNECTION_TABLE_SIZE = "16384"
 OURS = re.compile(r"^ruvod-(\d+)-")
 
 _counter = itertools.count(1)
@@ -40,6 +50,13 @@ def ip(*words):
 
 def namespaces():
     return [line.split()[0] for line in ip("netns", "list").splitlines() if line]
+
+
+def add_namespace(name):
+    """Makes a namespace with a table of connections of its own: the size comes from the namespace of its maker."""
+    setting = f"net.ipv4.tcp_child_ehash_entries={CONNECTION_TABLE_SIZE}"
+    script = f'sysctl -qw {setting} 2>/dev/null; exec ip netns add "$0"'  # kernels before 6.1 share one table
+    subprocess.run(["unshare", "--net", "sh", "-c", script, name], check=True, timeout=20)
 
 
 def remove_namespace(name):
@@ -73,7 +90,7 @@ class Network:
 
     def up(self):
         for role in self.roles:
-            ip("netns", "add", self.name(role))
+            add_namespace(self.name(role))
             ip("-n", self.name(role), "link", "set", "lo", "up")
         for link in LINKS:
             if all(role in self.roles for role, _, _ in link):
@@ -86,8 +103,14 @@ class Network:
                 ip("-n", self.name("net"), "address", "add", f"{address}/32", "dev", "lo")
         if {"host", "net"} <= set(self.roles):
             self._make_way_around_routes()
+        if "host" in self.roles:
+            self._set_host(**HOST_SETTINGS)
         if "guest" in self.roles:
-            subprocess.run([*self.enter("host"), "sysctl", "-qw", "net.ipv4.ip_forward=1"], check=True, timeout=20)
+            self._set_host(**{"net.ipv4.ip_forward": "1"})
+
+    def _set_host(self, **settings):
+        words = [f"{name}={value}" for name, value in settings.items()]
+        subprocess.run([*self.enter("host"), "sysctl", "-qw", *words], check=True, timeout=20)
 
     def _connect(self, link):
         (role, device, _), (peer_role, peer_device, _) = link

@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <cstring>
+#include <memory>
 #include <span>
 
 #include <linux/rtnetlink.h>
@@ -28,10 +29,10 @@ struct TimeValue
     std::int64_t microseconds;
 };
 
-Descriptor openSocket()
+Descriptor openSocket(int protocol)
 {
     Descriptor socket(
-        systemCall(SystemCall::socket, netlinkFamily, rawSocket | open_flags::closeOnExec, NETLINK_ROUTE));
+        systemCall(SystemCall::socket, netlinkFamily, rawSocket | open_flags::closeOnExec, protocol));
     const TimeValue limit{answerSeconds, 0};
     systemCall(SystemCall::setSocketOption, socket.get(), socketLevel, receiveTimeout, &limit, sizeof limit);
     return socket;
@@ -129,21 +130,21 @@ std::vector<NetlinkAttribute> NetlinkAttribute::nested() const
     return found;
 }
 
-int askKernel(const NetlinkRequest &request, const std::function<void(const nlmsghdr &)> &take)
+int askKernel(const NetlinkRequest &request, const std::function<void(const nlmsghdr &)> &take, int protocol)
 {
-    const Descriptor socket = openSocket();
+    const Descriptor socket = openSocket(protocol);
     const std::int64_t sent =
         systemCall(SystemCall::sendTo, socket.get(), request.bytes().data(), request.bytes().size());
     if (sent < 0)
         return static_cast<int>(-sent);
-    std::vector<std::byte> answer(answerSize);
+    const auto answer = std::make_unique_for_overwrite<std::byte[]>(answerSize);
     for (;;) {
-        const std::int64_t size = systemCall(SystemCall::receiveFrom, socket.get(), answer.data(), answer.size());
+        const std::int64_t size = systemCall(SystemCall::receiveFrom, socket.get(), answer.get(), answerSize);
         if (size == -linux_error::interrupted)
             continue;
         if (size < 0)
             return static_cast<int>(-size);
-        const int result = takeDatagram(std::span(answer).first(static_cast<std::size_t>(size)), take);
+        const int result = takeDatagram({answer.get(), static_cast<std::size_t>(size)}, take);
         if (result != moreToCome)
             return result;
     }

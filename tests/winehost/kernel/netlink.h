@@ -12,7 +12,7 @@
 
 namespace ruvo::winehost {
 
-/// One rtnetlink request: its fixed header, then attributes.
+/// One request of netlink: its fixed header, then attributes.
 class NetlinkRequest
 {
 public:
@@ -60,7 +60,8 @@ private:
 
 /// Sends a request on a socket of its own and hands each message of the answer to `take` (may be empty).
 /// 0, or Linux's error number.
-int askKernel(const NetlinkRequest &request, const std::function<void(const nlmsghdr &)> &take = {});
+int askKernel(const NetlinkRequest &request, const std::function<void(const nlmsghdr &)> &take = {},
+              int protocol = NETLINK_ROUTE);
 
 /// The attributes behind a message's fixed header.
 template<typename Header>

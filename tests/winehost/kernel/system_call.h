@@ -18,6 +18,7 @@ enum class SystemCall : std::int64_t {
     write = 1,
     open = 2,
     close = 3,
+    status = 5, // fstat
     ioctl = 16,
     yield = 24,
     processId = 39,
@@ -27,6 +28,8 @@ enum class SystemCall : std::int64_t {
     bind = 49,
     socketName = 51,
     setSocketOption = 54,
+    readLink = 89,
+    directoryEntries = 217, // getdents64
     epollWait = 232,
     epollControl = 233,
     eventDescriptor = 290,

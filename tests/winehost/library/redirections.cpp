@@ -26,6 +26,12 @@ const Redirection redirections[] = {
     {"kernel32.dll", "GetProcAddress", address(getProcAddress)},
     // Linux ignores IP_UNICAST_IF.
     {"ws2_32.dll", "setsockopt", address(setSocketOption)},
+    // The sockets of Wine's programs are its server's: the tables of owners would not know whose they are.
+    {"ws2_32.dll", "bind", address(bindSocket)},
+    {"ws2_32.dll", "connect", address(connectSocket)},
+    {"kernel32.dll", "OpenProcess", address(openProcess)},
+    {"kernel32.dll", "QueryFullProcessImageNameW", address(queryFullProcessImageName)},
+    {"kernel32.dll", "CloseHandle", address(closeHandle)},
     // Windows ignores CREATE_NEW_PROCESS_GROUP beside CREATE_NEW_CONSOLE; Wine starts the child with Ctrl+C off.
     {"kernel32.dll", "CreateProcessW", address(createProcess)},
     // Group 0 is every process of the console; Wine's is the caller's own group.

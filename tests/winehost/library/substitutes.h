@@ -26,6 +26,13 @@ FARPROC WINAPI getProcAddress(HMODULE library, LPCSTR name);
 
 // netconfig/socket_calls.cpp
 int WINAPI setSocketOption(SOCKET socket, int level, int option, const char *value, int size);
+int WINAPI connectSocket(SOCKET socket, const sockaddr *address, int size);
+int WINAPI bindSocket(SOCKET socket, const sockaddr *address, int size);
+
+// netconfig/owner_process_calls.cpp
+HANDLE WINAPI openProcess(DWORD access, BOOL inherit, DWORD process);
+BOOL WINAPI queryFullProcessImageName(HANDLE handle, DWORD flags, LPWSTR buffer, DWORD *size);
+BOOL WINAPI closeHandle(HANDLE handle);
 
 // console_calls.cpp
 BOOL WINAPI generateConsoleCtrlEvent(DWORD event, DWORD group);

@@ -1,39 +1,29 @@
-// A socket that is told which interface to leave through. Linux takes the option and ignores it for TCP: the socket
-// would go where the routes lead, into the tunnel that it is to go around.
+// A socket that is told which interface to leave through: Linux takes the option and ignores it for TCP, so the socket
+// would go where the routes lead, into the tunnel that it is to go around. And the program's sockets as the tables of
+// owners have to know them, before their first packet shows them to anybody.
 
 #include "kernel/links.h"
 #include "kernel/system_call.h"
 #include "library/journal.h"
 #include "library/substitutes.h"
+#include "netconfig/socket_descriptor.h"
+#include "netconfig/socket_owners.h"
 
 #include "common/winsock_headers.h"
 
 #include <ws2tcpip.h>
 
-#include <bit>
 #include <cstring>
 
 namespace ruvo::winehost {
 
 namespace {
 
-/// The Linux descriptor behind a socket, to be closed by the caller. An export of Wine's ntdll.
-Descriptor descriptorOf(SOCKET socket)
-{
-    using Function = LONG(CDECL *)(HANDLE handle, unsigned access, int *descriptor, unsigned *options);
-    static const auto function = std::bit_cast<Function>(
-        GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_server_handle_to_fd"));
-    int descriptor = -1;
-    if (!function || function(reinterpret_cast<HANDLE>(socket), FILE_READ_DATA, &descriptor, nullptr) != 0)
-        return {};
-    return Descriptor(descriptor);
-}
-
 int bindToDevice(SOCKET socket, const Link &link)
 {
     constexpr int socketLevel = 1;         // SOL_SOCKET
     constexpr int bindToDeviceOption = 25; // SO_BINDTODEVICE
-    const Descriptor descriptor = descriptorOf(socket);
+    const Descriptor descriptor = descriptorOf(reinterpret_cast<HANDLE>(socket));
     if (!descriptor)
         return linux_error::invalid;
     return static_cast<int>(-systemCall(SystemCall::setSocketOption, descriptor.get(), socketLevel, bindToDeviceOption,
@@ -58,6 +48,18 @@ int WINAPI setSocketOption(SOCKET socket, int level, int option, const char *val
     if (error != 0)
         entry.add("linux-error", error);
     return result;
+}
+
+int WINAPI connectSocket(SOCKET socket, const sockaddr *address, int size)
+{
+    noteOwnSocket(socket);
+    return connect(socket, address, size);
+}
+
+int WINAPI bindSocket(SOCKET socket, const sockaddr *address, int size)
+{
+    noteOwnSocket(socket);
+    return bind(socket, address, size);
 }
 
 } // namespace ruvo::winehost

@@ -1,0 +1,120 @@
+#include "netconfig/socket_owners.h"
+
+#include "kernel/linux_processes.h"
+#include "library/handle_list.h"
+#include "netconfig/socket_descriptor.h"
+
+#include "common/windows_handles.h"
+
+#include <array>
+#include <atomic>
+#include <bit>
+#include <string_view>
+
+namespace ruvo::winehost {
+
+namespace {
+
+/// No process id of Windows is that large. The rest is the socket's inode, which is far below.
+constexpr DWORD deputyMark = 0x80000000;
+
+/// Inodes are given out one after the other: of the latest 65,536 sockets of the machine each has a place of its own.
+std::array<std::atomic<std::uint32_t>, 65536> s_ownSockets;
+
+std::atomic<std::uint32_t> &placeOf(std::uint32_t inode)
+{
+    return s_ownSockets[inode % s_ownSockets.size()];
+}
+
+/// Whoever opened the last connection is likely to open the next.
+std::atomic<int> s_lastLinuxOwner = 0;
+
+/// Wine's programs and its server: they hold descriptors of sockets that are not theirs.
+bool isOfWine(std::string_view executable)
+{
+    return executable.substr(executable.rfind('/') + 1).starts_with("wine");
+}
+
+bool ownsAsProgramOfLinux(int process, std::uint32_t inode)
+{
+    const auto executable = executableOf(process);
+    return executable && !isOfWine(*executable) && holdsSocket(process, inode);
+}
+
+int findLinuxOwner(std::uint32_t inode)
+{
+    if (const int last = s_lastLinuxOwner; last != 0 && ownsAsProgramOfLinux(last, inode))
+        return last;
+    for (const int process : linuxProcesses()) {
+        if (ownsAsProgramOfLinux(process, inode)) {
+            s_lastLinuxOwner = process;
+            return process;
+        }
+    }
+    return 0;
+}
+
+bool isSocketWith(const OpenHandle &handle, HANDLE process, std::uint32_t inode)
+{
+    KernelHandle copy;
+    if (!DuplicateHandle(process, handle.value, GetCurrentProcess(), copy.out(), 0, FALSE, DUPLICATE_SAME_ACCESS))
+        return false;
+    const Descriptor descriptor = descriptorOf(copy.get());
+    return descriptor && ((inodeOf(descriptor.get()) ^ inode) & ~deputyMark) == 0;
+}
+
+/// Looks at copies of all handles that other processes have.
+DWORD findWindowsOwner(std::uint32_t inode)
+{
+    KernelHandle process;
+    DWORD opened = 0;
+    for (const OpenHandle &handle : openHandles()) {
+        if (handle.process == GetCurrentProcessId())
+            continue;
+        if (handle.process != opened) {
+            process.reset(OpenProcess(PROCESS_DUP_HANDLE, FALSE, handle.process));
+            opened = handle.process;
+        }
+        if (process && isSocketWith(handle, process.get(), inode))
+            return handle.process;
+    }
+    return 0;
+}
+
+} // namespace
+
+DWORD ownerOf(std::uint32_t inode)
+{
+    if (inode == 0)
+        return 0;
+    return placeOf(inode) == inode ? GetCurrentProcessId() : inode | deputyMark;
+}
+
+void noteOwnSocket(SOCKET socket)
+{
+    const Descriptor descriptor = descriptorOf(reinterpret_cast<HANDLE>(socket));
+    if (!descriptor)
+        return;
+    if (const std::uint32_t inode = inodeOf(descriptor.get()))
+        placeOf(inode) = inode;
+}
+
+bool isDeputy(DWORD process)
+{
+    return (process & deputyMark) != 0;
+}
+
+std::optional<SocketOwner> findOwner(DWORD deputy)
+{
+    const std::uint32_t inode = deputy & ~deputyMark;
+    if (const int process = findLinuxOwner(inode))
+        return SocketOwner{0, process};
+    // One that was never bound or connected by name: a copy of its descriptor is in this process once it was used.
+    if (holdsSocket(ownLinuxProcess(), inode))
+        return SocketOwner{GetCurrentProcessId(), 0};
+    if (const DWORD process = findWindowsOwner(inode))
+        return SocketOwner{process, 0};
+    return std::nullopt;
+}
+
+} // namespace ruvo::winehost
