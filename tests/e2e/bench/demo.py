@@ -9,7 +9,7 @@ import subprocess
 import sys
 import time
 
-from . import core, processes, sweep
+from . import core, processes, sweep, tunnel
 from .machine import Bench
 from .paths import ROOT
 from .service import RUNNING, STOPPED
@@ -111,6 +111,27 @@ class Show:
             server.close()
         self.show_log()
 
+    def show_machine(self, before):
+        """Prints what has come to the machine's adapters, addresses and routes since `before`, and what has gone."""
+        now = machine(self.bench)
+        for line in [f"   +  {line}" for line in now if line not in before] + \
+                    [f"   -  {line}" for line in before if line not in now]:
+            say(line)
+        return now
+
+    def run_tunnel(self, client):
+        headline("the tunnel: adapter, addresses and routes come and go")
+        tunnel.expect_in_log(self.bench)
+        without = machine(self.bench)
+        assert self.ask(client, "client 1", "start-tun")["success"]
+        running = self.show_machine(without)
+        assert len(running) > len(without)
+        assert self.ask(client, "client 1", "tun-status")["running"]
+        assert self.ask(client, "client 1", "stop-tun")["success"]
+        assert self.show_machine(running) == without
+        assert not self.ask(client, "client 1", "tun-status")["running"]
+        self.show_log()
+
     def tell_clients(self, clients):
         headline("sc control RuvoService 128: the installer asks the clients to close")
         assert self.bench.control(128) == 0
@@ -127,7 +148,8 @@ class Show:
         say(f"   log            {self.bench.log.path()}\n"
             f"   journal        {self.bench.journal.path}\n"
             f"   session list   {self.bench.substitutes / 'sessions.txt'}   (edit it: users log on and off)\n"
-            f"   try            scripts/inside wine ruvoctl.exe --session 1 list")
+            f"   try            scripts/inside wine ruvoctl.exe --session 1 list\n"
+            f"                  scripts/inside wine ruvoctl.exe --session 1 start-tun; scripts/inside ip route")
         while self.bench.daemon_pids():
             time.sleep(0.5)
             self.show_log()
@@ -144,6 +166,14 @@ class Show:
         say(f"   {(result.stdout + result.stderr).strip()}")
         assert result.status == 0 and not self.bench.is_registered()
         self.bench.finish()
+
+
+def machine(bench):
+    """What a tunnel changes, a line each."""
+    return ([f"adapter  {adapter.name}: {adapter.interface}, MTU {adapter.mtu}, metric {adapter.metric}"
+             for adapter in tunnel.adapters(bench)]
+            + [f"address  {address}" for address in tunnel.addresses(bench)]
+            + [f"route    {route}" for route in tunnel.routes(bench)])
 
 
 def write_state(bench):
@@ -168,6 +198,7 @@ def perform(show, once):
     show.register_and_start()
     clients = {1: show.connect(), 2: show.log_on()}
     show.run_core(clients[1])
+    show.run_tunnel(clients[1])
     show.tell_clients(clients)
     if not once:
         try:
