@@ -118,6 +118,8 @@ void runInOwnProcess(const char *test, void (*body)())
         body();
         return;
     }
+    // With another main function it would start itself, and so on.
+    ASSERT_FALSE(QCoreApplication::arguments().contains(ownProcessOption)) << "the main function does not know it";
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(QCoreApplication::applicationFilePath(),

@@ -1,7 +1,9 @@
 // The main function of the Windows tests: like that of the other tests, but a process that was started for one
-// test or program only has no application object, as the service's first thread must have none.
+// test or program only has no application object, as the service's first thread must have none. Nothing that the
+// tests start outlives them.
 
 #include "windows/support/child_process.h"
+#include "windows/support/process_job.h"
 
 #include <QCoreApplication>
 
@@ -16,8 +18,11 @@ int main(int argc, char **argv)
         return *status;
 
     ::testing::InitGoogleTest(&argc, argv);
+    std::optional<ProcessJob> job;
     std::optional<QCoreApplication> application;
-    if (!isOwnProcessRequested(argc, argv)) {
+    if (!isOwnProcessRequested(argc, argv)) { // else it belongs to the job of those tests
+        job.emplace();
+        failTestsThatLeaveProcesses(*job);
         application.emplace(argc, argv);
         QCoreApplication::setApplicationName("ruvod-tests");
     }
