@@ -61,10 +61,11 @@ ManagedProcess::~ManagedProcess()
     if (m_monitorWorker)
         m_monitorWorker->stopMonitoring();
     stopWorkers(destructorJoinTimeout);
-    if (m_launch) {
+    if (!m_launch)
+        return;
+    if (!m_launch->hasExited()) // else its console is gone, which would be taken for a failure
         sendCtrlC();
-        releaseResources();
-    }
+    releaseResources();
 }
 
 bool ManagedProcess::start(const QJsonObject &spec)

@@ -10,7 +10,9 @@
 #include <QProcess>
 #include <QThread>
 
+#include <memory>
 #include <optional>
+#include <utility>
 
 namespace ruvo {
 
@@ -21,23 +23,35 @@ constexpr unsigned long pollInterval = 200; // ms
 constexpr int pnputilTimeout = 5000;       // ms
 constexpr int pnputilKillTimeout = 1000;   // ms
 
+/// Kills a tool that did not end in time. One that does not even end by that is left behind until it does: the
+/// object of a process that runs would wait for it in its destructor, for half a minute.
+void giveUp(std::unique_ptr<QProcess> tool)
+{
+    tool->kill();
+    if (tool->state() == QProcess::NotRunning || tool->waitForFinished(pnputilKillTimeout))
+        return;
+    qCWarning(lcRuvod) << "[ProcessManager] pnputil.exe did not end within" << pnputilKillTimeout
+                       << "ms of its kill, leaving it behind";
+    QProcess *const leftBehind = tool.release();
+    QObject::connect(leftBehind, &QProcess::finished, leftBehind, &QObject::deleteLater);
+}
+
 /// What went wrong with the removal (an empty text if the tool does not say), or nothing. A tool that cannot be
 /// started or does not end is a failure too.
 std::optional<QString> runPnputil(const QString &bracedGuid)
 {
-    QProcess pnputil;
-    pnputil.setProgram(qEnvironmentVariable("WINDIR", "C:\\Windows") + "\\System32\\pnputil.exe");
-    pnputil.setArguments({"/remove-device", "SWD\\Wintun\\" + bracedGuid});
-    pnputil.start(QIODevice::ReadWrite);
-    if (!pnputil.waitForFinished(pnputilTimeout)) {
-        const QString error = pnputil.errorString();
-        pnputil.kill();
-        pnputil.waitForFinished(pnputilKillTimeout);
+    auto pnputil = std::make_unique<QProcess>();
+    pnputil->setProgram(qEnvironmentVariable("WINDIR", "C:\\Windows") + "\\System32\\pnputil.exe");
+    pnputil->setArguments({"/remove-device", "SWD\\Wintun\\" + bracedGuid});
+    pnputil->start(QIODevice::ReadWrite);
+    if (!pnputil->waitForFinished(pnputilTimeout)) {
+        const QString error = pnputil->errorString();
+        giveUp(std::move(pnputil));
         return error;
     }
-    if (pnputil.exitStatus() == QProcess::NormalExit && pnputil.exitCode() == 0)
+    if (pnputil->exitStatus() == QProcess::NormalExit && pnputil->exitCode() == 0)
         return std::nullopt;
-    return QString::fromLocal8Bit(pnputil.readAllStandardError()).trimmed();
+    return QString::fromLocal8Bit(pnputil->readAllStandardError()).trimmed();
 }
 
 void writeNameServer(const QString &guid, const QString &address, const QString &interfaceName)
@@ -132,6 +146,8 @@ bool TunCompanion::waitForInterfaceUp(const QString &interfaceName, int timeoutM
         QCoreApplication::processEvents();
         QThread::msleep(pollInterval);
     }
+    if (quitRequested()) // of no interest any more, and not timed out
+        return false;
     qCWarning(lcRuvod) << "[ProcessManager] Interface" << interfaceName << "not UP after" << elapsed.elapsed()
                        << "ms (timeout:" << timeoutMs << "ms)";
     return false;
@@ -155,7 +171,10 @@ void TunCompanion::configureInterfaceDns(const QString &address, const QString &
 void TunCompanion::configureDnsNow(const QString &address, const QString &interfaceName)
 {
     qCInfo(lcRuvod) << "[ProcessManager] Configuring DNS for interface" << interfaceName << "to" << address;
-    if (!waitForInterfaceUp(interfaceName, interfaceTimeout)) {
+    const bool up = waitForInterfaceUp(interfaceName, interfaceTimeout);
+    if (!up && quitRequested())
+        return;
+    if (!up) {
         qCWarning(lcRuvod) << "[ProcessManager] Cannot set DNS - interface" << interfaceName << "not found";
         return;
     }

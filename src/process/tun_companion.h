@@ -25,7 +25,7 @@ public:
     /// Waits for the adapter and writes `address` as its DNS server, as it was received. Waits run one after the
     /// other: while one runs, the next are queued.
     void configureInterfaceDns(const QString &address, const QString &interfaceName);
-    /// False after `timeoutMs`, or once the daemon is quitting. Runs the event loop.
+    /// False after `timeoutMs`, and without a word once the daemon is quitting. Runs the event loop.
     bool waitForInterfaceUp(const QString &interfaceName, int timeoutMs);
     /// Without braces; empty if there is no such adapter.
     QString getInterfaceGuid(const QString &interfaceName);

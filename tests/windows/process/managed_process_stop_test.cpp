@@ -182,6 +182,18 @@ TEST_F(ManagedProcessStop, byDestructionAsksTheChildAndLetsItGo)
     EXPECT_EQ(exitCode(child), 9u);
 }
 
+TEST_F(ManagedProcessStop, byDestructionAsksNobodyWhereTheChildHasEnded)
+{
+    ASSERT_TRUE(start({"--exit", "4"}));
+    const KernelHandle child = openChild();
+    ASSERT_TRUE(hasEnded(child)); // and nobody has handled that yet
+    log.clear();
+    process.reset();
+    EXPECT_EQ(delivery.sent(), 0);
+    EXPECT_EQ(log.linesWith("Ctrl+C"), QStringList());
+    EXPECT_EQ(log.linesWith("WARNING"), QStringList());
+}
+
 TEST_F(ManagedProcessStop, byDestructionDoesNotTerminateAChildThatIgnoresCtrlC)
 {
     ASSERT_TRUE(startReady(ignoring));

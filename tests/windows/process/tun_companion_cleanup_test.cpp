@@ -6,6 +6,7 @@
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
 #include "windows/process/fake_adapters.h"
+#include "windows/process/own_resources.h"
 
 #include <gtest/gtest.h>
 
@@ -164,6 +165,32 @@ TEST_F(TunCompanionCleanup, endsAToolThatHangsAfterFiveSeconds)
     const auto pid = static_cast<DWORD>(calls().first()["pid"].toInt());
     const KernelHandle process(OpenProcess(SYNCHRONIZE, FALSE, pid));
     EXPECT_TRUE(!process || WaitForSingleObject(process.get(), 1000) == WAIT_OBJECT_0);
+}
+
+TEST_F(TunCompanionCleanup, leavesAToolBehindThatCannotBeEndedAndItsObjectToItsEnd)
+{
+    companion.cleanupTunInterface("ruvo-tun"); // what a first run opens for good
+    control("hang\n");
+    const std::size_t handles = test::countOwnHandles();
+    QElapsedTimer timer;
+    timer.start();
+    {
+        const test::ImportRedirection<IMPORT(TerminateProcess)> terminate([](HANDLE, UINT) { return TRUE; });
+        companion.cleanupTunInterface("ruvo-tun");
+    }
+    EXPECT_GE(timer.elapsed(), 5990);
+    EXPECT_LT(timer.elapsed(), 15000); // and not the half minute of a QProcess that is destroyed
+    EXPECT_EQ(log.linesWith("WARNING"),
+              QStringList({
+                  "WARNING [ProcessManager] pnputil.exe did not end within 1000 ms of its kill, leaving it behind",
+                  R"(WARNING [ProcessManager] Failed to remove TUN interface: "Process operation timed out")",
+              }));
+    EXPECT_GT(test::countOwnHandles(), handles);
+
+    ASSERT_EQ(calls().size(), 2);
+    const KernelHandle tool(OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(calls()[1]["pid"].toInt())));
+    ASSERT_TRUE(TerminateProcess(tool.get(), 1));
+    EXPECT_TRUE(test::waitForHandles(handles + 1)); // the test's own: the object is gone
 }
 
 TEST_F(TunCompanionCleanup, takesTheToolOfTheUsualFolderWithoutWindir)
