@@ -10,7 +10,7 @@ import sys
 
 def identity(address, port):
     """What a client of that endpoint reads."""
-    return f"{address}:{port}\n".encode()
+    return f"{address}:{port}".encode()
 
 
 def main():

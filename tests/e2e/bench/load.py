@@ -10,7 +10,7 @@ from .waiting import wait_for
 
 HERE = Path(__file__).resolve().parent
 # Of each server: several, so that one client port can reach different ones.
-PORTS = (9001, 9002)
+PORTS = (9101, 9102)
 
 
 class IdentityServers:
@@ -44,7 +44,8 @@ def _run(bench, words, role, timeout):
 def short_connections(bench, count, endpoints, in_flight=64, role="host", patience=30, timeout=300):
     """Opens that many connections to the endpoints in turn, each of which has to be answered by the right server.
 
-    Returns {"good": N, "wrong": [[wanted, got], …], "failures": {"ECONNRESET": N, …}, "per_second": N, "p99_ms": …}.
+    Returns {"good": N, "wrong": N, "first_wrong": [[wanted, got], …], "failures": {"ECONNRESET": N, …},
+    "per_second": N, "p50_ms": …, "p99_ms": …}.
     """
     return _run(bench, ["connections", count, in_flight, patience, *endpoints], role, timeout)
 

@@ -35,7 +35,8 @@ class Exchanges:
         self.patience = patience
         self.good = 0
         self.failures = Counter()
-        self.wrong = []
+        self.wrong = 0
+        self.first_wrong = []
         self._selector = selectors.DefaultSelector()
         self._started = {}  # by socket, the oldest first
         self._durations = []
@@ -51,8 +52,8 @@ class Exchanges:
                     self._next(numbers)
             self._drop_overdue(numbers)
         seconds = time.monotonic() - begin
-        return {"count": self.count, "good": self.good, "wrong": self.wrong, "failures": dict(self.failures),
-                "seconds": round(seconds, 3), "per_second": round(self.good / seconds),
+        return {"count": self.count, "good": self.good, "wrong": self.wrong, "first_wrong": self.first_wrong,
+                "failures": dict(self.failures), "seconds": round(seconds, 3), "per_second": round(self.good / seconds),
                 "p50_ms": self._percentile(50), "p99_ms": self._percentile(99)}
 
     def _percentile(self, percent):
@@ -74,6 +75,11 @@ class Exchanges:
         self._durations.append(time.monotonic() - self._started[made])
         self._close(made)
         return True
+
+    def _note_wrong(self, what):
+        self.wrong += 1
+        if len(self.first_wrong) < 10:
+            self.first_wrong.append(what)
 
     def _close(self, made):
         self._selector.unregister(made)
@@ -116,7 +122,7 @@ class Connections(Exchanges):
         if received == wanted:
             self.good += 1
         else:
-            self.wrong.append([wanted.decode(), received.decode(errors="replace")])
+            self._note_wrong([wanted.decode(), received.decode(errors="replace")])
         return True
 
 
@@ -150,7 +156,7 @@ class Queries(Exchanges):
         if source == self._server and answer[:2] == state and answer[3] & 15 == 0 and answers > 0:
             self.good += 1
         else:
-            self.wrong.append([list(source), answer[:12].hex()])
+            self._note_wrong([list(source), answer[:12].hex()])
         return True
 
 
