@@ -10,6 +10,7 @@
 #include "windows/process/console_delivery.h"
 #include "windows/support/daemon_client.h"
 #include "windows/support/fake_sessions.h"
+#include "windows/support/import_redirection.h"
 
 #include <gtest/gtest.h>
 
@@ -97,6 +98,11 @@ protected:
         client->id = pattern.match(log.lines().join('\n')).captured(1);
         EXPECT_FALSE(client->id.isEmpty());
         return client;
+    }
+    /// One request as it goes over the pipe.
+    static QByteArray frame(const QJsonObject &message)
+    {
+        return test::PipeClient::frame(QJsonDocument(message).toJson(QJsonDocument::Compact));
     }
     ProcessManager *processManager() { return daemon.findChild<ProcessManager *>(); }
     bool waitForLine(const QString &text)
@@ -196,7 +202,12 @@ TEST_F(DaemonProcesses, loseTheirOwnerToARepeatedStartThatFails)
     EXPECT_TRUE(log.contains(R"(Process "child" failed to start, removed ownership)"));
     emit processManager()->processEvent({{"event", "stdout"}, {"process-id", "child"}, {"data", "x"}});
     EXPECT_TRUE(log.contains("Process event for unowned process"));
-    EXPECT_TRUE(owner->isRunning("child"));
+    EXPECT_TRUE(other->isRunning("child"));
+    // Nor does it end with either of them.
+    owner->connection.pipe().drop();
+    ASSERT_TRUE(waitForLine("stale processes found in session 1"));
+    EXPECT_FALSE(log.contains("Stopping process"));
+    EXPECT_TRUE(other->isRunning("child"));
 }
 
 TEST_F(DaemonProcesses, ofAFailedStartBelongToNobody)
@@ -278,9 +289,6 @@ TEST_F(DaemonProcesses, thatWereKilledAreStillTheirOwnersUntilItLeaves)
 TEST_F(DaemonProcesses, mayBeStartedAndKilledInOneWrite)
 {
     const auto client = connectClient();
-    const auto frame = [](const QJsonObject &message) {
-        return test::PipeClient::frame(QJsonDocument(message).toJson(QJsonDocument::Compact));
-    };
     QJsonObject start = test::childSpec("child", waiting);
     start["request-id"] = "s";
     client->connection.pipe().write(
@@ -289,6 +297,31 @@ TEST_F(DaemonProcesses, mayBeStartedAndKilledInOneWrite)
     EXPECT_EQ(client->connection.pipe().messages().last()["status"], "killed");
     EXPECT_FALSE(client->isRunning("child"));
     EXPECT_EQ(client->eventsOf("child"), QStringList({"started"}));
+}
+
+TEST_F(DaemonProcesses, mayCrashAndBeStartedAgainInOneWrite)
+{
+    const auto client = connectClient();
+    ASSERT_TRUE(client->startReady("child", {"--print", "ready", "--read-line", "--exit", "3"}));
+    ASSERT_TRUE(client->startReady("other", obeying));
+    const KernelHandle crashing(OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(client->pidOf("child"))));
+    // Between the crash and the new start: the stop of another child, which takes until the crash waits to be told.
+    const test::ImportRedirection<IMPORT(AttachConsole)> attach([&](DWORD pid) {
+        EXPECT_EQ(WaitForSingleObject(crashing.get(), 15000), WAIT_OBJECT_0);
+        for (int i = 0; i < 1500 && !log.contains("Queued handleProcessExit"); ++i)
+            Sleep(10);
+        return attach.real(pid);
+    });
+    QJsonObject start = test::childSpec("child", {"--print", "new", "--sleep", "500", "--exit", "5"});
+    start["request-id"] = "again";
+    client->connection.pipe().write(frame({{"action", "stdin"}, {"process-id", "child"}, {"data", "\n"}})
+                                    + frame({{"action", "stop"}, {"process-id", "other"}}) + frame(start));
+    EXPECT_TRUE(client->waitFor("child", "finished: 5"));
+    // Of the crash nothing is heard: its entry was replaced.
+    EXPECT_EQ(client->eventsOf("child"), QStringList({"started", "stdout: ready\n", "started", "stdout: new\n",
+                                                      "finished: 5"}));
+    EXPECT_TRUE(log.contains(R"(Found stale process entry for "child" - state: QProcess::Running)"));
+    EXPECT_TRUE(client->waitFor("other", "finished: 9"));
 }
 
 TEST_F(DaemonProcesses, areServedWhileTheDaemonStopsButNotStarted)

@@ -4,6 +4,7 @@
 #include "windows/process/process_manager_fixture.h"
 
 #include "windows/process/own_resources.h"
+#include "windows/process/volume.h"
 
 #include <QElapsedTimer>
 
@@ -20,7 +21,7 @@ constexpr std::size_t workingSetNoise = 4 * 1024 * 1024;
 class ProcessCycles : public ProcessManagerTest
 {
 protected:
-    static int cycles() { return qEnvironmentVariableIntValue("RUVOD_WHOLE") == 1 ? 1000 : 100; }
+    static int cycles() { return test::volume(1000, 100); }
 
     /// Forgets what the test itself has collected.
     void forget()

@@ -90,6 +90,27 @@ TEST_F(ProcessManagerCompanion, keepsItsDeviceWhileItRunsAndWhenItIsKilled)
     EXPECT_EQ(steps(), QStringList({"removal", "launch"}));
 }
 
+TEST_F(ProcessManagerCompanion, hasItsDeviceRemovedWhenAllAreStopped)
+{
+    const QStringList obeying = {"--ctrl-c-exit", "9", "--print", "ready", "--wait"};
+    ASSERT_TRUE(startReady(companion, obeying));
+    ASSERT_TRUE(startReady("child", obeying));
+    QStringList stepsAtTheEnd;
+    QObject::connect(manager.get(), &ProcessManager::processEvent, [&](const QJsonObject &event) {
+        if (event["event"] == "finished" && event["process-id"] == companion)
+            stepsAtTheEnd = steps().filter("removal");
+    });
+    log.clear();
+    manager->stopAll(10000);
+    EXPECT_EQ(stepsAtTheEnd, QStringList({"removal"}));
+    EXPECT_EQ(steps().count("removal"), 1);
+    EXPECT_EQ(steps().count("end"), 2);
+    EXPECT_EQ(eventsOf(companion).last(), "finished: 9");
+    EXPECT_EQ(eventsOf("child").last(), "finished: 9");
+    EXPECT_EQ(registered(), 0);
+    EXPECT_EQ(log.lines().last(), "INFO [ProcessManager] All processes stopped gracefully");
+}
+
 TEST_F(ProcessManagerCompanion, isKnownByItsExactIdOnly)
 {
     for (const char *processId : {"Sing-Box-Tun", "sing-box-tun ", "sing-box", "SING-BOX-TUN"}) {

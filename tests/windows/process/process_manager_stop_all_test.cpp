@@ -1,5 +1,7 @@
 #include "windows/process/process_manager_fixture.h"
 
+#include "windows/support/import_redirection.h"
+
 #include <QElapsedTimer>
 #include <QRegularExpression>
 
@@ -108,6 +110,20 @@ TEST_F(ProcessManagerStopAll, returnsSoonWhereEverythingHasEndedAlready)
     manager->killProcess("killed");
     EXPECT_LT(stopAll(10000), 1000);
     EXPECT_EQ(lines().last(), "INFO [ProcessManager] All processes stopped gracefully");
+}
+
+TEST_F(ProcessManagerStopAll, tellsTheEndOfAChildThatItsMonitorIsLateToNotice)
+{
+    const test::ImportRedirection<IMPORT(WaitForMultipleObjects)> wait([&](auto... arguments) {
+        const DWORD result = wait.real(arguments...);
+        Sleep(700);
+        return result;
+    });
+    ASSERT_TRUE(startReady("child", obeying));
+    EXPECT_LT(stopAll(10000), 3000);
+    EXPECT_EQ(eventsOf("child").last(), "finished: 9");
+    EXPECT_EQ(lines().last(), "INFO [ProcessManager] All processes stopped gracefully");
+    EXPECT_EQ(registered(), 0);
 }
 
 TEST_F(ProcessManagerStopAll, servesTheEventLoopWhileItWaits)
