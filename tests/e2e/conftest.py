@@ -5,7 +5,7 @@ import signal
 
 import pytest
 
-from bench import paths, sweep, tunnel
+from bench import core, paths, sweep, traffic, tunnel
 from bench.machine import Bench
 
 
@@ -67,3 +67,32 @@ def tunnel_bench(running):
     assert (tunnel.adapters(running), tunnel.addresses(running)) == ([], addresses)
     assert sorted(tunnel.routes(running)) == sorted([route for route in routes if route not in gone] + new)
     assert not tunnel.misuse(running)
+
+
+@pytest.fixture
+def servers(bench):
+    """The servers of the Internet; the bench has to have the role `net`."""
+    made = traffic.Servers(bench)
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def core_client(running, servers):  # pylint: disable=unused-argument,redefined-outer-name
+    """A client whose core is up; the tunnel is the test's to start. A tunnel that still runs is stopped."""
+    tunnel.expect_in_log(running)
+    running.log.allow(r"^\[TCP-NAT\] Listening on ")
+    # The daemon's first sweep after its start takes a process for old that was started before it.
+    running.log.allow(r"Found stale process entry on startup: \"core\" - state: QProcess::Running")
+    made = running.client()
+    core.start(running, made)
+    yield made
+    if tunnel.is_running(made):
+        tunnel.stop(made)
+
+
+@pytest.fixture
+def tunnel_client(core_client):  # pylint: disable=redefined-outer-name
+    """A client whose core and tunnel are up."""
+    tunnel.start(core_client)
+    return core_client

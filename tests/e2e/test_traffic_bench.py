@@ -8,13 +8,6 @@ from bench.network import RESOLVERS, ip
 pytestmark = pytest.mark.parametrize("bench", [("host", "net", "guest")], indirect=True)
 
 
-@pytest.fixture
-def servers(bench):
-    made = traffic.Servers(bench)
-    yield made
-    made.close()
-
-
 def test_servers_answer_from_host_and_guest(bench, servers):
     for role, address in (("host", "192.0.2.2"), ("guest", "198.51.100.2")):
         assert traffic.peer(bench, role) == address

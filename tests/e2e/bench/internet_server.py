@@ -1,4 +1,5 @@
-"""The servers of the Internet namespace that are ours: HTTP on port 80, TCP and UDP echo on port 7.
+"""The servers of the Internet namespace that are ours: HTTP on port 80, TCP and UDP echo on port 7, and some that only
+say who they are: "ADDRESS:PORT" and the end.
 
     GET /bytes/N     N known bytes (known_bytes)
     GET /peer        the address that the request came from
@@ -14,6 +15,7 @@ import sys
 import threading
 
 HTTP_PORT, ECHO_PORT = 80, 7
+IDENTITY_PORTS = range(9001, 9006)
 # No power of two: bytes that land in the wrong place are never the right ones by chance.
 _BLOCK = random.Random(12).randbytes(1_000_003)
 
@@ -79,6 +81,12 @@ class TcpEcho(socketserver.BaseRequestHandler):
             self.request.sendall(data)
 
 
+class Identity(socketserver.BaseRequestHandler):
+    def handle(self):
+        address, port = self.request.getsockname()
+        self.request.sendall(f"{address}:{port}".encode())
+
+
 class UdpEcho(socketserver.BaseRequestHandler):
     def handle(self):
         data, endpoint = self.request
@@ -105,6 +113,7 @@ class UdpServer(socketserver.UDPServer):
 def main():
     # One for each address: a datagram is answered from where it went to.
     servers = [HttpServer(("", HTTP_PORT), Pages), TcpServer(("", ECHO_PORT), TcpEcho)]
+    servers += [TcpServer(("", port), Identity) for port in IDENTITY_PORTS]
     servers += [UdpServer((address, ECHO_PORT), UdpEcho) for address in sys.argv[1:]]
     threads = [threading.Thread(target=server.serve_forever) for server in servers]
     for thread in threads:

@@ -3,6 +3,7 @@
 import ctypes
 import os
 import socket
+import struct
 from concurrent.futures import ThreadPoolExecutor
 
 CLONE_NEWNET = 0x40000000
@@ -16,18 +17,49 @@ def _enter(path):
             raise OSError(error, f"setns {path}: {os.strerror(error)}")
 
 
+def enter(bench, role):
+    """Puts the calling thread into that namespace for good: for threads that the test has made for it."""
+    _enter(f"/run/netns/{bench.network.name(role)}")
+
+
 def in_namespace(bench, role, work):
     """Calls `work` on a thread of its own in that namespace; what it makes there may be used from everywhere."""
     def run():
-        _enter(f"/run/netns/{bench.network.name(role)}")
+        enter(bench, role)
         return work()
     with ThreadPoolExecutor(1) as thread:
         return thread.submit(run).result()
 
 
-def tcp(bench, address, role="host", timeout=20):
-    """A connection from that namespace."""
-    return in_namespace(bench, role, lambda: socket.create_connection(address, timeout))
+def tcp(bench, address, role="host", timeout=20, *, port=0, options=()):
+    """A connection from that namespace, from a certain port if one is given; others may use the same one.
+
+    options: what is set before it connects, as [(level, option, value), …].
+    """
+    return in_namespace(bench, role, lambda: connect(address, timeout, port=port, options=options))
+
+
+def connect(address, timeout=20, *, port=0, options=()):
+    """The same, on a thread that is in its namespace already."""
+    made = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    try:
+        made.settimeout(timeout)
+        for option in options:
+            made.setsockopt(*option)
+        if port:
+            made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            made.bind(("", port))
+        made.connect(address)
+    except BaseException:
+        made.close()
+        raise
+    return made
+
+
+def reset(connection):
+    """Ends a connection so that the other end gets a reset."""
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    connection.close()
 
 
 def udp(bench, role="host", bind=("", 0), timeout=20):

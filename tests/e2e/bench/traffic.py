@@ -162,6 +162,15 @@ def udp_echo(bench, payloads, address=ECHO, role="host", timeout=20):
     return answers
 
 
+def identity(bench, address, role="host", timeout=30, **options):
+    """Who a server of IDENTITY_PORTS says that it is: "ADDRESS:PORT"."""
+    with sockets.tcp(bench, address, role, timeout, **options) as connection:
+        told = bytearray()
+        while data := connection.recv(100):
+            told += data
+        return told.decode()
+
+
 def tcp_echo(bench, data, address=ECHO, role="host", timeout=30):
     """Sends bytes to an echo server and returns as many of what comes back."""
     with sockets.tcp(bench, address, role, timeout) as connection:

@@ -5,7 +5,8 @@ Which inbound took a connection stands in the access log, as the name of its way
 
 As a module: core_config.write(path, send_through="192.0.2.2").
 As a program: core_config.py OUT --send-through 192.0.2.2
-The core writes its access log and its messages to standard output.
+The core writes its access log and its messages to standard output. What a server has ended ends for its client at once
+("uplinkOnly"), not after the core's usual second.
 """
 
 import argparse
