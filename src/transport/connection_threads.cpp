@@ -19,16 +19,17 @@ constexpr std::chrono::seconds idleTime{10};
 
 } // namespace
 
-void ConnectionThreads::post(Job job)
+bool ConnectionThreads::post(Job job)
 {
     const std::lock_guard lock(m_mutex);
     if (m_stopped)
-        return;
+        return false;
     reapFinished();
     if (m_idle <= m_jobs.size() && m_running < m_limit && !startThread() && m_running == 0)
-        return;
+        return false;
     m_jobs.push_back(std::move(job));
     m_changed.notify_one();
+    return true;
 }
 
 bool ConnectionThreads::startThread()

@@ -24,8 +24,8 @@ public:
     ConnectionThreads(const ConnectionThreads &) = delete;
     ConnectionThreads &operator=(const ConnectionThreads &) = delete;
 
-    /// A job that comes after stop, or while not even one thread can be had, is dropped (with what it owns).
-    void post(Job job);
+    /// False if the job is dropped (with what it owns): after stop, or while not even one thread can be had.
+    bool post(Job job);
     /// Drops the jobs that wait, and waits for those that run: whoever calls this has seen to it that they end.
     void stop();
 

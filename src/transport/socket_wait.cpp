@@ -30,6 +30,9 @@ bool SocketWait::attach(SOCKET socket, long events)
         WSASetLastError(WSA_NOT_ENOUGH_MEMORY); // whatever came after the failure that it is about
         return false;
     }
+    // An earlier socket may have left it signalled, and a connect would be taken for done. What holds for this socket
+    // already is signalled anew.
+    ResetEvent(m_event.get());
     return WSAEventSelect(socket, m_event.get(), events) == 0;
 }
 

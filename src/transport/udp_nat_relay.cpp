@@ -2,7 +2,6 @@
 
 #include "common/ipv4.h"
 #include "common/log_category.h"
-#include "common/steady_clock.h"
 #include "tun/packet_builder.h"
 
 #include <QString>
@@ -41,7 +40,6 @@ bool UdpNatRelay::forward(std::uint32_t clientAddress, std::uint16_t clientPort,
 {
     const UdpFlowKey key{clientAddress, clientPort, requestedAddress, requestedPort};
     const std::span bytes(payload, length);
-    bool isNew = false;
     {
         const std::lock_guard lock(m_mutex);
         if (!m_initialized)
@@ -53,27 +51,42 @@ bool UdpNatRelay::forward(std::uint32_t clientAddress, std::uint16_t clientPort,
             touch(*found->second);
             return true;
         }
-        isNew = m_waiting.add(key, {targetAddress, targetPort}, bytes);
+        const bool isNew = m_waiting.add(key, {targetAddress, targetPort}, bytes);
+        if (!isNew || m_opening == maxOpeners)
+            return true;
+        ++m_opening;
     }
-    if (isNew)
-        m_openers.post([this, key] { open(key); });
+    if (!m_openers.post([this] { openWaiting(); })) {
+        const std::lock_guard lock(m_mutex);
+        --m_opening; // the next new flow tries again
+    }
     return true;
 }
 
-/// On an opener's thread.
-void UdpNatRelay::open(const UdpFlowKey &key)
+/// On an opener's thread: one flow after another until none waits.
+void UdpNatRelay::openWaiting()
 {
-    std::optional<socks5::Endpoint> target;
-    {
-        const std::lock_guard lock(m_mutex);
-        target = m_waiting.targetOf(key);
+    for (;;) {
+        std::optional<UdpWaitingFlows::Opening> flow;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_initialized)
+                flow = m_waiting.beginOpening();
+            if (!flow) {
+                --m_opening;
+                return;
+            }
+        }
+        open(*flow);
     }
-    if (!target) // others have pushed it out
-        return;
-    const auto session =
-        std::make_shared<UdpNatSession>(key, *target, target->port == dnsPort ? m_directPort : m_proxyPort);
+}
+
+void UdpNatRelay::open(const UdpWaitingFlows::Opening &flow)
+{
+    const auto session = std::make_shared<UdpNatSession>(flow.key, flow.target,
+                                                         flow.target.port == dnsPort ? m_directPort : m_proxyPort);
     if (!session->open(m_proxyHost, m_stopEvent, *m_completionPort))
-        return giveUp(key, *target);
+        return giveUp(flow);
     if (insert(session)) {
         session->startReceiving(*m_completionPort, [this](UdpNatSession &answered, std::span<const std::uint8_t> payload) {
             onAnswer(answered, payload);
@@ -81,21 +94,21 @@ void UdpNatRelay::open(const UdpFlowKey &key)
     }
 }
 
-void UdpNatRelay::giveUp(const UdpFlowKey &key, socks5::Endpoint target)
+void UdpNatRelay::giveUp(const UdpWaitingFlows::Opening &flow)
 {
-    UdpWaitingFlows::Flow flow;
+    UdpWaitingFlows::Datagrams datagrams;
     {
         const std::lock_guard lock(m_mutex);
         if (!m_initialized)
             return;
-        flow = m_waiting.take(key);
+        datagrams = m_waiting.take(flow.key);
     }
     qCWarning(lcRuvod).nospace().noquote() << "[UDP-NAT] Failed to create SOCKS5 UDP session for "
-                                           << formatIpv4(target.address) << ":" << target.port;
+                                           << formatIpv4(flow.target.address) << ":" << flow.target.port;
     if (!m_fallback)
         return;
-    for (const std::vector<std::uint8_t> &datagram : flow.datagrams)
-        m_fallback(key, datagram);
+    for (const std::vector<std::uint8_t> &datagram : datagrams)
+        m_fallback(flow.key, datagram);
 }
 
 /// Puts an open session into the maps and sends what waits for it. Nothing overtakes that: it happens under the mutex.
@@ -109,9 +122,9 @@ bool UdpNatRelay::insert(const UdpNatSessionPtr &session)
     if (m_flows.size() >= maxSessions)
         remove(UdpNatSessionPtr(m_byActivity.front()));
     m_flows.emplace(session->key(), session);
-    session->lastActivity = steadyNanoseconds();
+    session->lastActivity = m_clock();
     session->position = m_byActivity.insert(m_byActivity.end(), session);
-    for (const std::vector<std::uint8_t> &datagram : m_waiting.take(session->key()).datagrams)
+    for (const std::vector<std::uint8_t> &datagram : m_waiting.take(session->key()))
         session->send(datagram);
     return true;
 }
@@ -135,7 +148,7 @@ void UdpNatRelay::onAnswer(UdpNatSession &session, std::span<const std::uint8_t>
 
 void UdpNatRelay::touch(UdpNatSession &session)
 {
-    session.lastActivity = steadyNanoseconds();
+    session.lastActivity = m_clock();
     m_byActivity.splice(m_byActivity.end(), m_byActivity, session.position);
 }
 
@@ -149,7 +162,7 @@ void UdpNatRelay::remove(const UdpNatSessionPtr &session)
 void UdpNatRelay::expireIdle()
 {
     const std::lock_guard lock(m_mutex);
-    const std::int64_t now = steadyNanoseconds();
+    const std::int64_t now = m_clock();
     while (!m_byActivity.empty() && now - m_byActivity.front()->lastActivity >= idleTime)
         remove(UdpNatSessionPtr(m_byActivity.front()));
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/steady_clock.h"
 #include "transport/completion_port.h"
 #include "transport/connection_threads.h"
 #include "transport/udp_nat_session.h"
@@ -14,6 +15,7 @@
 #include <mutex>
 #include <span>
 #include <string>
+#include <utility>
 
 namespace ruvo {
 
@@ -35,8 +37,14 @@ public:
     /// Gets the datagrams of a flow that no association could be opened for, in order, on an opener's thread.
     using Fallback = std::function<void(const UdpFlowKey &flow, std::span<const std::uint8_t> payload)>;
 
+    using Clock = std::function<std::int64_t()>;
+
     /// `stopEvent` (not owned) ends the handshakes.
-    explicit UdpNatRelay(HANDLE stopEvent) : m_stopEvent(stopEvent) {}
+    explicit UdpNatRelay(HANDLE stopEvent, Clock clock = steadyNanoseconds)
+        : m_stopEvent(stopEvent)
+        , m_clock(std::move(clock))
+    {
+    }
     ~UdpNatRelay() { shutdown(); }
     UdpNatRelay(const UdpNatRelay &) = delete;
     UdpNatRelay &operator=(const UdpNatRelay &) = delete;
@@ -60,14 +68,16 @@ public:
 private:
     static constexpr unsigned maxOpeners = 16;
 
-    void open(const UdpFlowKey &key);
-    void giveUp(const UdpFlowKey &key, socks5::Endpoint target);
+    void openWaiting();
+    void open(const UdpWaitingFlows::Opening &flow);
+    void giveUp(const UdpWaitingFlows::Opening &flow);
     bool insert(const UdpNatSessionPtr &session);
     void onAnswer(UdpNatSession &session, std::span<const std::uint8_t> payload);
     void touch(UdpNatSession &session);
     void remove(const UdpNatSessionPtr &session);
 
     const HANDLE m_stopEvent;
+    const Clock m_clock;
     std::uint32_t m_tunnelValue = 0;
     std::wstring m_proxyHost;
     std::uint16_t m_proxyPort = 0;
@@ -82,6 +92,8 @@ private:
     /// The same, the longest idle first.
     std::list<UdpNatSessionPtr> m_byActivity;
     UdpWaitingFlows m_waiting;
+    /// Threads that open what waits, or are about to: never more jobs than threads, however much waits.
+    unsigned m_opening = 0;
     ConnectionThreads m_openers{maxOpeners};
 };
 

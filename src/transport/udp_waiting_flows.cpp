@@ -10,43 +10,47 @@ bool UdpWaitingFlows::add(const UdpFlowKey &key, socks5::Endpoint target, std::s
     auto found = m_flows.find(key);
     const bool isNew = found == m_flows.end();
     if (isNew) {
-        if (m_flows.size() == maxFlows) {
-            m_flows.erase(m_order.front());
-            m_order.pop_front();
+        if (m_flows.size() >= maxFlows && !m_unopened.empty()) {
+            m_flows.erase(m_unopened.front());
+            m_unopened.pop_front();
         }
-        m_order.push_back(key);
-        found = m_flows.emplace(key, Entry{{target, {}}, std::prev(m_order.end())}).first;
+        m_unopened.push_back(key);
+        found = m_flows.emplace(key, Flow{target, {}, std::prev(m_unopened.end())}).first;
     }
-    auto &datagrams = found->second.flow.datagrams;
+    Datagrams &datagrams = found->second.datagrams;
     if (datagrams.size() == maxDatagrams)
         datagrams.pop_front();
     datagrams.emplace_back(payload.begin(), payload.end());
     return isNew;
 }
 
-std::optional<socks5::Endpoint> UdpWaitingFlows::targetOf(const UdpFlowKey &key) const
+std::optional<UdpWaitingFlows::Opening> UdpWaitingFlows::beginOpening()
 {
-    const auto found = m_flows.find(key);
-    if (found == m_flows.end())
+    if (m_unopened.empty())
         return std::nullopt;
-    return found->second.flow.target;
+    const UdpFlowKey key = m_unopened.front();
+    m_unopened.pop_front();
+    Flow &flow = m_flows.at(key);
+    flow.unopened = m_unopened.end();
+    return Opening{key, flow.target};
 }
 
-UdpWaitingFlows::Flow UdpWaitingFlows::take(const UdpFlowKey &key)
+UdpWaitingFlows::Datagrams UdpWaitingFlows::take(const UdpFlowKey &key)
 {
     const auto found = m_flows.find(key);
     if (found == m_flows.end())
         return {};
-    Flow flow = std::move(found->second.flow);
-    m_order.erase(found->second.position);
+    Datagrams datagrams = std::move(found->second.datagrams);
+    if (found->second.unopened != m_unopened.end())
+        m_unopened.erase(found->second.unopened);
     m_flows.erase(found);
-    return flow;
+    return datagrams;
 }
 
 void UdpWaitingFlows::clear()
 {
     m_flows.clear();
-    m_order.clear();
+    m_unopened.clear();
 }
 
 } // namespace ruvo

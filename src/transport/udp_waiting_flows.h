@@ -22,30 +22,35 @@ public:
     static constexpr std::size_t maxDatagrams = 64; // of one flow
     static constexpr std::size_t maxFlows = 1024;
 
-    struct Flow
+    using Datagrams = std::deque<std::vector<std::uint8_t>>;
+    struct Opening
     {
+        UdpFlowKey key;
         socks5::Endpoint target;
-        std::deque<std::vector<std::uint8_t>> datagrams;
     };
 
-    /// Copies the payload. Whether the flow is new here, and somebody has to open its association.
+    /// Copies the payload. Whether the flow is new here, and somebody has to open its association. Makes room by
+    /// dropping the oldest flow whose opening has not begun: one that is being opened must not come back here and be
+    /// opened a second time.
     bool add(const UdpFlowKey &key, socks5::Endpoint target, std::span<const std::uint8_t> payload);
-    /// Where a flow wants to go; nothing if it has been pushed out.
-    std::optional<socks5::Endpoint> targetOf(const UdpFlowKey &key) const;
-    /// Takes a flow out; empty if it has been pushed out.
-    Flow take(const UdpFlowKey &key);
+    /// The oldest flow that nobody opens yet; from now on somebody does.
+    std::optional<Opening> beginOpening();
+    /// Takes a flow out, and gives what has waited. Nothing if it is not here.
+    Datagrams take(const UdpFlowKey &key);
     void clear();
     std::size_t size() const { return m_flows.size(); }
 
 private:
-    struct Entry
+    struct Flow
     {
-        Flow flow;
-        std::list<UdpFlowKey>::iterator position;
+        socks5::Endpoint target;
+        Datagrams datagrams;
+        /// Its place in m_unopened; the end of it once it is being opened.
+        std::list<UdpFlowKey>::iterator unopened;
     };
-    std::map<UdpFlowKey, Entry> m_flows;
+    std::map<UdpFlowKey, Flow> m_flows;
     /// The oldest first.
-    std::list<UdpFlowKey> m_order;
+    std::list<UdpFlowKey> m_unopened;
 };
 
 } // namespace ruvo
