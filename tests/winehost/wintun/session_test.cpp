@@ -273,6 +273,37 @@ TEST_F(WintunSessionTest, noticesMisuse)
                 ElementsAre(HasSubstr("written past its end"), HasSubstr("no packet that was allocated")));
 }
 
+TEST_F(WintunSessionTest, reportsAReceiveRingThatTheProgramHasDamaged)
+{
+    const UdpSocket socket(nearAddress);
+    DWORD size = 0;
+    std::vector<BYTE *> packets;
+    for (const char *text : {"one", "two"}) {
+        ASSERT_TRUE(socket.sendTo(farAddress, somePort, text));
+        packets.push_back(receiveWaiting(size));
+        ASSERT_TRUE(packets.back());
+    }
+    std::memset(packets[0] + size, 0xFF, 32); // into the head of the second
+    m_wintun.release(m_session, packets[0]);
+    EXPECT_EQ(m_wintun.receive(m_session, &size), nullptr);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_DATA});
+}
+
+TEST_F(WintunSessionTest, endsWithASendRingThatTheProgramHasDamaged)
+{
+    const auto packet = udpPacket(farAddress, nearAddress, {somePort, somePort}, "hello");
+    const auto size = static_cast<DWORD>(packet.size());
+    BYTE *first = m_wintun.allocate(m_session, size);
+    ASSERT_TRUE(first);
+    ASSERT_TRUE(m_wintun.allocate(m_session, size));
+    std::memcpy(first, packet.data(), size);
+    std::memset(first + size, 0xFF, 32);
+    m_wintun.send(m_session, first);
+    EXPECT_EQ(m_wintun.allocate(m_session, size), nullptr);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_HANDLE_EOF});
+    EXPECT_THAT(journal("misuse"), ElementsAre(HasSubstr("written past its end"), HasSubstr("the ring is damaged")));
+}
+
 TEST_F(WintunSessionTest, failsPacketCallsAsATestHasPlanned)
 {
     writeBenchFile("faults.txt", "WintunAllocateSendPacket * 111\nWintunReceivePacket 2+ 13\n");
