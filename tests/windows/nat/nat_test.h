@@ -1,0 +1,86 @@
+#pragma once
+
+#include "windows/transport/scripted_proxy.h"
+#include "windows/transport/winsock_test.h"
+
+#include "support/log_capture.h"
+#include "support/wait_until.h"
+#include "transport/completion_port.h"
+
+#include <QByteArray>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace ruvo::test {
+
+/// A test with a completion port and its workers, as the tunnel has them. When it ends nothing is in flight any more.
+class NatTest : public WinsockTest
+{
+protected:
+    static constexpr unsigned workerCount = 2;
+
+    void SetUp() override;
+    void TearDown() override;
+    void startWorkers();
+    void stopWorkers();
+
+    LogCapture m_log;
+    CompletionPort m_port;
+
+private:
+    std::atomic<bool> m_stop = false;
+    std::vector<std::thread> m_workers;
+};
+
+/// Both ends of a stream; the test's end waits 20 s at most, the other one is non-blocking, as the product has it.
+struct StreamPair
+{
+    Socket mine;
+    Socket theirs;
+};
+StreamPair streamPair();
+
+/// Bytes that differ from place to place.
+QByteArray pattern(qsizetype size, unsigned seed = 1);
+/// Blocking; false if not all of it went out.
+bool sendAll(SOCKET socket, const QByteArray &bytes);
+/// Exactly so many bytes; fewer at the end of the stream or after an error.
+QByteArray receiveBytes(SOCKET socket, qsizetype count);
+/// Reads until the stream ends: 0 for a proper end, else the error. What was read comes to `bytes`.
+int readToEnd(SOCKET socket, QByteArray *bytes = nullptr);
+/// Sends until nothing more is taken for half a second; what was sent. Leaves the socket non-blocking.
+QByteArray sendUntilStalled(SOCKET socket, unsigned seed = 1);
+void resetConnection(Socket &socket);
+
+/// Listens on 127.0.0.1 and serves each connection by the script on a thread of its own. The script's connections have
+/// to have ended when this goes: the product's end is closed first.
+class ParallelProxy
+{
+public:
+    /// `number` counts the connections from 0.
+    using Script = std::function<void(ProxyConnection &client, int number)>;
+
+    explicit ParallelProxy(Script script);
+    ~ParallelProxy();
+    ParallelProxy(const ParallelProxy &) = delete;
+    ParallelProxy &operator=(const ParallelProxy &) = delete;
+
+    std::uint16_t port() const { return m_portNumber; }
+    int connections() const { return m_connections; }
+
+private:
+    void serve();
+
+    const Script m_script;
+    const Socket m_listener;
+    const std::uint16_t m_portNumber;
+    std::atomic<bool> m_stop = false;
+    std::atomic<int> m_connections = 0;
+    std::vector<std::jthread> m_threads;
+    std::thread m_acceptor;
+};
+
+} // namespace ruvo::test
