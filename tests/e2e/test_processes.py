@@ -1,35 +1,15 @@
 """Supervised processes end to end: the real core, scripted children, their owners, and what is left behind."""
 
+import itertools
 import json
-import re
-import shutil
+import threading
 import time
 
 import pytest
 
 from bench import core, pipeload, wait_for
-from bench.paths import BUILD, windows_path
-
-TESTCHILD = BUILD / "tests" / "winehost" / "testchild" / "testchild.exe"
-TIMESTAMP = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d$")
-
-
-def child(bench, process_id, *arguments, name="testchild.exe", **spec):
-    """A specification that runs the scripted child under a name of its own."""
-    executable = bench.application / name
-    if not executable.exists():
-        shutil.copy2(TESTCHILD, executable)
-    return {"process_id": process_id, "executable": windows_path(executable), "arguments": [str(argument) for argument in arguments]} | spec
-
-
-def keys(message):
-    """An answer or event without its timestamp, which is looked at here."""
-    assert TIMESTAMP.match(message["timestamp"]), message
-    return {key: value for key, value in message.items() if key not in ("timestamp", "request-id")}
-
-
-def output(client, process_id, stream="stdout"):
-    return "".join(event["data"] for event in client.events(stream) if event["process-id"] == process_id)
+from bench.children import TIMESTAMP, child, keys, output, raw_start
+from bench.machine import volume
 
 
 @pytest.fixture
@@ -56,7 +36,8 @@ def test_the_core_carries_traffic_under_supervision(running, client):
         wait_for(lambda: "127.0.0.1:8080" in output(client, "core"), what="the access in the core's output")
 
         status = client.request("status", process_id="core")
-        assert set(status) == {"status", "timestamp", "process-id", "state", "pid", "start-time", "running", "request-id"}
+        assert set(status) == {
+            "status", "timestamp", "process-id", "state", "pid", "start-time", "running", "request-id"}
         assert (status["state"], status["running"], status["process-id"]) == (2, True, "core")
         assert TIMESTAMP.match(status["start-time"])
         (entry,) = client.request("list")["processes"]
@@ -73,9 +54,11 @@ def test_the_core_carries_traffic_under_supervision(running, client):
 def test_stop_ends_a_child_with_ctrl_c(running, client):
     client.request("start", **child(running, "obeys", "--ctrl-c-exit", 7, "--print", "up", "--wait"))
     client.expect({"event": "stdout", "process-id": "obeys"})
-    assert keys(client.request("stop", process_id="obeys")) == {"status": "stopping", "message": "Process stop requested"}
+    assert keys(client.request("stop", process_id="obeys")) == {
+        "status": "stopping", "message": "Process stop requested"}
     assert keys(client.expect({"event": "finished"})) == {"process-id": "obeys", "event": "finished", "data": "7"}
-    assert keys(client.request("status", process_id="obeys")) == {"status": "error", "error": "Process not found: obeys"}
+    assert keys(client.request("status", process_id="obeys")) == {
+        "status": "error", "error": "Process not found: obeys"}
 
 
 def test_a_child_that_ignores_ctrl_c_is_terminated_after_ten_seconds_without_a_word(running, client):
@@ -115,8 +98,8 @@ def test_restart_only_stops(running, client):
 
 def test_a_crash_loop_ends_after_its_restarts_with_the_last_exit_code(running, client):
     running.log.expect(r"exceeded max restart attempts \( 3 \), giving up")
-    client.request("start", **child(running, "loop", "--print", "again", "--sleep", 200, "--exit", 3, auto_restart=True,
-                                    max_restart_attempts=3, restart_delay_ms=300))
+    client.request("start", **child(running, "loop", "--print", "again", "--sleep", 200, "--exit", 3,
+                                    auto_restart=True, max_restart_attempts=3, restart_delay_ms=300))
     finished = client.expect({"event": "finished"}, timeout=30)
     assert keys(finished) == {"process-id": "loop", "event": "finished", "data": "3"}
     assert len(client.events("started")) == 4
@@ -151,16 +134,18 @@ def test_standard_input_arrives_in_order(running, client):
 
 def test_a_flood_neither_blocks_the_daemon_nor_loses_order(running, client):
     other = running.client()
-    client.request("start", **child(running, "flood", "--flood", "stdout", 10_000_000, 10_000, "--wait"))
+    seconds = volume(10, 4)
+    client.request("start", **child(running, "flood", "--flood", "stdout", 10_000_000, 1000 * seconds, "--wait"))
     slowest = 0
-    for _ in range(40):
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
         start = time.monotonic()
         assert other.request("heartbeat")["status"] == "success"
         slowest = max(slowest, time.monotonic() - start)
         time.sleep(0.1)  # the pace of the client, not a wait
     text = output(client, "flood")
     numbers = [int(line) for line in text.splitlines()[:-1]]
-    print(f"{len(text)} bytes in about 4 s, slowest heartbeat {slowest * 1000:.0f} ms")
+    print(f"{len(text)} bytes in about {seconds} s, slowest heartbeat {slowest * 1000:.0f} ms")
     assert numbers == list(range(len(numbers))) and len(numbers) > 1000
     assert slowest < 2
     client.request("kill", process_id="flood")
@@ -185,7 +170,7 @@ def test_events_reach_only_the_owner_and_a_departure_stops_its_children(running,
     other.expect({"event": "stdout", "process-id": "theirs"})
     assert {message["process-id"] for message in client.messages if "process-id" in message} == {"mine"}
     client.kill()
-    running.log.wait_for(f'Stopping process "mine" (owned by disconnected client')
+    running.log.wait_for('Stopping process "mine" (owned by disconnected client')
     wait_for(lambda: [p["process-id"] for p in other.request("list")["processes"]] == ["theirs"], 20,
              "the departed client's child to be gone")
     assert other.request("status", process_id="theirs")["running"]
@@ -202,7 +187,8 @@ def test_leftover_cores_of_the_session_are_ended_and_nobody_else(running):
         child(running, "unused", name=name)
         processes[name] = running.prefix.popen(running.application / name, "--wait")
         wait_for(lambda name=name: running.windows_processes(name), what=f"{name} to run")
-    running.set_process_sessions({running.windows_processes(name)[0]["pid"]: session for name, session in names.items()})
+    running.set_process_sessions({
+        running.windows_processes(name)[0]["pid"]: session for name, session in names.items()})
     leaving = running.client(1)
     leaving.close()
     wait_for(lambda: processes["XRAY.exe"].poll() is not None, 20, "the end of the left-over core")
@@ -261,12 +247,6 @@ def in_one_write(bench, *requests):
     return messages[1:]
 
 
-def raw_start(bench, identity, *arguments, **spec):
-    fields = child(bench, identity, *arguments, **spec)
-    return {"action": "start", "request-id": f"start {identity}"} | {
-        key.replace("_", "-"): value for key, value in fields.items()}
-
-
 def test_start_and_kill_in_one_write(running):
     running.log.allow("Found stale process entry on startup")
     messages = in_one_write(running, raw_start(running, "brief", "--wait"),
@@ -275,8 +255,7 @@ def test_start_and_kill_in_one_write(running):
     assert running.windows_processes("testchild.exe") == []
 
 
-def test_a_stop_control_ends_the_wait_for_an_interface(running, client):
-    running.log.allow("not UP after|Cannot set DNS")
+def test_a_stop_control_ends_the_wait_for_an_interface_without_a_word(running, client):
     client.request("start", **child(running, "tunnel", "--ctrl-c-exit", 0, "--print", "up", "--wait"),
                    **{"tun-dns-override": {"address": "10.0.0.1", "iface": "nothing"}})
     running.log.wait_for('[ProcessManager] Waiting for interface "nothing" to be UP')
@@ -301,4 +280,39 @@ def test_a_stop_control_while_standard_input_is_blocked(running, client):
     start = time.monotonic()
     running.stop()
     assert time.monotonic() - start < 14
+    assert running.windows_processes("testchild.exe") == []
+
+
+def test_a_stop_control_in_a_flood_of_starts(running, client):
+    # A child that has no console yet cannot be asked to end.
+    running.log.allow("Failed to send Ctrl|Failed to attach|AttachConsole failed|TerminateProcess failed")
+    enough = threading.Event()
+
+    def flood():
+        for number in itertools.count():
+            if enough.wait(0.02):  # the pace of the client
+                return
+            try:
+                client.send(raw_start(running, f"flood {number}", "--ctrl-c-exit", 0, "--wait"))
+            except AssertionError:
+                return  # the connection has ended with the service
+
+    client.request("start", **child(running, "slow", "--ctrl-c-exit", 0, "--ctrl-c-delay", 2000, "--print", "up",
+                                    "--wait"))
+    client.expect({"event": "stdout"})
+    sender = threading.Thread(target=flood)
+    sender.start()
+    try:
+        wait_for(lambda: len(client.events("started")) > 10, what="the flood to have begun")
+        start = time.monotonic()
+        running.stop(timeout=60)
+        took = time.monotonic() - start
+    finally:
+        enough.set()
+        sender.join()
+    answers = [message.get("error") or message["status"] for message in client.messages if "request-id" in message]
+    print(f"{answers.count('started')} were started, {answers.count('Daemon is stopping')} refused; "
+          f"the stop took {took:.1f} s")
+    assert set(answers) == {"started", "Daemon is stopping"}
+    assert took < 50
     assert running.windows_processes("testchild.exe") == []
