@@ -1,0 +1,40 @@
+#pragma once
+
+#include "windows/netcfg/namespace_test.h"
+
+#include "tun/tunnel.h"
+
+#include "common/winsock_headers.h"
+
+#include <expected>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace ruvo::test {
+
+/// Tests of a whole tunnel, on a real interface "test" with the address 10.6.7.1/30.
+class TunnelTest : public NamespaceTest
+{
+protected:
+    static constexpr std::uint32_t tunnelIp = 0x0A060701;
+    static constexpr std::uint8_t prefixLength = 30;
+    static constexpr wchar_t adapterName[] = L"test";
+
+    static void SetUpTestSuite();
+    static void TearDownTestSuite();
+
+    void SetUp() override;
+    void TearDown() override;
+
+    std::expected<void, std::string> start(std::uint32_t address = tunnelIp);
+    /// As a test that fails says it; empty after a success.
+    std::string startError(std::uint32_t address = tunnelIp);
+
+    /// Names of the calls to Wintun and of the changes to the system, in order.
+    static std::vector<std::string> calls();
+
+    std::unique_ptr<Tunnel> m_tunnel;
+};
+
+} // namespace ruvo::test

@@ -1,0 +1,107 @@
+// Stopping while connections are under way: nothing that a peer does or leaves undone holds it up.
+
+#include "windows/tun/tunnel_test.h"
+
+#include "support/qt_printers.h"
+#include "support/wait_until.h"
+#include "windows/transport/scripted_proxy.h"
+#include "windows/transport/winsock_test.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <chrono>
+#include <list>
+#include <optional>
+
+namespace ruvo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+class TunnelTraffic : public TunnelTest
+{
+protected:
+    /// A tunnel to `proxy`, and a way into it for documentation addresses.
+    void startTowards(std::uint16_t proxyPort)
+    {
+        m_tunnel->setPorts(proxyPort, 10809, 20808);
+        ASSERT_EQ(startError(), "");
+        ASSERT_EQ(linuxOutput("ip route add 203.0.113.0/24 dev test"), "");
+        m_log.clear();
+    }
+
+    void expectAStopInTime()
+    {
+        const auto begin = Clock::now();
+        m_tunnel->stop();
+        EXPECT_LT(Clock::now() - begin, 5s);
+        EXPECT_EQ(m_tunnel->operationsInFlight(), 0);
+        EXPECT_EQ(m_log.linesWith("still in flight"), QStringList());
+        EXPECT_EQ(tunLinks(), "");
+    }
+
+    /// An application that connects through the tunnel, says something and prints the line that it is answered. It
+    /// waits for that as long as there is a tunnel.
+    inline static const std::string application =
+        "timeout 30 bash -c 'exec 3<>/dev/tcp/203.0.113.9/80 && echo hello >&3 && "
+        "while ip link show test >/dev/null 2>&1; do "
+        "read -r -t 0.2 -u 3 answer && echo \"$answer\" && exit; [ $? -gt 128 ] || exit; done'";
+};
+
+TEST_F(TunnelTraffic, ofAProxyThatAcceptsAndNeverAnswersDoesNotHoldTheStopUp)
+{
+    const Socket mute = listeningSocket();
+    ASSERT_NO_FATAL_FAILURE(startTowards(portOf(mute.get())));
+    std::list<LinuxCommand> applications;
+    for (int i = 0; i < 5; ++i)
+        applications.emplace_back(application);
+    // The relays' connects have arrived and wait for the answer to their greeting.
+    const std::string port = std::to_string(portOf(mute.get()));
+    EXPECT_TRUE(waitUntil(
+        [&] { return std::stoi(linuxOutput("ss -Htn state established 'dport = :" + port + "' | wc -l")) >= 5; }));
+    expectAStopInTime();
+    for (LinuxCommand &one : applications)
+        EXPECT_TRUE(one.wait());
+}
+
+TEST_F(TunnelTraffic, throughOpenRelaysEndsWithTheStop)
+{
+    std::atomic<int> relayed = 0;
+    const ScriptedProxy proxy([&](ProxyConnection &client) {
+        client.receive(3);
+        client.send(QByteArray::fromHex("0500"));
+        client.receive(10);
+        client.send(QByteArray::fromHex("05000001000000000000"));
+        if (client.receive(6) == "hello\n")
+            ++relayed;
+        client.waitForEnd();
+    });
+    ASSERT_NO_FATAL_FAILURE(startTowards(proxy.port()));
+    LinuxCommand command(application);
+    EXPECT_TRUE(waitUntil([&] { return relayed == 1; })) << m_log.lines().join('\n').toStdString();
+    EXPECT_GT(m_tunnel->operationsInFlight(), 0);
+    expectAStopInTime();
+    EXPECT_TRUE(command.wait());
+}
+
+TEST_F(TunnelTraffic, goesBothWaysThroughTheProxy)
+{
+    QByteArray request;
+    const ScriptedProxy proxy([&](ProxyConnection &client) {
+        client.receive(3);
+        client.send(QByteArray::fromHex("0500"));
+        request = client.receive(10);
+        client.send(QByteArray::fromHex("05000001000000000000"));
+        const QByteArray said = client.receive(6);
+        client.send("you said " + said);
+        client.waitForEnd();
+    });
+    ASSERT_NO_FATAL_FAILURE(startTowards(proxy.port()));
+    EXPECT_EQ(linuxOutput(application), "you said hello\n");
+    EXPECT_EQ(request, QByteArray::fromHex("05010001cb0071090050")) << "203.0.113.9, port 80";
+}
+
+} // namespace
+} // namespace ruvo::test
