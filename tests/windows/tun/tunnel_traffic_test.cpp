@@ -103,5 +103,19 @@ TEST_F(TunnelTraffic, goesBothWaysThroughTheProxy)
     EXPECT_EQ(request, QByteArray::fromHex("05010001cb0071090050")) << "203.0.113.9, port 80";
 }
 
+TEST_F(TunnelTraffic, ofThisVeryProcessIsNotRelayed)
+{
+    const Socket proxy = listeningSocket();
+    ASSERT_NO_FATAL_FAILURE(startTowards(portOf(proxy.get())));
+    const Socket own(WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, 0));
+    sockaddr_in address = loopbackAddress(80);
+    address.sin_addr.s_addr = htonl(0xCB007109);
+    ASSERT_EQ(connect(own.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)), 0);
+    EXPECT_TRUE(waitUntil([this] { return m_log.contains("came back through the tunnel, closing it"); }))
+        << m_log.lines().join('\n').toStdString();
+    char byte = 0;
+    EXPECT_LE(recv(own.get(), &byte, 1, 0), 0);
+}
+
 } // namespace
 } // namespace ruvo::test
