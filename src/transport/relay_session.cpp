@@ -67,6 +67,8 @@ void RelaySession::postReceive(Side &side)
     std::unique_lock lock(m_mutex);
     if (m_closed || side.receivePending.exchange(true))
         return;
+    if (m_endingSince != 0)
+        finish(otherSide(side));
     m_completionPort.begin(side.receive, shared_from_this());
     WSABUF room{.len = bufferSize, .buf = side.buffer.get()};
     DWORD flags = 0;
@@ -97,7 +99,7 @@ void RelaySession::postSend(Side &side)
     const std::shared_ptr<void> self = m_completionPort.abandon(side.send);
     side.sendPending = false;
     lock.unlock();
-    close(Closing::Abortive);
+    onSendFailed(side);
 }
 
 RelaySession::Side &RelaySession::otherSide(const Side &side)
@@ -152,7 +154,7 @@ void RelaySession::forward(Side &from, DWORD bytes)
             continue;
         }
         if (WSAGetLastError() != WSAEWOULDBLOCK)
-            return close(Closing::Abortive);
+            return onSendFailed(to);
         if (to.stalled || ++pauses > maxPauses) {
             to.stalled = true;
             to.unsent = rest;
@@ -168,7 +170,7 @@ void RelaySession::onSent(Side &to, DWORD bytes, DWORD error)
 {
     to.sendPending = false;
     if (error != NO_ERROR)
-        return close(Closing::Abortive);
+        return onSendFailed(to);
     to.unsent.buf += bytes;
     to.unsent.len -= bytes;
     if (to.unsent.len > 0)
@@ -177,19 +179,41 @@ void RelaySession::onSent(Side &to, DWORD bytes, DWORD error)
         postReceive(otherSide(to));
 }
 
+/// What comes for a side that has ended by itself is not missed there: it may have closed whole. What came from it
+/// before is still on its way out, and must not be thrown away by a reset.
+void RelaySession::onSendFailed(Side &to)
+{
+    if (to.ended)
+        postReceive(otherSide(to));
+    else
+        close(Closing::Abortive);
+}
+
 // One direction ends both. What was received before is on its way in the sockets, and closing a socket while unread
 // bytes lie in it would reset the connection and throw that away: so both ends are told that nothing follows, and what
 // they still send is read and dropped until they are done as well.
 void RelaySession::end(Side &side)
 {
+    Side &other = otherSide(side);
     side.ended = true;
     std::int64_t notEnding = 0;
-    if (m_endingSince.compare_exchange_strong(notEnding, steadyNanoseconds())) {
-        ::shutdown(m_client.socket.get(), SD_SEND);
-        ::shutdown(m_destination.socket.get(), SD_SEND);
+    m_endingSince.compare_exchange_strong(notEnding, steadyNanoseconds());
+    {
+        const std::lock_guard lock(m_mutex);
+        finish(other);
+        // A chunk that is on its way to this side goes out first: postReceive finishes it then.
+        if (other.receivePending || other.ended)
+            finish(side);
     }
-    if (m_client.ended && m_destination.ended)
+    if (side.ended && other.ended)
         close(Closing::Graceful);
+}
+
+/// All that goes to this side has gone out.
+void RelaySession::finish(Side &side)
+{
+    if (!std::exchange(side.finished, true))
+        ::shutdown(side.socket.get(), SD_SEND);
 }
 
 void RelaySession::abort()

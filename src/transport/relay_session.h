@@ -72,6 +72,8 @@ private:
         bool stalled = false;
         /// Nothing comes from it any more.
         std::atomic<bool> ended = false;
+        /// It has been told that nothing follows. Under m_mutex.
+        bool finished = false;
     };
 
     bool associate(const Side &side, const char *failure);
@@ -83,7 +85,9 @@ private:
     void onReceived(Side &from, DWORD bytes, DWORD error);
     void onSent(Side &to, DWORD bytes, DWORD error);
     void forward(Side &from, DWORD bytes);
+    void onSendFailed(Side &to);
     void end(Side &side);
+    static void finish(Side &side);
     enum class Closing { Graceful, Abortive };
     void close(Closing closing);
 

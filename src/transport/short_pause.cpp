@@ -10,12 +10,24 @@ namespace {
 constexpr DWORD highResolution = 0x2;
 constexpr LONGLONG pauseTime = 1000; // in 100 ns
 
-/// Each thread's own. Null before Windows 10 1803.
+void WINAPI closeTimer(void *timer)
+{
+    const KernelHandle closed(timer);
+}
+
+/// Each thread's own; Windows calls closeTimer when the thread ends. Not a thread_local with a destructor: this
+/// compiler's run time frees the storage of those before it runs their destructors. Null before Windows 10 1803.
 HANDLE pauseTimer()
 {
-    thread_local const KernelHandle timer(
-        CreateWaitableTimerExW(nullptr, nullptr, highResolution, TIMER_ALL_ACCESS));
-    return timer.get();
+    static const DWORD s_slot = FlsAlloc(closeTimer);
+    if (s_slot == FLS_OUT_OF_INDEXES)
+        return nullptr;
+    if (void *known = FlsGetValue(s_slot))
+        return known;
+    KernelHandle timer(CreateWaitableTimerExW(nullptr, nullptr, highResolution, TIMER_ALL_ACCESS));
+    if (!timer || !FlsSetValue(s_slot, timer.get()))
+        return nullptr;
+    return timer.release();
 }
 
 } // namespace

@@ -86,6 +86,7 @@ bool sendAll(SOCKET socket, const QByteArray &bytes)
 
 QByteArray receiveBytes(SOCKET socket, qsizetype count)
 {
+    setBlocking(socket, true);
     QByteArray bytes(count, Qt::Uninitialized);
     qsizetype done = 0;
     while (done < count) {
@@ -98,16 +99,16 @@ QByteArray receiveBytes(SOCKET socket, qsizetype count)
     return bytes;
 }
 
-int readToEnd(SOCKET socket, QByteArray *bytes)
+Ending readToEnd(SOCKET socket, QByteArray *bytes, bool canSend)
 {
     setBlocking(socket, true);
     char block[0x10000];
     for (;;) {
         const int received = recv(socket, block, sizeof(block), 0);
         if (received == 0)
-            return 0;
+            return !canSend || send(socket, "?", 1, 0) == 1 ? Ending::Proper : Ending::Reset;
         if (received < 0)
-            return WSAGetLastError();
+            return WSAGetLastError() == WSAETIMEDOUT ? Ending::None : Ending::Reset;
         if (bytes)
             bytes->append(block, received);
     }

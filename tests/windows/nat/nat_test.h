@@ -49,8 +49,12 @@ QByteArray pattern(qsizetype size, unsigned seed = 1);
 bool sendAll(SOCKET socket, const QByteArray &bytes);
 /// Exactly so many bytes; fewer at the end of the stream or after an error.
 QByteArray receiveBytes(SOCKET socket, qsizetype count);
-/// Reads until the stream ends: 0 for a proper end, else the error. What was read comes to `bytes`.
-int readToEnd(SOCKET socket, QByteArray *bytes = nullptr);
+/// How a stream ends: properly, with a reset, or not at all within 20 s.
+enum class Ending { Proper, Reset, None };
+/// Reads until the stream ends. What was read comes to `bytes`. Wine may swallow the error of a reset, so that it looks
+/// like a proper end: what tells them apart is that one can still send after the latter. A test that has shut down its
+/// sending, or stalls, cannot use that and says so.
+Ending readToEnd(SOCKET socket, QByteArray *bytes = nullptr, bool canSend = true);
 /// Sends until nothing more is taken for half a second; what was sent. Leaves the socket non-blocking.
 QByteArray sendUntilStalled(SOCKET socket, unsigned seed = 1);
 void resetConnection(Socket &socket);

@@ -25,7 +25,7 @@ TEST_F(TcpNatListenerTest, handsOverAConnectionWithItsSession)
     ASSERT_TRUE(sendAll(accepted->socket.get(), "hello"));
     EXPECT_EQ(receiveBytes(client.socket.get(), 5), "hello");
     EXPECT_EQ(shutdown(accepted->socket.get(), SD_SEND), 0) << "it is a whole connection to Windows";
-    EXPECT_EQ(readToEnd(client.socket.get()), 0);
+    EXPECT_EQ(readToEnd(client.socket.get()), Ending::Proper);
 }
 
 TEST_F(TcpNatListenerTest, acceptsOneConnectionAfterAnother)
@@ -53,7 +53,7 @@ TEST_F(TcpNatListenerTest, closesAConnectionFromAPortWithoutASession)
     const Socket client = connectFrom(0);
     ASSERT_TRUE(client);
     const QString line = QStringLiteral("WARNING [TCP-NAT] No NAT session for NAT port %1").arg(portOf(client.get()));
-    EXPECT_EQ(readToEnd(client.get()), 0);
+    EXPECT_EQ(readToEnd(client.get()), Ending::Proper);
     EXPECT_TRUE(waitUntil([&] { return m_log.contains(line); }));
     EXPECT_EQ(acceptedCount(), 0u);
     connectClient();
