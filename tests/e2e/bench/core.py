@@ -48,6 +48,20 @@ def start(bench, client, **options):
     wait_until_up(client, starts=starts + 1)
 
 
+def allow_kill(bench):
+    """What may be logged when it is killed: what cannot reach it, and a sweep that finds what is left."""
+    bench.log.allow(r'Found stale process entry (on startup: |for )"core" - state: QProcess::NotRunning')
+    bench.log.allow(r"^\[UDP-NAT\] Failed to (create SOCKS5 UDP session for |connect to SOCKS5 proxy: 10061$)")
+    bench.log.allow(r"^Failed to (connect to proxy: 10061|send |receive )|^\[TCP-NAT\] Failed to connect to SOCKS5 proxy$")
+
+
+def kill(bench, client):
+    """Ends it in the middle of whatever it does."""
+    answer = client.request("kill", process_id="core")
+    assert answer["status"] == "killed", answer
+    wait_for(lambda: not bench.windows_processes(CORE.name), 10, "the end of the core")
+
+
 def taken(client, process_id="core"):
     """What the inbounds have taken so far: [("proxy" or "direct", "tcp" or "udp", "host:port"), …], in order."""
     found = re.findall(r"accepted (tcp|udp):(\S+) \[(proxy|direct)\]", output(client, process_id))

@@ -1,9 +1,11 @@
 """Sockets of this process in a namespace of the bench: a socket stays where it was made."""
 
 import ctypes
+import fcntl
 import os
 import socket
 import struct
+import termios
 from concurrent.futures import ThreadPoolExecutor
 
 CLONE_NEWNET = 0x40000000
@@ -54,6 +56,11 @@ def connect(address, timeout=20, *, port=0, options=()):
         made.close()
         raise
     return made
+
+
+def waiting_bytes(connection):
+    """How much has arrived and is not read yet."""
+    return struct.unpack("i", fcntl.ioctl(connection, termios.FIONREAD, bytes(4)))[0]
 
 
 def reset(connection):
