@@ -92,8 +92,8 @@ protected:
         packet[6] = protocol;
         packet[24] = firstByte;
         packet[39] = lastByte;
-        packet[43] = 99;    // destination port
-        packet[52] = 0x50;  // data offset
+        packet[43] = 99;   // destination port
+        packet[52] = 0x50; // data offset
         packet[53] = tcpSyn;
         return packet;
     }
@@ -142,10 +142,18 @@ TEST_F(PacketDispatcherTest, whileTheProxyIsNotReadyDropsAllElse)
     EXPECT_TRUE(nothingHappened());
 }
 
+TEST_F(PacketDispatcherTest, whileTheProxyIsNotReadyRefusesWhateverTheDestination)
+{
+    dispatch(pathsWithNat(), tcp(guest, 5000, 0xC0A801FF, 443, tcpSyn), false);
+    dispatch(pathsWithNat(), tcp(guest, 5000, tunnel, listenPort, tcpSyn | tcpPsh), false);
+    EXPECT_EQ(sent.size(), 2u);
+    EXPECT_TRUE(toEngine.empty());
+}
+
 TEST_F(PacketDispatcherTest, dropsWhatNeverGoesThroughATunnel)
 {
-    for (const std::uint32_t address : {0x7F000001u, 0x7FFFFFFEu, 0xE0000001u, 0xEFFFFFFAu, 0xA9FE0101u, 0xC0A801FFu,
-                                        0xFFFFFFFFu}) {
+    for (const std::uint32_t address :
+         {0x7F000001u, 0x7FFFFFFEu, 0xE0000001u, 0xEFFFFFFAu, 0xA9FE0101u, 0xC0A801FFu, 0xFFFFFFFFu}) {
         dispatch(pathsWithNat(), tcp(tunnel, 5000, address, 443, tcpSyn));
         dispatch(pathsWithNat(), udp(address, 1900));
     }
@@ -154,8 +162,8 @@ TEST_F(PacketDispatcherTest, dropsWhatNeverGoesThroughATunnel)
 
 TEST_F(PacketDispatcherTest, takesTheNeighboursOfWhatItDrops)
 {
-    for (const std::uint32_t address : {0x7E000001u, 0x80000001u, 0xDFFFFFFEu, 0xF0000001u, 0xA9FD0101u, 0xA9FF0101u,
-                                        0xC0A801FEu})
+    for (const std::uint32_t address :
+         {0x7E000001u, 0x80000001u, 0xDFFFFFFEu, 0xF0000001u, 0xA9FD0101u, 0xA9FF0101u, 0xC0A801FEu})
         dispatch(paths(), tcp(guest, 5000, address, 443));
     EXPECT_EQ(toEngine.size(), 7u);
 }
@@ -255,8 +263,27 @@ TEST_F(PacketDispatcherTest, aPacketToTheListenerItselfIsDroppedWithAWarning)
     const test::LogCapture log;
     dispatch(pathsWithNat(), tcp(guest, 7, tunnel, listenPort));
     EXPECT_TRUE(nothingHappened());
-    EXPECT_EQ(log.linesWith("[NAT-DROP]"), QStringList{"WARNING [NAT-DROP] Packet to listener intercepted! src=10.9.9.9:7 "
-                                       "dst=10.6.7.1:4444 - Windows is routing local traffic through TUN!"});
+    EXPECT_EQ(log.linesWith("[NAT-DROP]"),
+              QStringList{"WARNING [NAT-DROP] Packet to listener intercepted! src=10.9.9.9:7 "
+                          "dst=10.6.7.1:4444 - Windows is routing local traffic through TUN!"});
+}
+
+TEST_F(PacketDispatcherTest, onlyTheListenersAddressAndPortTogetherAreTheListener)
+{
+    dispatch(pathsWithNat(), tcp(guest, 7, tunnel, listenPort + 1));
+    dispatch(pathsWithNat(), tcp(guest, listenPort, server, 443));
+    dispatch(pathsWithNat(), tcp(guest, 7, server, listenPort));
+    EXPECT_EQ(toEngine, (std::vector<std::uint16_t>{listenPort + 1, 443, listenPort}));
+    EXPECT_TRUE(rewritten.empty());
+}
+
+TEST_F(PacketDispatcherTest, aSynThatIsNoAnswerOpensAConnectionWhateverItsOtherFlags)
+{
+    constexpr std::uint8_t ece = 0x40;
+    dispatch(pathsWithNat(), tcp(tunnel, 5000, server, 443, tcpSyn | ece));
+    EXPECT_EQ(allocated.size(), 1u);
+    dispatch(pathsWithNat(), tcp(tunnel, 5000, server, 443, tcpSyn | tcpAck));
+    EXPECT_EQ(allocated.size(), 1u) << "an answer";
 }
 
 TEST_F(PacketDispatcherTest, otherHostsConnectionsGoToTheEngine)
