@@ -32,11 +32,16 @@ TEST_F(ManagedProcessExit, isSignalledWithItsCode)
     EXPECT_TRUE(waitFor("finished 5"));
     expectNoRun();
     EXPECT_TRUE(nothingIsPending());
-    EXPECT_EQ(log.lines().filter(QRegularExpression("ProcessExit|exited with code: |exited with code 5")),
+    // The monitor goes on while the service thread takes over.
+    EXPECT_TRUE(test::waitUntil([this] { return log.contains("Queued handleProcessExit"); }));
+    EXPECT_EQ(log.lines().filter(QRegularExpression("onWindowsProcessExited|exited with code: ")),
               QStringList({
                   "DEBUG [ProcessMonitorWorker] Process exited with code: 5 - about to emit signal",
                   R"(DEBUG [ProcessManager::onWindowsProcessExited] CALLED for process "child" with exit code 5)",
                   "DEBUG [ProcessManager::onWindowsProcessExited] Queued handleProcessExit via QTimer::singleShot",
+              }));
+    EXPECT_EQ(log.lines().filter(QRegularExpression("handleProcessExit\\]|exited with code 5")),
+              QStringList({
                   R"(DEBUG [ProcessManager::handleProcessExit] Processing in main thread for "child")",
                   "DEBUG " + prefix
                       + "exited with code 5 - autoRestart: false restartAttempts: 0 maxRestartAttempts: 3",

@@ -132,13 +132,14 @@ TEST_F(ManagedProcessKill, doesNotWaitForAChildThatDoesNotReadItsInput)
     QElapsedTimer timer;
     timer.start();
     process->kill();
-    EXPECT_LT(timer.elapsed(), 2000);
+    EXPECT_LT(timer.elapsed(), 5000);
     EXPECT_FALSE(log.contains("leaving it behind"));
 }
 
 TEST_F(ManagedProcessKill, isFollowedByNoOutputButWhatWasAlreadyRead)
 {
-    ASSERT_TRUE(startReady({"--print", "ready", "--sleep", "200", "--flood", "stdout", "0", "0"}));
+    ASSERT_TRUE(startReady({"--print", "ready", "--read-line", "--flood", "stdout", "0", "0"}));
+    process->writeToStdin("\n");
     ASSERT_TRUE(test::waitUntil([this] { return heard.size() > 2; }));
     process->kill();
     test::processPending();

@@ -143,7 +143,7 @@ TEST_F(ManagedProcessLaunch, leavesAThreadBehindThatDoesNotEndAndItsHandlesOpen)
     timer.start();
     process->kill();
     EXPECT_GE(timer.elapsed(), 1990);
-    EXPECT_LT(timer.elapsed(), 4000);
+    EXPECT_LT(timer.elapsed(), 10000);
     EXPECT_EQ(log.linesWith("WARNING"), QStringList({"WARNING [ManagedProcess] A worker thread did not end within "
                                                      "2000 ms, leaving it behind"}));
     expectNoRun();

@@ -211,7 +211,7 @@ TEST_F(ManagedProcessStop, byDestructionDoesNotWaitForAChildThatDoesNotReadItsIn
     QElapsedTimer timer;
     timer.start();
     process.reset();
-    EXPECT_LT(timer.elapsed(), 2000);
+    EXPECT_LT(timer.elapsed(), 4900); // it waits 5 s for a thread that does not end
     EXPECT_FALSE(hasEnded(child, 0));
     TerminateProcess(child.get(), 1);
 }

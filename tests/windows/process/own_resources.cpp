@@ -3,6 +3,10 @@
 #include "common/windows_handles.h"
 #include "support/wait_until.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <iterator>
 #include <vector>
 
 #include <psapi.h>
@@ -32,6 +36,41 @@ struct HandleTable
     ULONG_PTR reserved;
     HandleRow rows[1];
 };
+
+// Wine's GetProcessHandleCount always says 0; the list of all handles is right.
+std::vector<HandleRow> ownHandles()
+{
+    // Not a constant, as the compiler knows that the SDK's type has no such value.
+    int extendedHandleInformation = 64;
+    constexpr NTSTATUS tooSmall = static_cast<NTSTATUS>(0xC0000004);
+    std::vector<ULONG_PTR> buffer(8 * 1024);
+    NTSTATUS status = tooSmall;
+    while (status == tooSmall) {
+        buffer.resize(buffer.size() * 2);
+        const auto size = static_cast<ULONG>(buffer.size() * sizeof(buffer.front()));
+        status = NtQuerySystemInformation(static_cast<SYSTEM_INFORMATION_CLASS>(extendedHandleInformation),
+                                          buffer.data(), size, nullptr);
+    }
+    std::vector<HandleRow> rows;
+    EXPECT_EQ(status, 0) << "the handles cannot be listed";
+    if (status != 0)
+        return rows;
+    const auto *table = reinterpret_cast<const HandleTable *>(buffer.data());
+    std::copy_if(table->rows, table->rows + table->count, std::back_inserter(rows),
+                 [](const HandleRow &row) { return row.pid == GetCurrentProcessId(); });
+    return rows;
+}
+
+/// The number that this Windows gives to semaphores as a type.
+USHORT semaphoreType()
+{
+    const KernelHandle semaphore(CreateSemaphoreW(nullptr, 0, 1, nullptr));
+    for (const HandleRow &row : ownHandles()) {
+        if (row.value == reinterpret_cast<ULONG_PTR>(semaphore.get()))
+            return row.type;
+    }
+    return 0;
+}
 
 std::size_t countOwnThreads()
 {
@@ -69,29 +108,11 @@ std::size_t ownWorkingSet()
 
 } // namespace
 
-// Wine's GetProcessHandleCount always says 0; the list of all handles is right.
 std::size_t countOwnHandles()
 {
-    // Not a constant, as the compiler knows that the SDK's type has no such value.
-    int extendedHandleInformation = 64;
-    constexpr NTSTATUS tooSmall = static_cast<NTSTATUS>(0xC0000004);
-    std::vector<ULONG_PTR> buffer(8 * 1024);
-    NTSTATUS status = tooSmall;
-    while (status == tooSmall) {
-        buffer.resize(buffer.size() * 2);
-        const auto size = static_cast<ULONG>(buffer.size() * sizeof(buffer.front()));
-        status = NtQuerySystemInformation(static_cast<SYSTEM_INFORMATION_CLASS>(extendedHandleInformation),
-                                          buffer.data(), size, nullptr);
-    }
-    if (status != 0)
-        return 0;
-    const auto *table = reinterpret_cast<const HandleTable *>(buffer.data());
-    std::size_t count = 0;
-    for (ULONG_PTR i = 0; i < table->count; ++i) {
-        if (table->rows[i].pid == GetCurrentProcessId())
-            ++count;
-    }
-    return count;
+    const USHORT semaphore = semaphoreType();
+    return static_cast<std::size_t>(
+        std::ranges::count_if(ownHandles(), [semaphore](const HandleRow &row) { return row.type != semaphore; }));
 }
 
 bool waitForHandles(std::size_t count)

@@ -19,7 +19,8 @@ struct OwnResources
     std::string text() const;
 };
 
-/// The handles that this process has open.
+/// The handles that this process has open, but for semaphores: Windows gives one to each critical section for good
+/// when two threads first meet there, which may be at any time.
 std::size_t countOwnHandles();
 
 /// Waits, in the event loop, until this process has no more handles than `count`: what ended closes its own late.

@@ -13,9 +13,9 @@
 namespace ruvo {
 namespace {
 
-/// Blocks that a heap keeps for later; and a critical section gets its event when two threads first meet there.
+/// Blocks that a heap keeps for later.
 constexpr std::size_t heapNoise = 64 * 1024;
-constexpr std::size_t handleNoise = 4;
+constexpr std::size_t handleNoise = 2;
 constexpr std::size_t workingSetNoise = 4 * 1024 * 1024;
 
 class ProcessCycles : public ProcessManagerTest

@@ -70,7 +70,7 @@ TEST_F(ProcessManagerCompanion, hasItsOutputFlushedBeforeTheDeviceIsRemoved)
         if (event["event"] == "stdout")
             stepsAtTheOutput = steps();
     });
-    start(companion, {"--print", "text", "--sleep", "300", "--print", "last", "--sleep", "70"});
+    start(companion, {"--print", "text", "--sleep", "1000", "--print", "last", "--sleep", "70"});
     ASSERT_TRUE(waitFor(companion, "finished: 0"));
     EXPECT_EQ(stepsAtTheOutput, QStringList({"removal", "launch"}));
 }

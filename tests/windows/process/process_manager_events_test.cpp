@@ -47,7 +47,7 @@ QList<qint64> wholeNumbers(const QString &data)
 
 TEST_F(ProcessManagerEvents, tellOfOutputAndErrorsAndTheEnd)
 {
-    start("child", {"--print", "output", "--error", "errors", "--sleep", "400", "--exit", "7"});
+    start("child", {"--print", "output", "--sleep", "300", "--error", "errors", "--sleep", "1000", "--exit", "7"});
     ASSERT_TRUE(waitFor("child", "finished: 7"));
     EXPECT_EQ(eventsOf("child"), QStringList({"started", "stdout: output\n", "stderr: errors\n", "finished: 7"}));
     EXPECT_EQ(withoutTimestamp(events[1]),
@@ -85,18 +85,21 @@ TEST_F(ProcessManagerEvents, ofTheEndComeWhileTheEntryIsStillThere)
 
 TEST_F(ProcessManagerEvents, tellNothingOfAStreamThatIsSilent)
 {
-    start("child", {"--print", "output", "--sleep", "400"});
+    start("child", {"--print", "output", "--sleep", "1000"});
     ASSERT_TRUE(waitFor("child", "finished: 0"));
     EXPECT_EQ(eventsOf("child"), QStringList({"started", "stdout: output\n", "finished: 0"}));
 }
 
 TEST_F(ProcessManagerEvents, comeAtMostTenTimesASecondForEachStream)
 {
+    QElapsedTimer timer;
+    timer.start();
     start("child", {"--flood", "both", "20000", "2000", "--join", "--sleep", "200"});
     ASSERT_TRUE(waitFor("child", "finished: 0"));
+    const qint64 flushes = timer.elapsed() / 100 + 2; // and the last one
     for (const char *stream : {"stdout", "stderr"}) {
         const auto count = std::ranges::count_if(events, [&](const QJsonObject &e) { return e["event"] == stream; });
-        EXPECT_LE(count, 26) << stream; // 2.2 s, the last flush, and some time to start
+        EXPECT_LE(count, flushes) << stream;
         EXPECT_GE(count, 5) << stream;
     }
 }
@@ -104,10 +107,14 @@ TEST_F(ProcessManagerEvents, comeAtMostTenTimesASecondForEachStream)
 TEST_F(ProcessManagerEvents, bringOutputWholeAndInOrder)
 {
     constexpr int count = 5000; // 65,000 bytes: 16 cycles of the reader
-    start("child", {"--lines", "both", QString::number(count), "--join", "--sleep", "1500"});
-    ASSERT_TRUE(waitFor("child", "finished: 0"));
-    EXPECT_EQ(outputOf("child", "stdout"), lines(count));
-    EXPECT_EQ(outputOf("child", "stderr"), lines(count));
+    start("child", {"--lines", "both", QString::number(count), "--join", "--wait"});
+    const QString expected = lines(count);
+    test::waitUntil([&] {
+        return outputOf("child", "stdout").size() >= expected.size()
+            && outputOf("child", "stderr").size() >= expected.size();
+    });
+    EXPECT_EQ(outputOf("child", "stdout"), expected);
+    EXPECT_EQ(outputOf("child", "stderr"), expected);
 }
 
 TEST_F(ProcessManagerEvents, bringOutputInOrderUpToWhatWasInThePipeAtTheEnd)
@@ -156,7 +163,7 @@ TEST_F(ProcessManagerEvents, doNotHoldUpTheServiceThreadInAFlood)
     std::printf("%d ms of a flood: %lld and %lld bytes arrived, the longest gap in the service thread was %lld ms\n",
                 floodTime().toInt(), static_cast<long long>(outputOf("child", "stdout").size()),
                 static_cast<long long>(outputOf("child", "stderr").size()), static_cast<long long>(longest));
-    EXPECT_LT(longest, 1000);
+    EXPECT_LT(longest, 3000);
 }
 
 TEST_F(ProcessManagerEvents, tellOfAnErrorThatAProcessReports)
@@ -179,7 +186,7 @@ TEST_F(ProcessManagerEvents, tellOfEveryStartOfARestartedProcess)
 TEST_F(ProcessManagerEvents, tellOfChildrenThatCloseTheirStreamsEarly)
 {
     start("child", {"--print", "before", "--sleep", "200", "--close", "stdout", "--close", "stdin", "--close",
-                    "stderr", "--sleep", "500", "--exit", "6"});
+                    "stderr", "--sleep", "1000", "--exit", "6"});
     ASSERT_TRUE(waitFor("child", "finished: 6"));
     EXPECT_EQ(eventsOf("child"), QStringList({"started", "stdout: before\n", "finished: 6"}));
 }

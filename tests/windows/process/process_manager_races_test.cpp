@@ -43,7 +43,8 @@ TEST_F(ProcessManagerRaces, aKillRightAfterTheStartLeavesNothingRunning)
 
 TEST_F(ProcessManagerRaces, aStartRightAfterAKillSucceeds)
 {
-    ASSERT_TRUE(startReady("child", {"--print", "ready", "--sleep", "100", "--flood", "both", "0", "0"}));
+    ASSERT_TRUE(startReady("child", {"--print", "ready", "--read-line", "--flood", "both", "0", "0"}));
+    manager->writeToProcess("child", "\n");
     ASSERT_TRUE(test::waitUntil([this] { return events.size() > 4; }));
     const qsizetype before = eventsOf("child").size();
     manager->killProcess("child");

@@ -144,7 +144,7 @@ TEST_F(TunCompanionCleanup, failsWithoutTheTool)
     QElapsedTimer timer;
     timer.start();
     companion.cleanupTunInterface("ruvo-tun");
-    EXPECT_LT(timer.elapsed(), 2000);
+    EXPECT_LT(timer.elapsed(), 4900);
     EXPECT_EQ(log.linesWith("WARNING").size(), 1);
     EXPECT_TRUE(log.lines().last().startsWith(
         R"(WARNING [ProcessManager] Failed to remove TUN interface: "Process failed to start)"))
@@ -158,7 +158,7 @@ TEST_F(TunCompanionCleanup, endsAToolThatHangsAfterFiveSeconds)
     timer.start();
     companion.cleanupTunInterface("ruvo-tun");
     EXPECT_GE(timer.elapsed(), 4990);
-    EXPECT_LT(timer.elapsed(), 6500);
+    EXPECT_LT(timer.elapsed(), 15000);
     EXPECT_EQ(log.lines().last(),
               R"(WARNING [ProcessManager] Failed to remove TUN interface: "Process operation timed out")");
     ASSERT_EQ(calls().size(), 1);

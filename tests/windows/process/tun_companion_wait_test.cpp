@@ -47,7 +47,7 @@ TEST_F(TunCompanionWait, findsAnAdapterThatIsUpAtOnce)
 {
     adapters.adapters = {{L"Ethernet", "{1}", true}, upAdapter};
     EXPECT_TRUE(companion.waitForInterfaceUp("ruvo-tun", 1000));
-    EXPECT_LT(timer.elapsed(), 150);
+    EXPECT_EQ(adapters.queries, 1);
     EXPECT_EQ(lines(), QStringList({waiting, up}));
 }
 
@@ -75,7 +75,7 @@ TEST_F(TunCompanionWait, givesUpAnAdapterThatStaysDown)
     adapters.adapters = {downAdapter};
     EXPECT_FALSE(companion.waitForInterfaceUp("ruvo-tun", 1000));
     EXPECT_GE(timer.elapsed(), 1000);
-    EXPECT_LT(timer.elapsed(), 1800);
+    EXPECT_LT(timer.elapsed(), 5000);
     EXPECT_GE(adapters.queries, 4);
     EXPECT_EQ(lines(), QStringList({waiting, notUp}));
 }
@@ -177,7 +177,7 @@ TEST_IN_OWN_PROCESS(TunCompanionQuit, endsTheWaitAndWhatIsQueuedBehindIt)
     timer.start();
     QCoreApplication::exec(); // ends by the quit that came within the wait
     EXPECT_GE(timer.elapsed(), 290);
-    EXPECT_LT(timer.elapsed(), 2000);
+    EXPECT_LT(timer.elapsed(), 8000);
     // Not a word of the wait that has ended, nor of what was queued.
     EXPECT_EQ(log.lines(), QStringList({
                                R"(INFO [ProcessManager] Configuring DNS for interface "first" to "1.1.1.1")",
@@ -185,7 +185,7 @@ TEST_IN_OWN_PROCESS(TunCompanionQuit, endsTheWaitAndWhatIsQueuedBehindIt)
                            }));
 
     EXPECT_FALSE(companion.waitForInterfaceUp("ruvo-tun", 10000));
-    EXPECT_LT(timer.elapsed(), 2000);
+    EXPECT_LT(timer.elapsed(), 8000);
 }
 
 } // namespace
