@@ -192,6 +192,17 @@ TEST_F(PortOwnersOnLinux, tellProgramsOfLinuxByTheirFilesNames)
     linuxOutput("rm -r " + folder);
 }
 
+TEST_F(PortOwnersOnLinux, areThoseWhoOpenedASocketNotThoseWhoInheritedIt)
+{
+    // dash tells that it is there, and bash waits for it.
+    const test::LinuxCommand client("exec bash -c 'exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(m_port)
+                                    + "; sh -c \"echo here; read line\" <&3 >&3; true'");
+    const std::uint16_t port = accept();
+    char text[8];
+    ASSERT_GT(recv(m_accepted.back().get(), text, sizeof(text), 0), 0);
+    EXPECT_THAT(owner(port), EndsWith(L"\\bash"));
+}
+
 TEST_F(PortOwnersOnLinux, tellOtherProgramsOfWindowsByTheirFilesNames)
 {
     for (const wchar_t *name : {L"shop.exe", L"Game Center.exe"}) {

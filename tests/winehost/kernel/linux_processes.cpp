@@ -87,6 +87,22 @@ std::optional<std::string> executableOf(int process)
     return target(folderOf(process) + "exe");
 }
 
+int parentOf(int process)
+{
+    const std::string path = folderOf(process) + "stat";
+    const Descriptor file(systemCall(SystemCall::open, path.c_str(), open_flags::readOnly | open_flags::closeOnExec));
+    char text[512];
+    const std::int64_t size = systemCall(SystemCall::read, file.get(), text, sizeof text);
+    // "123 (name) S 45 …"; the name may hold anything.
+    std::string_view rest(text, static_cast<std::size_t>(std::max<std::int64_t>(size, 0)));
+    constexpr std::size_t fromNameToParent = 4;
+    const std::size_t nameEnd = rest.rfind(')');
+    if (nameEnd == std::string_view::npos || rest.size() < nameEnd + fromNameToParent)
+        return 0;
+    rest.remove_prefix(nameEnd + fromNameToParent);
+    return wholeNumber<int>(rest.substr(0, rest.find(' '))).value_or(0);
+}
+
 bool holdsSocket(int process, std::uint32_t inode)
 {
     constexpr std::uint32_t lowest31Bits = 0x7FFFFFFF;

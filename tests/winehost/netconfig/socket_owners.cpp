@@ -41,14 +41,23 @@ bool ownsAsProgramOfLinux(int process, std::uint32_t inode)
     return executable && !isOfWine(*executable) && holdsSocket(process, inode);
 }
 
+/// Children inherit sockets: it is the oldest of those that hold it who has opened it.
+int openerOf(std::uint32_t inode, int holder)
+{
+    for (int parent = parentOf(holder); parent != 0 && ownsAsProgramOfLinux(parent, inode); parent = parentOf(holder))
+        holder = parent;
+    return holder;
+}
+
 int findLinuxOwner(std::uint32_t inode)
 {
     if (const int last = s_lastLinuxOwner; last != 0 && ownsAsProgramOfLinux(last, inode))
-        return last;
+        return openerOf(inode, last);
     for (const int process : linuxProcesses()) {
         if (ownsAsProgramOfLinux(process, inode)) {
-            s_lastLinuxOwner = process;
-            return process;
+            const int opener = openerOf(inode, process);
+            s_lastLinuxOwner = opener;
+            return opener;
         }
     }
     return 0;
