@@ -1,0 +1,90 @@
+"""Connections past the proxy: the daemon's own, to bypass addresses and port 53, around the tunnel's routes."""
+
+import time
+
+import pytest
+
+from bench import both_ends, core, sockets, traffic, tunnel
+from bench.both_ends import DIRECT_PORT
+from bench.network import ROUTE_METRIC, ip
+
+pytestmark = pytest.mark.parametrize("bench", [("host", "net")], indirect=True)
+
+BYPASSED = traffic.SERVERS[1]
+
+
+def tell_nothing(client):
+    """Nothing of all this has come to the core."""
+    assert core.taken(client) == []
+
+
+def direct_lines(bench, endpoint):
+    return bench.log.texts().count(f"[TCP-NAT] Using DIRECT routing to {endpoint}")
+
+
+def remove_route(bench, address):
+    """Takes the way around the tunnel from a bypass address."""
+    ip("-n", bench.network.name("host"), "route", "del", address)
+
+
+def test_a_bypass_address_never_enters_the_tunnel(running, core_client):
+    tunnel.start(core_client, bypass_ips=[BYPASSED])
+    assert traffic.identity(running, (BYPASSED, 9001)) == f"{BYPASSED}:9001"
+    assert traffic.tcp_echo(running, b"around", (BYPASSED, 7)) == b"around"
+    assert not [text for text in running.log.texts() if "DIRECT" in text or "bypassIps" in text]
+    tell_nothing(core_client)
+    # All others do.
+    assert traffic.identity(running, (traffic.SERVER, 9001)) == f"{traffic.SERVER}:9001"
+    core.wait_for_taken(core_client, "proxy", "tcp", f"{traffic.SERVER}:9001")
+
+
+def test_a_bypass_address_that_enters_the_tunnel_is_connected_to_directly(running, core_client):
+    running.log.expect(r"^\[TCP-NAT\] Using DIRECT routing to ")
+    running.log.expect(rf'^\[PORT\] destIp "?{BYPASSED}"? in bypassIps -> direct port 20808$')
+    running.log.expect(r'^\[PORT\] destIp "?8\.8\.4\.4"? in bypassIps -> direct port 20808$')
+    running.log.allow(r'^Failed to delete bypass route: "(203\.0\.113\.20|8\.8\.4\.4)" error: 1168$')
+    tunnel.start(core_client, bypass_ips=[BYPASSED])
+    for address in (BYPASSED, "8.8.4.4"):
+        remove_route(running, address)
+        assert traffic.identity(running, (address, 9002)) == f"{address}:9002"
+        assert direct_lines(running, f"{address}:9002") == 1
+    assert traffic.peer(running, server=BYPASSED) == "192.0.2.2"
+    traffic.download(running, 20_000_000, server=BYPASSED)
+    traffic.upload(running, 20_000_000, server=BYPASSED)
+    tell_nothing(core_client)
+
+
+@pytest.mark.debug_log
+def test_port_53_is_connected_to_through_the_physical_interface(running, tunnel_client):
+    running.log.expect(r"^\[TCP-NAT\] Using DIRECT routing to ")
+    with both_ends.connections(running, port=DIRECT_PORT) as [(client, server)]:
+        client.sendall(b"a question")
+        assert both_ends.receive(server, 10) == b"a question"
+        assert server.getpeername()[0] == "192.0.2.2", "from the uplink's address"
+        server.sendall(b"an answer")
+        assert both_ends.receive(client, 9) == b"an answer"
+    [line] = running.log.wait_for("[TCP-NAT] Bound direct socket to physical interface ")
+    assert int(line.text.split()[-1]) > 0
+    tell_nothing(tunnel_client)
+
+
+@pytest.mark.debug_log
+def test_without_a_physical_interface_a_direct_connection_ends_at_once_instead_of_going_round(running, core_client):
+    running.log.expect(r"^\[TCP-NAT\] Using DIRECT routing to ")
+    running.log.expect(rf"^\[TCP-NAT\] Own connection to {traffic.SERVER}:53 came back through the tunnel, closing it$")
+    running.log.expect(r"^Default route leads into the tunnel itself, skipping bypass routes, ifIndex: \d+$")
+    host = running.network.name("host")
+    ip("-n", host, "route", "del", "default")
+    try:
+        tunnel.start(core_client)
+        began = time.monotonic()
+        with sockets.tcp(running, (traffic.SERVER, DIRECT_PORT)) as connection:
+            both_ends.expect_reset(connection)
+        print(f"\nthe connection ended after {time.monotonic() - began:.2f} s")
+        assert direct_lines(running, f"{traffic.SERVER}:53") == 1, "it went round"
+        assert not [text for text in running.log.texts() if "Bound direct socket" in text]
+        # All that is proxied goes on.
+        traffic.download(running, 5_000_000)
+        tunnel.stop(core_client)
+    finally:
+        ip("-n", host, "route", "add", "default", "via", "192.0.2.1", "metric", ROUTE_METRIC)
