@@ -7,7 +7,7 @@ from dataclasses import dataclass
 
 import pytest
 
-from bench import tunnel
+from bench import daemon_log, tunnel
 from bench.network import RESOLVERS
 
 pytestmark = pytest.mark.parametrize("bench", [("host", "net")], indirect=True)
@@ -58,6 +58,21 @@ FATAL = {
     "there is no completion port": fatal(
         "CreateIoCompletionPort * 1450", "Failed to create IOCP: 1450",
         "Failed to create I/O Completion Port (error 1450)"),
+    "the listener gets no socket": fatal(
+        "WSASocketW 1 10024", "[TCP-NAT] Failed to create listener socket: 10024",
+        "Failed to initialize TCP NAT listener", "Failed to initialize TCP NAT"),
+    "the listener's address is refused": fatal(
+        "bind 1 10013", "[TCP-NAT] Failed to bind listener: 10013",
+        "Failed to initialize TCP NAT listener", "Failed to initialize TCP NAT"),
+    "the listener's address does not come": fatal(
+        "bind * 10049", "[TCP-NAT] Failed to bind listener: 10049",
+        "Failed to initialize TCP NAT listener", "Failed to initialize TCP NAT"),
+    "nobody may listen": fatal(
+        "listen 1 10048", "[TCP-NAT] Failed to listen: 10048",
+        "Failed to initialize TCP NAT listener", "Failed to initialize TCP NAT"),
+    "the listener cannot be bound to the completion port": fatal(
+        "CreateIoCompletionPort:associate 1 6", "[TCP-NAT] Failed to associate listener with IOCP: 6",
+        "Failed to initialize TCP NAT listener", "Failed to initialize TCP NAT"),
 }
 
 # The tunnel runs all the same.
@@ -88,6 +103,9 @@ ENDURED = {
         ["DnsFlushResolverCache * 5"], ["Failed to flush DNS resolver cache"]),
     "there is no resolver cache": Failure(
         ["GetProcAddress:DnsFlushResolverCache * 127"], ["Failed to flush DNS resolver cache"]),
+    "the listener's address comes late": Failure(["bind 1 10049", "bind 2 10049"], []),
+    "the first accept gets no socket": Failure(
+        ["WSASocketW 2 10024"], ["[TCP-NAT] Failed to create accept socket: 10024"]),
     "the routes cannot be read": Failure(
         ["GetIpForwardTable * 5"],
         ["Failed to get original default gateway", "Failed to get original default gateway",
@@ -106,14 +124,12 @@ ENDURED = {
                                         routed=False),
     "the driver does not tell its version": Failure(["WintunGetRunningDriverVersion * 2"], []),
 }
-# What every start logs, whatever fails in it.
-USUAL = ("[RUVO-TUN] Current metric: ", "[RUVO-TUN] ✓ Set interface metric to 0", "This build has no ",
-         "Explicit stop-tun request")
 
 
 def serious_lines(bench, after):
-    return [line.text for line in bench.log.lines()[after:]
-            if line.level in ("WARNING", "CRITICAL") and not line.text.startswith(USUAL)]
+    """What is not usual among the warnings and worse."""
+    serious = [line.text for line in bench.log.lines()[after:] if line.level in daemon_log.SERIOUS]
+    return [text for text in serious if not any(re.search(usual, text) for usual in tunnel.USUAL_WARNINGS)]
 
 
 def assert_a_start_works(bench, client):
@@ -123,7 +139,8 @@ def assert_a_start_works(bench, client):
     tunnel.start(client)
     routes = tunnel.routes(bench)
     assert len(tunnel.adapters(bench)) == 1
-    assert all(f"{half} dev {tunnel.INTERFACE} proto static scope link" in routes for half in ("0.0.0.0/1", "128.0.0.0/1"))
+    halves = [f"{half} dev {tunnel.INTERFACE} proto static scope link" for half in ("0.0.0.0/1", "128.0.0.0/1")]
+    assert all(half in routes for half in halves)
     assert all(tunnel.bypass_route(address) in routes for address in RESOLVERS)
     tunnel.stop(client)
     assert serious_lines(bench, before) == []

@@ -1,4 +1,4 @@
-"""Two real SOCKS5 servers of Debian on the loopback address of a namespace: dante (TCP and UDP) and microsocks (TCP)."""
+"""Two real SOCKS5 servers of Debian on a namespace's loopback address: dante (TCP and UDP) and microsocks (TCP)."""
 
 import os
 import signal

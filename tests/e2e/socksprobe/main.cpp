@@ -86,7 +86,8 @@ QJsonObject get(const Target &target, const QString &path)
 }
 
 /// Sends each text and waits for an answer.
-QJsonArray exchange(UdpNatSession &session, CompletionPort &port, const QStringList &texts, const QStringList &answers)
+QJsonArray exchange(UdpNatSession &session, CompletionPort &port, const QStringList &texts,
+                    const QStringList &answers)
 {
     QJsonArray received;
     for (const QString &text : texts) {
@@ -94,8 +95,8 @@ QJsonArray exchange(UdpNatSession &session, CompletionPort &port, const QStringL
         QElapsedTimer timer;
         timer.start();
         const QByteArray bytes = text.toUtf8();
-        session.send({reinterpret_cast<const std::uint8_t *>(bytes.constData()),
-                      static_cast<std::size_t>(bytes.size())});
+        session.send(
+            {reinterpret_cast<const std::uint8_t *>(bytes.constData()), static_cast<std::size_t>(bytes.size())});
         while (answers.size() == before && timer.elapsed() < answerTimeout)
             port.runOne(std::chrono::milliseconds(10));
         received.append(answers.size() > before ? QJsonValue(answers.last()) : QJsonValue());

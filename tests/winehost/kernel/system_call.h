@@ -117,6 +117,8 @@ namespace open_flags {
 constexpr int readOnly = 0;
 constexpr int writeOnly = 01;
 constexpr int readWrite = 02;
+constexpr int create = 0100;
+constexpr int append = 02000;
 constexpr int nonBlocking = 04000;
 constexpr int closeOnExec = 02000000;
 } // namespace open_flags

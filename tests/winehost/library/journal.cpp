@@ -1,7 +1,12 @@
 #include "journal.h"
 
 #include "bench_folder.h"
-#include "common/windows_handles.h"
+#include "kernel/system_call.h"
+#include "text.h"
+
+#include <windows.h>
+
+#include <algorithm>
 
 namespace ruvo::winehost {
 
@@ -19,6 +24,14 @@ unsigned long long nowMs()
     return (ticks - ticksTo1970) / ticksPerMs;
 }
 
+/// The bench lies on the drive that stands for Linux's own tree.
+std::string linuxPath()
+{
+    std::string path = toUtf8((benchFolder() / L"journal.jsonl").wstring());
+    std::ranges::replace(path, '\\', '/');
+    return path.starts_with("Z:") || path.starts_with("z:") ? path.substr(2) : path;
+}
+
 } // namespace
 
 JournalEntry::JournalEntry(std::string_view call)
@@ -31,16 +44,13 @@ JournalEntry::JournalEntry(std::string_view call)
 
 JournalEntry::~JournalEntry()
 {
-    const LastErrorKeeper keeper;
-    // Several processes write: an append of one line in one call does not tear.
-    const FileHandle file(CreateFileW((benchFolder() / L"journal.jsonl").c_str(), FILE_APPEND_DATA,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file)
-        return;
+    // Several threads and processes write: the kernel appends a line in one step, which Wine does not.
+    constexpr int appendTo =
+        open_flags::writeOnly | open_flags::append | open_flags::create | open_flags::closeOnExec;
+    constexpr int everybodyReads = 0644;
+    const Descriptor file(systemCall(SystemCall::open, linuxPath().c_str(), appendTo, everybodyReads));
     const std::string line = text() + '\n';
-    DWORD written = 0;
-    WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+    systemCall(SystemCall::write, file.get(), line.data(), line.size());
 }
 
 void JournalEntry::addResult(bool result)

@@ -56,7 +56,8 @@ LSTATUS WINAPI regSetValueExA(HKEY key, LPCSTR name, DWORD reserved, DWORD type,
 HANDLE WINAPI createIoCompletionPort(HANDLE file, HANDLE port, ULONG_PTR key, DWORD threads)
 {
     if (port)
-        return CreateIoCompletionPort(file, port, key, threads);
+        return associateSocket(file, port, key, threads);
+    lookForSocketFaults();
     PlannedCall call("CreateIoCompletionPort");
     call.add("bound", file != INVALID_HANDLE_VALUE).add("threads", threads);
     HANDLE made = nullptr;

@@ -24,6 +24,11 @@ const Redirection redirections[] = {
     {"advapi32.dll", "RegSetValueExA", address(regSetValueExA)},
     {"kernel32.dll", "CreateIoCompletionPort", address(createIoCompletionPort)},
     {"kernel32.dll", "GetProcAddress", address(getProcAddress)},
+    // Passed on unless a test has planned a failure.
+    {"ws2_32.dll", "WSASocketW", address(openSocket)},
+    {"ws2_32.dll", "listen", address(listenOnSocket)},
+    // Wine appends to a file in two steps.
+    {"kernel32.dll", "WriteFile", address(writeFile)},
     // Linux ignores IP_UNICAST_IF.
     {"ws2_32.dll", "setsockopt", address(setSocketOption)},
     // The sockets of Wine's programs are its server's: the tables of owners would not know whose they are.

@@ -18,6 +18,9 @@ BOOL WINAPI createProcess(LPCWSTR application, LPWSTR commandLine, LPSECURITY_AT
                           LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION information);
 BOOL WINAPI processIdToSessionId(DWORD pid, DWORD *session);
 
+// file_calls.cpp
+BOOL WINAPI writeFile(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED overlapped);
+
 // passed_calls.cpp
 LSTATUS WINAPI regOpenKeyEx(HKEY key, LPCWSTR path, DWORD options, REGSAM access, HKEY *result);
 LSTATUS WINAPI regSetValueExA(HKEY key, LPCSTR name, DWORD reserved, DWORD type, const BYTE *data, DWORD size);
@@ -28,6 +31,13 @@ FARPROC WINAPI getProcAddress(HMODULE library, LPCSTR name);
 int WINAPI setSocketOption(SOCKET socket, int level, int option, const char *value, int size);
 int WINAPI connectSocket(SOCKET socket, const sockaddr *address, int size);
 int WINAPI bindSocket(SOCKET socket, const sockaddr *address, int size);
+SOCKET WINAPI openSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW information, GROUP group,
+                         DWORD flags);
+int WINAPI listenOnSocket(SOCKET socket, int backlog);
+/// createIoCompletionPort with a port that is there.
+HANDLE associateSocket(HANDLE socket, HANDLE port, ULONG_PTR key, DWORD threads);
+/// What is planned for sockets now holds from the next call on.
+void lookForSocketFaults();
 
 // netconfig/owner_process_calls.cpp
 HANDLE WINAPI openProcess(DWORD access, BOOL inherit, DWORD process);

@@ -1,9 +1,10 @@
-// A socket that is told which interface to leave through: Linux takes the option and ignores it for TCP, so the socket
-// would go where the routes lead, into the tunnel that it is to go around. And the program's sockets as the tables of
-// owners have to know them, before their first packet shows them to anybody.
+// A socket that is told which interface to leave through: Linux takes the option and ignores it for TCP, so the
+// socket would go where the routes lead, into the tunnel that it is to go around. And the program's sockets as the
+// tables of owners have to know them, before their first packet shows them to anybody.
 
 #include "kernel/links.h"
 #include "kernel/system_call.h"
+#include "library/faults.h"
 #include "library/journal.h"
 #include "library/substitutes.h"
 #include "netconfig/socket_descriptor.h"
@@ -19,6 +20,12 @@ namespace ruvo::winehost {
 
 namespace {
 
+// Called for every connection: no journal, and a plan that is looked at now and then.
+PacketFault s_socketFault("WSASocketW");
+PacketFault s_bindFault("bind");
+PacketFault s_listenFault("listen");
+PacketFault s_associateFault("CreateIoCompletionPort:associate");
+
 int bindToDevice(SOCKET socket, const Link &link)
 {
     constexpr int socketLevel = 1;         // SOL_SOCKET
@@ -26,8 +33,8 @@ int bindToDevice(SOCKET socket, const Link &link)
     const Descriptor descriptor = descriptorOf(reinterpret_cast<HANDLE>(socket));
     if (!descriptor)
         return linux_error::invalid;
-    return static_cast<int>(-systemCall(SystemCall::setSocketOption, descriptor.get(), socketLevel, bindToDeviceOption,
-                                        link.name.c_str(), link.name.size() + 1));
+    return static_cast<int>(-systemCall(SystemCall::setSocketOption, descriptor.get(), socketLevel,
+                                        bindToDeviceOption, link.name.c_str(), link.name.size() + 1));
 }
 
 } // namespace
@@ -50,6 +57,40 @@ int WINAPI setSocketOption(SOCKET socket, int level, int option, const char *val
     return result;
 }
 
+SOCKET WINAPI openSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW information, GROUP group,
+                         DWORD flags)
+{
+    if (const auto error = s_socketFault.next()) {
+        WSASetLastError(static_cast<int>(*error));
+        return INVALID_SOCKET;
+    }
+    return WSASocketW(family, type, protocol, information, group, flags);
+}
+
+int WINAPI listenOnSocket(SOCKET socket, int backlog)
+{
+    if (const auto error = s_listenFault.next()) {
+        WSASetLastError(static_cast<int>(*error));
+        return SOCKET_ERROR;
+    }
+    return listen(socket, backlog);
+}
+
+HANDLE associateSocket(HANDLE socket, HANDLE port, ULONG_PTR key, DWORD threads)
+{
+    if (const auto error = s_associateFault.next()) {
+        SetLastError(*error);
+        return nullptr;
+    }
+    return CreateIoCompletionPort(socket, port, key, threads);
+}
+
+void lookForSocketFaults()
+{
+    for (PacketFault *fault : {&s_socketFault, &s_bindFault, &s_listenFault, &s_associateFault})
+        fault->lookNow();
+}
+
 int WINAPI connectSocket(SOCKET socket, const sockaddr *address, int size)
 {
     noteOwnSocket(socket);
@@ -58,6 +99,10 @@ int WINAPI connectSocket(SOCKET socket, const sockaddr *address, int size)
 
 int WINAPI bindSocket(SOCKET socket, const sockaddr *address, int size)
 {
+    if (const auto error = s_bindFault.next()) {
+        WSASetLastError(static_cast<int>(*error));
+        return SOCKET_ERROR;
+    }
     noteOwnSocket(socket);
     return bind(socket, address, size);
 }

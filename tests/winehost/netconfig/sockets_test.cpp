@@ -37,9 +37,9 @@ protected:
         }
         if (index != 0) {
             const DWORD option = htonl(index);
-            EXPECT_EQ(setsockopt(socket, IPPROTO_IP, IP_UNICAST_IF, reinterpret_cast<const char *>(&option),
-                                 sizeof option),
-                      0);
+            EXPECT_EQ(
+                setsockopt(socket, IPPROTO_IP, IP_UNICAST_IF, reinterpret_cast<const char *>(&option), sizeof option),
+                0);
         }
         u_long on = 1;
         ioctlsocket(socket, static_cast<long>(FIONBIO), &on);
