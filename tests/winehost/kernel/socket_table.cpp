@@ -12,7 +12,15 @@ namespace ruvo::winehost {
 namespace {
 
 constexpr std::uint8_t ipv4 = 2; // AF_INET
-constexpr std::uint32_t allStates = ~std::uint32_t{0};
+
+constexpr std::uint32_t bit(SocketState state)
+{
+    return 1U << static_cast<unsigned>(state);
+}
+
+/// From the first to the last that has a name here. Newer kernels know a further one, of sockets that are bound and no
+/// more: they would walk through all ports for it.
+constexpr std::uint32_t allStates = 2 * bit(SocketState::newSynReceived) - bit(SocketState::established);
 
 InetSocket socketOf(const inet_diag_msg &message)
 {
@@ -30,7 +38,7 @@ std::expected<std::vector<InetSocket>, int> listSockets(SocketKind kind)
     inet_diag_req_v2 wanted{};
     wanted.sdiag_family = ipv4;
     wanted.sdiag_protocol = static_cast<std::uint8_t>(kind);
-    wanted.idiag_states = allStates & ~(1U << static_cast<unsigned>(SocketState::timeWait));
+    wanted.idiag_states = allStates & ~bit(SocketState::timeWait);
     std::vector<InetSocket> sockets;
     const auto take = [&](const nlmsghdr &message) {
         if (message.nlmsg_type == SOCK_DIAG_BY_FAMILY)
