@@ -3,6 +3,7 @@
 #include "windows/transport/socks_client_test.h"
 
 #include "support/qt_printers.h"
+#include "windows/process/own_resources.h"
 #include "windows/support/call_journal.h"
 
 #include <QSet>
@@ -74,6 +75,23 @@ TEST_F(SocksClientFailure, ofAnyCallIsReportedOnceAndLeavesNoSocket)
         EXPECT_TRUE(m_openSockets.isEmpty()) << failed;
     });
     EXPECT_EQ(seen, expected);
+}
+
+TEST_F(SocksClientFailure, ofAnyCallLeavesNoHandle)
+{
+    SocksClient &client = startAnswering(accepted, connected);
+    const auto failEach = [&] {
+        forEachFailure(m_journal, someError, [&] {
+            SocksClient another(L"127.0.0.1", m_proxy->port());
+            another.connectTo(address, port);
+        });
+    };
+    EXPECT_TRUE(client.connectTo(address, port));
+    client.close();
+    failEach(); // what is made once is there after the first
+    const std::size_t before = countOwnHandles();
+    failEach();
+    EXPECT_TRUE(waitForHandles(before));
 }
 
 TEST_F(SocksClientFailure, toSendARequestForANameIsToldApart)

@@ -31,23 +31,35 @@ ScriptedProxy::Script muteAfter(int steps, Signal *silent = nullptr)
     };
 }
 
-/// Ends every wait of this thread that finds nothing at once as if its whole time had passed, and keeps the times.
+/// Once the proxy is silent, ends every wait of this thread that finds nothing as if its whole time had passed, and
+/// keeps the times that were asked for.
 class WaitsWithoutTime
 {
 public:
+    explicit WaitsWithoutTime(const Signal &silent) : m_silent(silent) {}
+
     std::vector<DWORD> timeouts;
 
 private:
+    DWORD wait(DWORD count, const HANDLE *handles, BOOL all, DWORD timeout)
+    {
+        bool isLast = false;
+        for (DWORD waited = 0; waited < timeout && !isLast; waited += slice) {
+            isLast = m_silent.isSet();
+            if (const DWORD result = m_wait.real(count, handles, all, slice); result != WAIT_TIMEOUT)
+                return result;
+        }
+        timeouts.push_back(timeout);
+        return WAIT_TIMEOUT;
+    }
+
+    static constexpr DWORD slice = 50; // ms
+    const Signal &m_silent;
     const DWORD m_thread = GetCurrentThreadId();
     const ImportRedirection<IMPORT(WaitForMultipleObjects)> m_wait{
         [this](DWORD count, const HANDLE *handles, BOOL all, DWORD timeout) -> DWORD {
-            if (GetCurrentThreadId() != m_thread)
-                return m_wait.real(count, handles, all, timeout);
-            // Long enough for what a proxy on this machine sends.
-            const DWORD result = m_wait.real(count, handles, all, 300);
-            if (result == WAIT_TIMEOUT)
-                timeouts.push_back(timeout);
-            return result;
+            return GetCurrentThreadId() == m_thread ? wait(count, handles, all, timeout)
+                                                    : m_wait.real(count, handles, all, timeout);
         }};
 };
 
@@ -56,8 +68,9 @@ class SocksClientWait : public SocksClientTest
 
 TEST_F(SocksClientWait, allowsTenSecondsForAnAnswerToTheGreeting)
 {
-    SocksClient &client = start(muteAfter(0));
-    const WaitsWithoutTime waits;
+    Signal silent;
+    SocksClient &client = start(muteAfter(0, &silent));
+    const WaitsWithoutTime waits(silent);
     EXPECT_FALSE(client.connectTo(address, port));
     EXPECT_EQ(m_log.lines(), QStringList{"WARNING Failed to receive SOCKS5 response"});
     ASSERT_EQ(waits.timeouts.size(), 1u);
@@ -67,8 +80,9 @@ TEST_F(SocksClientWait, allowsTenSecondsForAnAnswerToTheGreeting)
 
 TEST_F(SocksClientWait, allowsTenSecondsForAReply)
 {
-    SocksClient &client = start(muteAfter(1));
-    const WaitsWithoutTime waits;
+    Signal silent;
+    SocksClient &client = start(muteAfter(1, &silent));
+    const WaitsWithoutTime waits(silent);
     EXPECT_FALSE(client.connectTo(address, port));
     EXPECT_EQ(m_log.lines(), QStringList{"WARNING Failed to receive connection response"});
     ASSERT_EQ(waits.timeouts.size(), 1u);
@@ -84,7 +98,9 @@ TEST_F(SocksClientWait, allowsTenSecondsForAConnect)
         return SOCKET_ERROR;
     });
     SocksClient client(L"127.0.0.1", closedPort());
-    const WaitsWithoutTime waits;
+    Signal silent;
+    silent.set();
+    const WaitsWithoutTime waits(silent);
     EXPECT_FALSE(client.connectTo(address, port));
     EXPECT_EQ(m_log.lines(), QStringList{"WARNING Failed to connect to proxy: 10060"});
     EXPECT_EQ(client.tcpSocket(), INVALID_SOCKET);
