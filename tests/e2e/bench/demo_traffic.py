@@ -50,7 +50,7 @@ def show_datagrams(bench, client):
 
 def show_upload(bench, client):
     server = traffic.SERVERS[1]
-    say(f"   curl --data-binary @body http://{server}/digest")
+    say(f"   curl --request POST --upload-file body http://{server}/digest")
     began = time.monotonic()
     traffic.upload(bench, UPLOAD, server=server)
     say(f"      {_rate(UPLOAD, time.monotonic() - began)}, the server has the same digest")

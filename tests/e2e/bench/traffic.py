@@ -125,7 +125,8 @@ def upload(bench, size, role="host", server=SERVER, timeout=120):
     with open(body, "wb") as file:
         file.writelines(internet_server.known_bytes(size))
     try:
-        answer = text(bench, f"http://{server}/digest", "--data-binary", f"@{body}", role=role, timeout=timeout)
+        answer = text(bench, f"http://{server}/digest", "--request", "POST", "--upload-file", body,
+                      role=role, timeout=timeout)
     finally:
         body.unlink()
     assert answer == known_digest(size), answer
