@@ -119,7 +119,7 @@ bool UdpNatRelay::insert(const UdpNatSessionPtr &session)
         return false;
     if (const auto stale = m_flows.find(session->key()); stale != m_flows.end())
         remove(UdpNatSessionPtr(stale->second));
-    if (m_flows.size() >= maxSessions)
+    if (m_flows.size() >= m_sessionLimit)
         remove(UdpNatSessionPtr(m_byActivity.front()));
     m_flows.emplace(session->key(), session);
     session->lastActivity = m_clock();

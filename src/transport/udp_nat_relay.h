@@ -40,9 +40,10 @@ public:
     using Clock = std::function<std::int64_t()>;
 
     /// `stopEvent` (not owned) ends the handshakes.
-    explicit UdpNatRelay(HANDLE stopEvent, Clock clock = steadyNanoseconds)
+    explicit UdpNatRelay(HANDLE stopEvent, Clock clock = steadyNanoseconds, std::size_t sessionLimit = maxSessions)
         : m_stopEvent(stopEvent)
         , m_clock(std::move(clock))
+        , m_sessionLimit(sessionLimit)
     {
     }
     ~UdpNatRelay() { shutdown(); }
@@ -78,6 +79,7 @@ private:
 
     const HANDLE m_stopEvent;
     const Clock m_clock;
+    const std::size_t m_sessionLimit;
     std::uint32_t m_tunnelValue = 0;
     std::wstring m_proxyHost;
     std::uint16_t m_proxyPort = 0;

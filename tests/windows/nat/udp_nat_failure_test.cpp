@@ -1,0 +1,186 @@
+// Associations that cannot be opened, and calls of open ones that fail.
+
+#include "windows/nat/udp_nat_fixture.h"
+
+#include "windows/support/import_redirection.h"
+
+namespace ruvo::test {
+namespace {
+
+const QString givenUp = "WARNING [UDP-NAT] Failed to create SOCKS5 UDP session for 93.184.216.34:443";
+
+class UdpNatFailureTest : public UdpNatRelayTest
+{
+protected:
+    /// The flow is given up: its datagrams go elsewhere, in order, and `line` (if any) says why.
+    void expectGivenUp(const QString &line = {})
+    {
+        ASSERT_TRUE(forward(5000, "first"));
+        expectLine(givenUp);
+        EXPECT_TRUE(waitUntil([this] { return !refused().empty(); }));
+        EXPECT_EQ(refused().at(0).payload, "first");
+        EXPECT_EQ(refused().at(0).flow, (UdpFlowKey{client, 5000, server, 443}));
+        QStringList expected{givenUp};
+        if (!line.isEmpty())
+            expected.prepend(line);
+        EXPECT_EQ(m_log.linesWith("WARNING"), expected);
+        EXPECT_EQ(m_relay->sessions(), 0u);
+        EXPECT_EQ(m_port.inFlight(), 0);
+        ASSERT_TRUE(forward(5000, "again"));
+        EXPECT_TRUE(waitUntil([this] { return m_log.linesWith(givenUp).size() == 2; })) << "each new datagram tries";
+    }
+    void expectGivenUpAfter(const QByteArray &reply, const QString &line)
+    {
+        useProxy({.reply = reply});
+        startRelay();
+        expectGivenUp(line);
+    }
+    /// A call that fails on the openers' and workers' threads, while the test's own reach Winsock.
+    template<typename Import, typename Result>
+    static auto failing(Result result, int error)
+    {
+        return std::make_unique<ImportRedirection<Import>>(
+            [result, error, next = ImportRedirection<Import>::current(), own = GetCurrentThreadId()](auto... arguments) {
+                if (GetCurrentThreadId() == own)
+                    return next(arguments...);
+                SetLastError(static_cast<DWORD>(error));
+                return result;
+            });
+    }
+};
+
+TEST_F(UdpNatFailureTest, saysThatThereIsNoProxy)
+{
+    const std::uint16_t nobody = closedPort();
+    ASSERT_TRUE(m_relay->initialize(client, "127.0.0.1", nobody, nobody, m_port, {}));
+    expectGivenUp("WARNING [UDP-NAT] Failed to connect to SOCKS5 proxy: 10061");
+}
+
+TEST_F(UdpNatFailureTest, saysThatTheProxyWantsAPassword)
+{
+    useProxy({.method = QByteArray::fromHex("05ff"), .reply = std::nullopt});
+    startRelay();
+    expectGivenUp("WARNING [UDP-NAT] SOCKS5 auth failed: 5 255");
+}
+
+TEST_F(UdpNatFailureTest, isSilentAboutAnEndInTheMiddleOfTheMethod)
+{
+    m_proxy = std::make_unique<AssociationProxy>();
+    const ParallelProxy half([](ProxyConnection &connection, int) {
+        connection.receive(3);
+        connection.send(QByteArray::fromHex("05"));
+    });
+    ASSERT_TRUE(m_relay->initialize(client, "127.0.0.1", half.port(), half.port(), m_port, {}));
+    expectGivenUp();
+    SetEvent(m_stopEvent.get());
+    m_relay->shutdown();
+}
+
+TEST_F(UdpNatFailureTest, saysHowShortAReplyIs)
+{
+    expectGivenUpAfter(QByteArray::fromHex("05000001"),
+                       "WARNING [UDP-NAT] Invalid UDP ASSOCIATE response, got 4 bytes");
+}
+
+TEST_F(UdpNatFailureTest, saysThatTheProxyRefuses)
+{
+    expectGivenUpAfter(QByteArray::fromHex("05070001000000000000"), "WARNING [UDP-NAT] UDP ASSOCIATE failed: 7");
+}
+
+TEST_F(UdpNatFailureTest, saysThatTheRelayHasNoIpv4Address)
+{
+    expectGivenUpAfter(QByteArray::fromHex("05000003046e616d6501bb"), "WARNING [UDP-NAT] Unexpected ATYP in response: 3");
+}
+
+TEST_F(UdpNatFailureTest, isSilentAboutAProxyHostThatIsNoAddress)
+{
+    startRelay("nonsense");
+    expectGivenUp();
+}
+
+TEST_F(UdpNatFailureTest, isSilentAboutAMissingControlSocket)
+{
+    startRelay();
+    const auto none = failing<IMPORT(WSASocketW)>(INVALID_SOCKET, WSAEMFILE);
+    expectGivenUp();
+}
+
+TEST_F(UdpNatFailureTest, saysThatItCannotBind)
+{
+    startRelay();
+    const auto none = failing<IMPORT(bind)>(SOCKET_ERROR, WSAENOBUFS);
+    expectGivenUp("WARNING [UDP-NAT] Failed to bind UDP socket: 10055");
+}
+
+TEST_F(UdpNatFailureTest, saysThatItsSocketCannotBePutOnThePort)
+{
+    startRelay();
+    const auto none = failing<IMPORT(CreateIoCompletionPort)>(HANDLE{}, ERROR_NOT_ENOUGH_MEMORY);
+    expectGivenUp("WARNING [UDP-NAT] Failed to associate socket with IOCP: 8");
+}
+
+TEST_F(UdpNatFailureTest, handsAllThatWaitedOverInOrder)
+{
+    const KernelHandle released(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    const ParallelProxy slow([&](ProxyConnection &connection, int) {
+        connection.receive(3);
+        WaitForSingleObject(released.get(), 20000); // until all of them wait
+    });
+    ASSERT_TRUE(m_relay->initialize(client, "127.0.0.1", slow.port(), slow.port(), m_port, {}));
+    for (int i = 0; i < 5; ++i)
+        ASSERT_TRUE(forward(5000, QByteArray::number(i)));
+    SetEvent(released.get());
+    EXPECT_TRUE(waitUntil([this] { return refused().size() == 5; }));
+    for (std::size_t i = 0; i < refused().size(); ++i)
+        EXPECT_EQ(refused()[i].payload, QByteArray::number(static_cast<int>(i)));
+    SetEvent(m_stopEvent.get());
+    m_relay->shutdown();
+}
+
+TEST_F(UdpNatFailureTest, saysThatAReceiveFailedAndStillSends)
+{
+    startRelay();
+    {
+        const auto none = failing<IMPORT(WSARecvFrom)>(SOCKET_ERROR, WSAENOBUFS);
+        establish(5000);
+        expectLine("WARNING [UDP-NAT] WSARecvFrom failed: 10055");
+    }
+    const auto datagram = establish(5000, "still sent");
+    EXPECT_EQ(m_proxy->connections(), 1);
+    m_proxy->answer(datagram, header + "nobody hears it");
+    EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 1; })) << "the control connection is watched";
+    EXPECT_EQ(packetCount(), 0u);
+}
+
+TEST_F(UdpNatFailureTest, opensAnewWhenTheControlConnectionCannotBeWatched)
+{
+    startRelay();
+    {
+        const auto none = failing<IMPORT(WSARecv)>(SOCKET_ERROR, WSAENOBUFS);
+        establish(5000);
+        EXPECT_TRUE(waitUntil([this] { return m_relay->sessions() == 1 && m_port.inFlight() == 1; }));
+    }
+    establish(5000, "again");
+    EXPECT_EQ(m_proxy->connections(), 2);
+    EXPECT_EQ(m_relay->sessions(), 1u);
+}
+
+TEST_F(UdpNatFailureTest, refusesADatagramThatCannotBeSent)
+{
+    startRelay();
+    establish(5000);
+    {
+        const ImportRedirection<IMPORT(WSASendTo)> none([](SOCKET, LPWSABUF, DWORD, LPDWORD, DWORD, const sockaddr *, int,
+                                                           LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE) {
+            WSASetLastError(WSAENOBUFS);
+            return SOCKET_ERROR;
+        });
+        EXPECT_FALSE(forward(5000, "x"));
+        EXPECT_TRUE(m_log.contains("WARNING [UDP-NAT] Failed to send to relay: 10055"));
+    }
+    establish(5000, "the association still stands");
+    EXPECT_EQ(m_proxy->connections(), 1);
+}
+
+} // namespace
+} // namespace ruvo::test
