@@ -33,9 +33,9 @@ HOST_SETTINGS = {
     "net.ipv4.ip_local_port_range": "1024 65535",
     "net.ipv4.ip_local_reserved_ports": "5201,10808,20808",
     "net.ipv4.tcp_tw_reuse": "1",
-    "net.ipv4.tcp_max_tw_buckets": "4096",
+    "net.ipv4.tcp_max_tw_buckets": "1024",
 }
-CONNECTION_TABLE_SIZE = "16384"
+CONNECTION_TABLE_SIZE = "4096"
 OURS = re.compile(r"^ruvod-(\d+)-")
 
 _counter = itertools.count(1)
