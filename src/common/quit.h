@@ -8,7 +8,8 @@ namespace ruvo {
 /// would end the loops in which the shutdown waits.
 void requestQuit();
 
-/// Whether the loop was asked to end: waits that run the event loop end early then. Service thread.
+/// Whether the loop was asked to end, also while that has not reached it yet: waits that run the event loop end early
+/// then, and nothing new is started however much waits to be handled first. Service thread.
 bool quitRequested();
 
 } // namespace ruvo

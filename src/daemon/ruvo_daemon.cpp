@@ -53,7 +53,7 @@ RequestServices RuvoDaemon::requestServices()
     services.useLogFile = useLogFile;
     services.clearLogs = clearLogs;
     services.quit = requestQuit;
-    services.isStopping = [this] { return m_stopping; };
+    services.isStopping = [this] { return m_stopping || quitRequested(); };
     services.startProcess = [this](const QJsonObject &spec) { return m_processManager->startProcess(spec); };
     services.stopProcess = [this](const QString &id) { return m_processManager->stopProcess(id); };
     services.killProcess = [this](const QString &id) { return m_processManager->killProcess(id); };

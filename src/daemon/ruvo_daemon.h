@@ -59,7 +59,8 @@ private:
     RuvoTunManager *m_tunManager;
     ProcessOwnership m_ownership;
     RequestDispatcher *m_dispatcher;
-    /// Set first in stop(): clients are still served while it waits, but nothing new starts.
+    /// Set first in stop(): clients are still served while it waits, but nothing new starts. (Nor does it from the
+    /// moment on when the daemon was asked to quit.)
     bool m_stopping = false;
     /// Sessions that clients left in this turn of the event loop: one sweep serves them all.
     QSet<quint32> m_sessionsToSweep;

@@ -59,7 +59,7 @@ TEST_F(RequestQuit, doesNotEndTheLoopFromWithinTheCall)
     bool returned = false;
     QTimer::singleShot(0, qApp, [&] {
         requestQuit();
-        EXPECT_FALSE(quitRequested());
+        EXPECT_TRUE(quitRequested()); // which is known at once
         returned = true;
     });
     EXPECT_EQ(run(), quitted);
@@ -94,6 +94,20 @@ TEST_F(RequestQuit, aLeftOverRequestDoesNotEndTheLoopsInWhichTheShutdownWaits)
     constexpr int waited = 7;
     QTimer::singleShot(100ms, &loop, [&] { loop.exit(waited); });
     EXPECT_EQ(loop.exec(), waited);
+}
+
+TEST(RequestQuitOfAnEarlierApplication, isForgottenThoughItNeverReachedTheLoop)
+{
+    int argc = 1;
+    char name[] = "ruvod";
+    char *argv[] = {name, nullptr};
+    {
+        const QCoreApplication earlier(argc, argv);
+        requestQuit();
+        EXPECT_TRUE(quitRequested());
+    }
+    const QCoreApplication application(argc, argv);
+    EXPECT_FALSE(quitRequested());
 }
 
 TEST_F(RequestQuit, endsTheNextApplicationAsWell)
