@@ -4,8 +4,9 @@
     report.py make FIGURES.json RAW.json...   condenses raw results into figures and prints their table
     report.py compare OLD.json NEW.json       prints both side by side
 
-A row is one benchmark with one argument. "ns" is the median over the repetitions and "best" the smallest of them: on
-a busy machine the latter is the steadier. "bytes_per_cycle" is the best too, and null where bytes mean nothing.
+A row is one benchmark with one argument: bytes of a packet, or connections in a table. "ns" is the median over the
+repetitions and "best" the smallest of them: on a busy machine the latter is the steadier. "bytes_per_cycle" is the
+best too, and null where bytes mean nothing.
 """
 
 import json
@@ -66,7 +67,7 @@ def show(figures):
     print(f"{about['date']}, {about['num_cpus']} processors of {about['mhz_per_cpu']} MHz, load {load}\n")
     lines = [[name, *(number(row[key]) for key in ("ns", "best", "bytes_per_cycle"))]
              for name, row in figures["rows"].items()]
-    print_table(["benchmark / bytes", "ns", "best", "bytes/cycle"], lines)
+    print_table(["benchmark / size", "ns", "best", "bytes/cycle"], lines)
     show_beside_lwip(figures["rows"])
 
 
@@ -92,7 +93,7 @@ def compare(old, new):
         else:
             change = f"{(after['best'] / before['best'] - 1) * 100:+.0f} %"
         lines.append([name, number(before and before["best"]), number(after and after["best"]), change])
-    print_table(["benchmark / bytes", "best before, ns", "best after, ns", "change"], lines)
+    print_table(["benchmark / size", "best before, ns", "best after, ns", "change"], lines)
 
 
 def read(path):
