@@ -1,4 +1,4 @@
-"""Load from a namespace of the bench: short connections whose servers say who they are, DNS queries from new ports."""
+"""Load from a namespace of the bench: connections whose servers say who they are, DNS queries from new ports."""
 
 import json
 import subprocess

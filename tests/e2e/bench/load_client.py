@@ -53,8 +53,8 @@ class Exchanges:
             self._drop_overdue(numbers)
         seconds = time.monotonic() - begin
         return {"count": self.count, "good": self.good, "wrong": self.wrong, "first_wrong": self.first_wrong,
-                "failures": dict(self.failures), "seconds": round(seconds, 3), "per_second": round(self.good / seconds),
-                "p50_ms": self._percentile(50), "p99_ms": self._percentile(99)}
+                "failures": dict(self.failures), "seconds": round(seconds, 3),
+                "per_second": round(self.good / seconds), "p50_ms": self._percentile(50), "p99_ms": self._percentile(99)}
 
     def _percentile(self, percent):
         ordered = sorted(self._durations)

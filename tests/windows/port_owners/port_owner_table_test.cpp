@@ -56,7 +56,9 @@ struct FakeTable
         EXPECT_FALSE(sorted);
         families.push_back(family);
         classes.push_back(tableClass);
-        const auto sizeNeeded = [this] { return static_cast<DWORD>(offsetof(Table, table) + rows.size() * sizeof(Row)); };
+        const auto sizeNeeded = [this] {
+            return static_cast<DWORD>(offsetof(Table, table) + rows.size() * sizeof(Row));
+        };
         if (!buffer) {
             ++sizeCalls;
             *size = sizeNeeded();

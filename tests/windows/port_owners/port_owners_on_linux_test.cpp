@@ -292,7 +292,8 @@ TEST_F(PortOwnersOnLinux, areToldInTimeWithManyConnections)
     ASSERT_TRUE(CopyFileW(L"" RUVOD_NETCLIENT, program.c_str(), FALSE)) << GetLastError();
     WindowsProgram client(program, L"tcp 127.0.0.1 " + std::to_wstring(m_port) + L" rest");
     const std::uint16_t windowsPort = accept();
-    measure("the name of another program of Windows", [&] { EXPECT_THAT(owner(windowsPort), EndsWith(L"timed.exe")); });
+    measure("the name of another program of Windows",
+            [&] { EXPECT_THAT(owner(windowsPort), EndsWith(L"timed.exe")); });
 }
 
 } // namespace

@@ -18,8 +18,8 @@ constexpr std::uint32_t bit(SocketState state)
     return 1U << static_cast<unsigned>(state);
 }
 
-/// From the first to the last that has a name here. Newer kernels know a further one, of sockets that are bound and no
-/// more: they would walk through all ports for it.
+/// From the first to the last that has a name here. Newer kernels know a further one, of sockets that are bound and
+/// no more: they would walk through all ports for it.
 constexpr std::uint32_t allStates = 2 * bit(SocketState::newSynReceived) - bit(SocketState::established);
 
 InetSocket socketOf(const inet_diag_msg &message)

@@ -188,7 +188,8 @@ bool runUdp(const sockaddr_in &address, const std::string &text)
     static char answer[65536];
     sockaddr_in from{};
     int fromSize = sizeof from;
-    const int count = recvfrom(socket.get(), answer, sizeof answer, 0, reinterpret_cast<sockaddr *>(&from), &fromSize);
+    const int count =
+        recvfrom(socket.get(), answer, sizeof answer, 0, reinterpret_cast<sockaddr *>(&from), &fromSize);
     if (count < 0)
         return tellFailure("recvfrom");
     tell(event("answer")
