@@ -144,11 +144,14 @@ def test_stalled_downloads_hold_up_no_other_and_lose_nothing(running):
         for sender in senders:
             assert sender.wait_until_blocked() < size
         beside = speed(running)
-        print(f"\n{alone * 8e-6:.0f} Mbit/s alone, {beside * 8e-6:.0f} beside {count} stalled downloads")
-        assert beside > 0.5 * alone
         for (client, _), sender in zip(pairs, senders):
             both_ends.expect_known(client, size)
             sender.finish()
+    afterwards = speed(running)
+    print(f"\n{alone * 8e-6:.0f} Mbit/s alone, {beside * 8e-6:.0f} beside {count} stalled downloads, "
+          f"{afterwards * 8e-6:.0f} afterwards")
+    # What others do on the machine in the meantime must not count.
+    assert beside > 0.5 * min(alone, afterwards)
 
 
 def open_to(bench, address, count):
