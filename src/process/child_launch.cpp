@@ -30,9 +30,10 @@ LaunchContextPointer launchChild(const ProcessInfo &info)
 
     std::wstring writableLine = line.toStdWString(); // CreateProcessW may write into it
     PROCESS_INFORMATION created{};
-    const BOOL launched = CreateProcessW(nullptr, writableLine.data(), nullptr, nullptr, TRUE,
-                                         CREATE_NEW_CONSOLE | CREATE_NEW_PROCESS_GROUP | CREATE_UNICODE_ENVIRONMENT,
-                                         nullptr, directory.empty() ? nullptr : directory.c_str(), &startup, &created);
+    const BOOL launched =
+        CreateProcessW(nullptr, writableLine.data(), nullptr, nullptr, TRUE,
+                       CREATE_NEW_CONSOLE | CREATE_NEW_PROCESS_GROUP | CREATE_UNICODE_ENVIRONMENT, nullptr,
+                       directory.empty() ? nullptr : directory.c_str(), &startup, &created);
     const DWORD error = GetLastError(); // closing keeps it, logging does not
     // The child has its own; ours would keep the streams open after its end.
     pipes.stdinRead.reset();

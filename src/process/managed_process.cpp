@@ -46,8 +46,7 @@ void joinWorker(QThread *&thread, Worker *&worker, unsigned long timeoutMs)
 
 } // namespace
 
-ManagedProcess::ManagedProcess(const QString &processId, QObject *parent)
-    : QObject(parent)
+ManagedProcess::ManagedProcess(const QString &processId, QObject *parent) : QObject(parent)
 {
     m_info.processId = processId;
     m_killTimer.setSingleShot(true);
@@ -109,9 +108,8 @@ void ManagedProcess::startMonitor()
     m_monitorWorker = new ProcessMonitorWorker(m_launch);
     m_monitorWorker->moveToThread(m_monitorThread);
     connect(m_monitorThread, &QThread::started, m_monitorWorker, &ProcessMonitorWorker::startMonitoring);
-    const QMetaObject::Connection connection =
-        connect(m_monitorWorker, &ProcessMonitorWorker::processExited, this, &ManagedProcess::onWindowsProcessExited,
-                Qt::DirectConnection);
+    const QMetaObject::Connection connection = connect(m_monitorWorker, &ProcessMonitorWorker::processExited, this,
+                                                       &ManagedProcess::onWindowsProcessExited, Qt::DirectConnection);
     qCDebug(lcRuvod) << "[ProcessManager] Monitor signal connected:" << static_cast<bool>(connection) << "for process"
                      << processId() << "(DirectConnection)";
     m_monitorThread->start(QThread::InheritPriority);
@@ -261,8 +259,7 @@ void ManagedProcess::finishOrRestart(int exitCode)
         qCWarning(lcRuvod) << "[ProcessManager] Process" << processId() << "exceeded max restart attempts ("
                            << m_info.maxRestartAttempts << "), giving up";
         break;
-    case ExitDecision::Finished:
-        break;
+    case ExitDecision::Finished: break;
     }
     emit processFinished(processId(), exitCode);
 }

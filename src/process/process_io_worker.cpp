@@ -13,10 +13,8 @@ constexpr DWORD cycle = 50; // ms
 } // namespace
 
 ProcessIOWorker::ProcessIOWorker(const QString &processId, LaunchContextPointer launch)
-    : m_processId(processId)
-    , m_launch(std::move(launch))
-{
-}
+    : m_processId(processId), m_launch(std::move(launch))
+{}
 
 ProcessIOWorker::~ProcessIOWorker()
 {

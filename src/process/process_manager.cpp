@@ -21,8 +21,8 @@ constexpr auto flushInterval = 100ms;
 constexpr auto staleSweepDelay = 1000ms;
 constexpr auto dnsOverrideDelay = 100ms;
 constexpr auto stopCheckInterval = 100ms;
-constexpr int stopTimeout = 10000;   // ms
-constexpr int stopAllMargin = 1000;  // ms, for the children's own deadlines to pass first
+constexpr int stopTimeout = 10000;  // ms
+constexpr int stopAllMargin = 1000; // ms, for the children's own deadlines to pass first
 
 /// The child that brings a TUN adapter of its own, and that adapter.
 constexpr auto companionProcessId = QLatin1StringView("sing-box-tun");
@@ -35,9 +35,7 @@ QJsonObject notFound(const QString &processId)
 
 } // namespace
 
-ProcessManager::ProcessManager(QObject *parent)
-    : QObject(parent)
-    , m_tunCompanion(new TunCompanion(this))
+ProcessManager::ProcessManager(QObject *parent) : QObject(parent), m_tunCompanion(new TunCompanion(this))
 {
     connect(&m_flushTimer, &QTimer::timeout, this, &ProcessManager::flushOutputBuffers);
     m_flushTimer.start(flushInterval);
@@ -59,8 +57,9 @@ QJsonObject ProcessManager::startProcess(const QJsonObject &spec)
     if (const ManagedProcess *existing = m_processes.value(processId)) {
         if (existing->isRunning())
             return createErrorResponse("Process already exists: " + processId);
-        qCWarning(lcRuvod) << "[ProcessManager] Found stale process entry for" << processId << "- state:"
-                           << QProcess::ProcessState(existing->info().state) << "- cleaning up before restart";
+        qCWarning(lcRuvod) << "[ProcessManager] Found stale process entry for" << processId
+                           << "- state:" << QProcess::ProcessState(existing->info().state)
+                           << "- cleaning up before restart";
         removeProcess(processId);
     }
     if (processId == companionProcessId)
@@ -203,8 +202,7 @@ void ProcessManager::stopAll(int timeoutMs)
     for (ManagedProcess *process : remaining)
         process->settleExit();
     if (const int killed = killRemaining(); killed > 0) {
-        qCWarning(lcRuvod) << "[ProcessManager] Force killed" << killed
-                           << "processes that didn't stop gracefully";
+        qCWarning(lcRuvod) << "[ProcessManager] Force killed" << killed << "processes that didn't stop gracefully";
     } else {
         qCInfo(lcRuvod) << "[ProcessManager] All processes stopped gracefully";
     }
@@ -223,10 +221,13 @@ void ProcessManager::waitForEnd(int timeoutMs)
 {
     QEventLoop loop;
     QTimer check;
-    connect(&check, &QTimer::timeout, &loop, [this, &loop] {
-        if (!isAnyRunning())
-            loop.quit();
-    }, Qt::DirectConnection);
+    connect(
+        &check, &QTimer::timeout, &loop,
+        [this, &loop] {
+            if (!isAnyRunning())
+                loop.quit();
+        },
+        Qt::DirectConnection);
     check.start(stopCheckInterval);
     QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
     loop.exec();
@@ -253,8 +254,8 @@ void ProcessManager::cleanupStaleProcesses()
     for (auto entry = m_processes.cbegin(); entry != m_processes.cend(); ++entry) {
         if (entry.value()->isRunning())
             continue;
-        qCWarning(lcRuvod) << "[ProcessManager] Found stale process entry on startup:" << entry.key() << "- state:"
-                           << QProcess::ProcessState(entry.value()->info().state);
+        qCWarning(lcRuvod) << "[ProcessManager] Found stale process entry on startup:" << entry.key()
+                           << "- state:" << QProcess::ProcessState(entry.value()->info().state);
         stale.append(entry.key());
     }
     for (const QString &processId : std::as_const(stale)) {

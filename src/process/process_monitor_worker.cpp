@@ -7,10 +7,8 @@
 namespace ruvo {
 
 ProcessMonitorWorker::ProcessMonitorWorker(LaunchContextPointer launch)
-    : m_launch(std::move(launch))
-    , m_stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
-{
-}
+    : m_launch(std::move(launch)), m_stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
+{}
 
 ProcessMonitorWorker::~ProcessMonitorWorker()
 {

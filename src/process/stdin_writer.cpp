@@ -63,10 +63,7 @@ struct StdinWriter::Queue
     }
 };
 
-StdinWriter::StdinWriter(LaunchContextPointer launch)
-    : m_queue(std::make_shared<Queue>(std::move(launch)))
-{
-}
+StdinWriter::StdinWriter(LaunchContextPointer launch) : m_queue(std::make_shared<Queue>(std::move(launch))) {}
 
 StdinWriter::~StdinWriter()
 {

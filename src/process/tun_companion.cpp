@@ -18,10 +18,10 @@ namespace ruvo {
 
 namespace {
 
-constexpr int interfaceTimeout = 10000;    // ms
+constexpr int interfaceTimeout = 10000;     // ms
 constexpr unsigned long pollInterval = 200; // ms
-constexpr int pnputilTimeout = 5000;       // ms
-constexpr int pnputilKillTimeout = 1000;   // ms
+constexpr int pnputilTimeout = 5000;        // ms
+constexpr int pnputilKillTimeout = 1000;    // ms
 
 /// Kills a tool that did not end in time. One that does not even end by that is left behind until it does: the
 /// object of a process that runs would wait for it in its destructor, for half a minute.
@@ -77,10 +77,7 @@ void writeNameServer(const QString &guid, const QString &address, const QString 
 
 } // namespace
 
-TunCompanion::TunCompanion(QObject *parent)
-    : QObject(parent)
-{
-}
+TunCompanion::TunCompanion(QObject *parent) : QObject(parent) {}
 
 QString TunCompanion::getInterfaceGuid(const QString &interfaceName)
 {
@@ -92,8 +89,7 @@ QString TunCompanion::getInterfaceGuid(const QString &interfaceName)
     case NetworkAdapters::Failure::List:
         qCWarning(lcRuvod) << "[ProcessManager] GetAdaptersAddresses failed:" << adapters.error();
         return QString();
-    case NetworkAdapters::Failure::None:
-        break;
+    case NetworkAdapters::Failure::None: break;
     }
 
     const IP_ADAPTER_ADDRESSES *adapter = adapters.findByName(interfaceName);

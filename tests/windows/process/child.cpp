@@ -78,10 +78,7 @@ QList<QJsonObject> factsIn(const QByteArray &output, const QString &name)
     return facts;
 }
 
-LaunchedChild::LaunchedChild(const QStringList &script)
-    : m_launch(launchChild(childInfo(script)))
-{
-}
+LaunchedChild::LaunchedChild(const QStringList &script) : m_launch(launchChild(childInfo(script))) {}
 
 LaunchedChild::~LaunchedChild()
 {

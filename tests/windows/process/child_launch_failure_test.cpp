@@ -24,18 +24,18 @@ public:
     LaunchCalls()
     {
         const auto createPipe = test::ImportRedirection<IMPORT(CreatePipe)>::current();
-        journal.watch<IMPORT(CreatePipe)>([this, createPipe](PHANDLE read, PHANDLE write,
-                                                             LPSECURITY_ATTRIBUTES security, DWORD size) {
-            EXPECT_EQ(security->nLength, 24u);
-            EXPECT_EQ(security->lpSecurityDescriptor, nullptr);
-            EXPECT_EQ(security->bInheritHandle, TRUE);
-            const BOOL created = createPipe(read, write, security, size);
-            m_names[*read] = m_streams.value(m_pipes) + "Read";
-            m_names[*write] = m_streams.value(m_pipes) + "Write";
-            calls.append("CreatePipe " + m_streams.value(m_pipes) + ' ' + QString::number(size));
-            ++m_pipes;
-            return created;
-        });
+        journal.watch<IMPORT(CreatePipe)>(
+            [this, createPipe](PHANDLE read, PHANDLE write, LPSECURITY_ATTRIBUTES security, DWORD size) {
+                EXPECT_EQ(security->nLength, 24u);
+                EXPECT_EQ(security->lpSecurityDescriptor, nullptr);
+                EXPECT_EQ(security->bInheritHandle, TRUE);
+                const BOOL created = createPipe(read, write, security, size);
+                m_names[*read] = m_streams.value(m_pipes) + "Read";
+                m_names[*write] = m_streams.value(m_pipes) + "Write";
+                calls.append("CreatePipe " + m_streams.value(m_pipes) + ' ' + QString::number(size));
+                ++m_pipes;
+                return created;
+            });
         const auto setInformation = test::ImportRedirection<IMPORT(SetHandleInformation)>::current();
         journal.watch<IMPORT(SetHandleInformation)>([this, setInformation](HANDLE handle, DWORD mask, DWORD flags) {
             calls.append(QString("SetHandleInformation %1 %2 %3").arg(m_names[handle]).arg(mask).arg(flags));
@@ -106,12 +106,9 @@ TEST(ChildLaunchFailure, closesWhatWasOpenedAndTellsTheStepAndTheError)
 {
     const QString critical = "CRITICAL [ProcessManager] ";
     const QStringList expected = {
-        critical + "Failed to create stdin pipe: 1234",
-        critical + "Failed to create stdin pipe: 1234",
-        critical + "Failed to create stdout pipe: 1234",
-        critical + "Failed to create stdout pipe: 1234",
-        critical + "Failed to create stderr pipe: 1234",
-        critical + "Failed to create stderr pipe: 1234",
+        critical + "Failed to create stdin pipe: 1234",  critical + "Failed to create stdin pipe: 1234",
+        critical + "Failed to create stdout pipe: 1234", critical + "Failed to create stdout pipe: 1234",
+        critical + "Failed to create stderr pipe: 1234", critical + "Failed to create stderr pipe: 1234",
         critical + "CreateProcess failed: 1234",
     };
 

@@ -58,7 +58,7 @@ CreateProcessCall callOf(const ProcessInfo &info)
                 call.directory = QString::fromWCharArray(directory);
             call.startup = *startup;
             call.streamsInheritable = isInheritable(startup->hStdInput) && isInheritable(startup->hStdOutput)
-                && isInheritable(startup->hStdError);
+                                      && isInheritable(startup->hStdError);
             return FALSE;
         });
     EXPECT_FALSE(launchChild(info));

@@ -130,7 +130,8 @@ TEST_F(DaemonProcesses, tellTheirStartBeforeItIsAnswered)
     EXPECT_EQ(messages[position - 1].keys(), QStringList({"event", "process-id", "timestamp"}));
     EXPECT_TRUE(log.contains(QString(R"(Process "child" will be owned by client "%1")").arg(client->id)));
     EXPECT_TRUE(log.contains(QString(R"(Sending process event to owner client "%1" for process "child" event: )"
-                                     R"("started")").arg(client->id)));
+                                     R"("started")")
+                                 .arg(client->id)));
 }
 
 TEST_F(DaemonProcesses, tellTheirEventsToTheirOwnerOnly)
@@ -155,9 +156,11 @@ TEST_F(DaemonProcesses, areOwnedUntilTheirEndHasBeenTold)
     const QStringList lines = log.lines().filter(QRegularExpression("event: \"finished\"|removing ownership"));
     EXPECT_EQ(lines, QStringList({
                          QString(R"(DEBUG Sending process event to owner client "%1" for process "child" event: )"
-                                 R"("finished")").arg(client->id),
+                                 R"("finished")")
+                             .arg(client->id),
                          QString(R"(DEBUG Process "child" finished (exit code 7 ), removing ownership tracking )"
-                                 R"((was owned by client "%1" ))").arg(client->id),
+                                 R"((was owned by client "%1" ))")
+                             .arg(client->id),
                      }));
     emit processManager()->processEvent({{"event", "stdout"}, {"process-id", "child"}, {"data", "late"}});
     EXPECT_EQ(log.lines().last(), R"(DEBUG Process event for unowned process "child" - not sending to any client)");
@@ -180,7 +183,8 @@ TEST_F(DaemonProcesses, areOwnedNoMoreOnceTheSlotIsTold)
     ASSERT_TRUE(client->startReady("child", waiting));
     daemon.onProcessFinished("child", 5, QProcess::NormalExit);
     EXPECT_EQ(log.lines().last(), QString(R"(DEBUG Process "child" finished (exit code 5 ), removing ownership )"
-                                          R"(tracking (was owned by client "%1" ))").arg(client->id));
+                                          R"(tracking (was owned by client "%1" ))")
+                                      .arg(client->id));
     log.clear();
     daemon.onProcessFinished("child", 5, QProcess::NormalExit);
     EXPECT_EQ(log.lines(), QStringList());
@@ -253,9 +257,9 @@ TEST_F(DaemonProcesses, areStoppedWhenTheirOwnerTimesOut)
     const qint64 pid = client->pidOf("child");
     log.clear();
     daemon.onClientTimedOut(client->id, 1);
-    EXPECT_EQ(log.linesWith("INFO Stopping process"),
-              QStringList({QString(R"(INFO Stopping process "child" (owned by timed-out client "%1" ))")
-                               .arg(client->id)}));
+    EXPECT_EQ(
+        log.linesWith("INFO Stopping process"),
+        QStringList({QString(R"(INFO Stopping process "child" (owned by timed-out client "%1" ))").arg(client->id)}));
     EXPECT_FALSE(log.contains("Remaining connected clients"));
     EXPECT_TRUE(test::waitForDeath(pid));
 }
@@ -292,8 +296,8 @@ TEST_F(DaemonProcesses, mayBeStartedAndKilledInOneWrite)
     const auto client = connectClient();
     QJsonObject start = test::childSpec("child", waiting);
     start["request-id"] = "s";
-    client->connection.pipe().write(
-        frame(start) + frame({{"action", "kill"}, {"process-id", "child"}, {"request-id", "k"}}));
+    client->connection.pipe().write(frame(start)
+                                    + frame({{"action", "kill"}, {"process-id", "child"}, {"request-id", "k"}}));
     ASSERT_TRUE(test::waitUntil([&] { return client->connection.pipe().messages().last()["request-id"] == "k"; }));
     EXPECT_EQ(client->connection.pipe().messages().last()["status"], "killed");
     EXPECT_FALSE(client->isRunning("child"));
@@ -319,8 +323,8 @@ TEST_F(DaemonProcesses, mayCrashAndBeStartedAgainInOneWrite)
                                     + frame({{"action", "stop"}, {"process-id", "other"}}) + frame(start));
     EXPECT_TRUE(client->waitFor("child", "finished: 5"));
     // Of the crash nothing is heard: its entry was replaced.
-    EXPECT_EQ(client->eventsOf("child"), QStringList({"started", "stdout: ready\n", "started", "stdout: new\n",
-                                                      "finished: 5"}));
+    EXPECT_EQ(client->eventsOf("child"),
+              QStringList({"started", "stdout: ready\n", "started", "stdout: new\n", "finished: 5"}));
     EXPECT_TRUE(log.contains(R"(Found stale process entry for "child" - state: QProcess::Running)"));
     EXPECT_TRUE(client->waitFor("other", "finished: 9"));
 }
@@ -329,8 +333,8 @@ TEST_F(DaemonProcesses, areServedWhileTheDaemonStopsButNotStarted)
 {
     const auto client = connectClient();
     // It obeys a second late: so long the daemon waits for it.
-    ASSERT_TRUE(client->startReady("child", {"--ctrl-c-exit", "9", "--ctrl-c-delay", "1500", "--print", "ready",
-                                             "--wait"}));
+    ASSERT_TRUE(
+        client->startReady("child", {"--ctrl-c-exit", "9", "--ctrl-c-delay", "1500", "--print", "ready", "--wait"}));
     QJsonObject startAnswer;
     QJsonObject listAnswer;
     bool newcomerWasDropped = false;
@@ -343,8 +347,9 @@ TEST_F(DaemonProcesses, areServedWhileTheDaemonStopsButNotStarted)
     stopped = true;
     log.clear();
     daemon.stop();
-    EXPECT_EQ(startAnswer, (QJsonObject{{"status", "error"}, {"error", "Daemon is stopping"},
-                                        {"request-id", startAnswer["request-id"]}}));
+    EXPECT_EQ(startAnswer,
+              (QJsonObject{
+                  {"status", "error"}, {"error", "Daemon is stopping"}, {"request-id", startAnswer["request-id"]}}));
     EXPECT_EQ(listAnswer["status"], "success");
     EXPECT_EQ(listAnswer["processes"].toArray().size(), 1);
     EXPECT_TRUE(newcomerWasDropped);
@@ -364,13 +369,12 @@ TEST_F(DaemonProcesses, areServedWhileTheDaemonStopsButNotStarted)
 TEST_F(DaemonProcesses, areAllEndedByAFloodOfStartsWhileTheDaemonStops)
 {
     const auto client = connectClient();
-    ASSERT_TRUE(client->startReady("child", {"--ctrl-c-exit", "9", "--ctrl-c-delay", "2000", "--print", "ready",
-                                             "--wait"}));
+    ASSERT_TRUE(
+        client->startReady("child", {"--ctrl-c-exit", "9", "--ctrl-c-delay", "2000", "--print", "ready", "--wait"}));
     int sent = 0;
     QTimer flood;
-    QObject::connect(&flood, &QTimer::timeout, [&] {
-        client->connection.send(test::childSpec(QString::number(++sent), waiting));
-    });
+    QObject::connect(&flood, &QTimer::timeout,
+                     [&] { client->connection.send(test::childSpec(QString::number(++sent), waiting)); });
     flood.start(5);
     stopped = true;
     QElapsedTimer timer;

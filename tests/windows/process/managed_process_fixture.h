@@ -25,12 +25,10 @@ protected:
     {
         const ManagedProcess *source = process.get();
         QObject::connect(source, &ManagedProcess::processStarted, [this](const QString &id) { add(id, "started"); });
-        QObject::connect(source, &ManagedProcess::processFinished, [this](const QString &id, int code) {
-            add(id, "finished " + QString::number(code));
-        });
-        QObject::connect(source, &ManagedProcess::processError, [this](const QString &id, const QString &text) {
-            add(id, "error " + text);
-        });
+        QObject::connect(source, &ManagedProcess::processFinished,
+                         [this](const QString &id, int code) { add(id, "finished " + QString::number(code)); });
+        QObject::connect(source, &ManagedProcess::processError,
+                         [this](const QString &id, const QString &text) { add(id, "error " + text); });
         QObject::connect(source, &ManagedProcess::stdoutReady, [this](const QString &id, const QByteArray &data) {
             add(id, "stdout " + QString::fromUtf8(data).trimmed());
         });

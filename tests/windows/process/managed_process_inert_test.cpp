@@ -21,16 +21,22 @@ TEST_F(ManagedProcessInert, hasAQProcessThatIsNotStarted)
 TEST_F(ManagedProcessInert, isKnownToTheMetaObjectSystem)
 {
     for (const char *slot : {
-             "onWindowsProcessExited(int)", "handleProcessExit(int)", "attemptRestart()", "stopKillTimer()",
-             "onProcessStarted()", "onProcessFinished(int,QProcess::ExitStatus)",
-             "onProcessError(QProcess::ProcessError)", "onProcessStateChanged(QProcess::ProcessState)",
-             "onStdoutReady()", "onStderrReady()",
+             "onWindowsProcessExited(int)",
+             "handleProcessExit(int)",
+             "attemptRestart()",
+             "stopKillTimer()",
+             "onProcessStarted()",
+             "onProcessFinished(int,QProcess::ExitStatus)",
+             "onProcessError(QProcess::ProcessError)",
+             "onProcessStateChanged(QProcess::ProcessState)",
+             "onStdoutReady()",
+             "onStderrReady()",
          }) {
         EXPECT_GE(ManagedProcess::staticMetaObject.indexOfSlot(slot), 0) << slot;
     }
-    for (const char *signal : {"processStarted(QString)", "processFinished(QString,int)",
-                               "processError(QString,QString)", "stdoutReady(QString,QByteArray)",
-                               "stderrReady(QString,QByteArray)"}) {
+    for (const char *signal :
+         {"processStarted(QString)", "processFinished(QString,int)", "processError(QString,QString)",
+          "stdoutReady(QString,QByteArray)", "stderrReady(QString,QByteArray)"}) {
         EXPECT_GE(ManagedProcess::staticMetaObject.indexOfSignal(signal), 0) << signal;
     }
 }

@@ -18,8 +18,10 @@ using ManagedProcessLaunch = ManagedProcessTest;
 
 TEST_F(ManagedProcessLaunch, fillsInWhatIsKnownOfTheRun)
 {
-    ASSERT_TRUE(start(waiting, {{"working-dir", "C:\\windows"}, {"environment", QJsonObject{{"A", "1"}}},
-                                {"privileges", "system"}, {"session-id", 2}}));
+    ASSERT_TRUE(start(waiting, {{"working-dir", "C:\\windows"},
+                                {"environment", QJsonObject{{"A", "1"}}},
+                                {"privileges", "system"},
+                                {"session-id", 2}}));
     const ProcessInfo info = process->info();
     EXPECT_EQ(info.processId, "child");
     EXPECT_EQ(info.executable, test::testChildPath());
@@ -161,7 +163,7 @@ TEST_F(ManagedProcessLaunch, isReleasedFromItsStreamsToItsThread)
     ASSERT_TRUE(startReady(waiting));
     const ProcessInfo info = process->info();
     const QHash<HANDLE, QString> names = {
-        {info.stdinWrite, "stdin"},       {info.stdoutRead, "stdout"},  {info.stderrRead, "stderr"},
+        {info.stdinWrite, "stdin"},      {info.stdoutRead, "stdout"},   {info.stderrRead, "stderr"},
         {info.processHandle, "process"}, {info.threadHandle, "thread"},
     };
     QStringList closed;

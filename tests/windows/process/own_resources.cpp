@@ -128,8 +128,8 @@ OwnResources OwnResources::now()
 std::string OwnResources::text() const
 {
     return std::to_string(handles) + " handles, " + std::to_string(threads) + " threads, "
-        + std::to_string(heapBytes / 1024) + " KiB of heap, " + std::to_string(workingSet / 1024)
-        + " KiB working set";
+           + std::to_string(heapBytes / 1024) + " KiB of heap, " + std::to_string(workingSet / 1024)
+           + " KiB working set";
 }
 
 } // namespace ruvo::test

@@ -49,12 +49,10 @@ protected:
     {
         launch->stdoutRead = std::move(output.read);
         launch->stderrRead = std::move(error.read);
-        QObject::connect(&worker, &ProcessIOWorker::stdoutReady, [this](const QString &id, const QByteArray &data) {
-            record(id, "stdout", data);
-        });
-        QObject::connect(&worker, &ProcessIOWorker::stderrReady, [this](const QString &id, const QByteArray &data) {
-            record(id, "stderr", data);
-        });
+        QObject::connect(&worker, &ProcessIOWorker::stdoutReady,
+                         [this](const QString &id, const QByteArray &data) { record(id, "stdout", data); });
+        QObject::connect(&worker, &ProcessIOWorker::stderrReady,
+                         [this](const QString &id, const QByteArray &data) { record(id, "stderr", data); });
     }
 
     /// Lets the reader run for so many cycles, then stops it.
@@ -117,8 +115,8 @@ TEST_F(ProcessIOWorkerTest, readsAtMost4096BytesOfEachStreamInACycle)
     output.fill(QByteArray(10000, 'o'));
     error.fill(QByteArray(4097, 'e'));
     read(4);
-    EXPECT_EQ(takeSignals(), QStringList({"0 stdout: 4096", "0 stderr: 4096", "1 stdout: 4096", "1 stderr: e",
-                                          "2 stdout: 1808"}));
+    EXPECT_EQ(takeSignals(),
+              QStringList({"0 stdout: 4096", "0 stderr: 4096", "1 stdout: 4096", "1 stderr: e", "2 stdout: 1808"}));
 }
 
 TEST_F(ProcessIOWorkerTest, asksForNoMoreThanIsThere)
@@ -210,7 +208,8 @@ TEST(ProcessIOWorker, endsSoonAfterAStopWhileNothingComes)
     launch->stderrRead = std::move(error.read);
     ProcessIOWorker worker("core", launch);
     int chunks = 0;
-    QObject::connect(&worker, &ProcessIOWorker::stdoutReady, &worker, [&] { ++chunks; }, Qt::DirectConnection);
+    QObject::connect(
+        &worker, &ProcessIOWorker::stdoutReady, &worker, [&] { ++chunks; }, Qt::DirectConnection);
     const std::unique_ptr<QThread> thread(QThread::create([&] { worker.startReading(); }));
     thread->start();
     output.fill("it reads");

@@ -161,8 +161,8 @@ TEST_F(ProcessManagerCompanion, leavesTheRequestsOfOthersTheirTurnWhileItWaits)
     // Both arrive within the wait.
     bool answered = false;
     QTimer::singleShot(500, [&] {
-        answered = manager->startProcess(test::childSpec("other", {"--print", "hello", "--wait"}))["status"]
-            == "started";
+        answered =
+            manager->startProcess(test::childSpec("other", {"--print", "hello", "--wait"}))["status"] == "started";
     });
     adapters.onQuery = [this](int) {
         if (eventsOf("other").contains("stdout: hello\n"))

@@ -111,7 +111,7 @@ TEST_F(ProcessManagerEvents, bringOutputWholeAndInOrder)
     const QString expected = lines(count);
     test::waitUntil([&] {
         return outputOf("child", "stdout").size() >= expected.size()
-            && outputOf("child", "stderr").size() >= expected.size();
+               && outputOf("child", "stderr").size() >= expected.size();
     });
     EXPECT_EQ(outputOf("child", "stdout"), expected);
     EXPECT_EQ(outputOf("child", "stderr"), expected);
@@ -176,8 +176,7 @@ TEST_F(ProcessManagerEvents, tellOfAnErrorThatAProcessReports)
 
 TEST_F(ProcessManagerEvents, tellOfEveryStartOfARestartedProcess)
 {
-    start("child", {"--exit", "3"},
-          {{"auto-restart", true}, {"max-restart-attempts", 3}, {"restart-delay-ms", 50}});
+    start("child", {"--exit", "3"}, {{"auto-restart", true}, {"max-restart-attempts", 3}, {"restart-delay-ms", 50}});
     ASSERT_TRUE(waitFor("child", "finished: 3"));
     EXPECT_EQ(eventsOf("child"), QStringList({"started", "started", "started", "started", "finished: 3"}));
     EXPECT_EQ(registered(), 0);

@@ -79,10 +79,7 @@ protected:
         }
         return text;
     }
-    qint64 pidOf(const QString &processId) const
-    {
-        return manager->getProcessStatus(processId)["pid"].toInteger();
-    }
+    qint64 pidOf(const QString &processId) const { return manager->getProcessStatus(processId)["pid"].toInteger(); }
     qsizetype registered() const { return manager->listProcesses()["processes"].toArray().size(); }
 
     /// Takes the timestamp out of a result or event after a look at it: what is left can be compared whole.

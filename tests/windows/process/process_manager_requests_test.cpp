@@ -130,8 +130,10 @@ TEST_F(ProcessManagerRequests, statusTellsOfARunningProcess)
     const QJsonObject pid = test::factsIn(outputOf("child", "stdout").toUtf8(), "pid").first();
     QJsonObject status = withoutTimestamp(manager->getProcessStatus("child"));
     const QString startTime = status.take("start-time").toString();
-    EXPECT_EQ(status, (QJsonObject{{"status", "success"}, {"process-id", "child"}, {"state", 2},
-                                   {"pid", pid["pid"]}, {"running", true}}));
+    EXPECT_EQ(
+        status,
+        (QJsonObject{
+            {"status", "success"}, {"process-id", "child"}, {"state", 2}, {"pid", pid["pid"]}, {"running", true}}));
     const QDateTime parsed = QDateTime::fromString(startTime, "yyyy-MM-ddTHH:mm:ss");
     ASSERT_TRUE(parsed.isValid()) << startTime.toStdString();
     EXPECT_LE(qAbs(before.secsTo(parsed)), 10);
@@ -142,9 +144,12 @@ TEST_F(ProcessManagerRequests, statusTellsOfAKilledProcess)
     ASSERT_TRUE(startReady("child", waiting));
     const QString startTime = manager->getProcessStatus("child")["start-time"].toString();
     manager->killProcess("child");
-    EXPECT_EQ(withoutTimestamp(manager->getProcessStatus("child")),
-              (QJsonObject{{"status", "success"}, {"process-id", "child"}, {"state", 0}, {"pid", -1},
-                           {"start-time", startTime}, {"running", false}}));
+    EXPECT_EQ(withoutTimestamp(manager->getProcessStatus("child")), (QJsonObject{{"status", "success"},
+                                                                                 {"process-id", "child"},
+                                                                                 {"state", 0},
+                                                                                 {"pid", -1},
+                                                                                 {"start-time", startTime},
+                                                                                 {"running", false}}));
 }
 
 TEST_F(ProcessManagerRequests, statusTellsOfAProcessBetweenTwoRuns)
@@ -184,9 +189,8 @@ TEST_F(ProcessManagerRequests, stdinReachesARunningProcessAsItIs)
     ASSERT_TRUE(startReady("child", {"--print", "ready", "--echo", "0"}));
     const QByteArray bytes = QByteArray("no line end \xc3\xa9 \0 \r\n", 19);
     EXPECT_TRUE(manager->writeToProcess("child", bytes));
-    EXPECT_TRUE(test::waitUntil([&] {
-        return outputOf("child", "stdout") == "ready\n" + QString::fromUtf8(bytes);
-    })) << outputOf("child", "stdout").toStdString();
+    EXPECT_TRUE(test::waitUntil([&] { return outputOf("child", "stdout") == "ready\n" + QString::fromUtf8(bytes); }))
+        << outputOf("child", "stdout").toStdString();
 }
 
 TEST_F(ProcessManagerRequests, stdinOfAnUnknownProcessFails)

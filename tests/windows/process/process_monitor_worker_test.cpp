@@ -28,10 +28,13 @@ class MonitoredChild
 public:
     explicit MonitoredChild(const QStringList &script) : child(script), monitor(child.launch())
     {
-        QObject::connect(&monitor, &ProcessMonitorWorker::processExited, &monitor, [this](int code) {
-            codes.push_back(code);
-            signalThread = QThread::currentThread();
-        }, Qt::DirectConnection);
+        QObject::connect(
+            &monitor, &ProcessMonitorWorker::processExited, &monitor,
+            [this](int code) {
+                codes.push_back(code);
+                signalThread = QThread::currentThread();
+            },
+            Qt::DirectConnection);
     }
     ~MonitoredChild()
     {

@@ -21,8 +21,8 @@ const std::wstring keyPath =
 class TunCompanionTest : public ::testing::Test
 {
 protected:
-    test::FakeAdapters adapters{{{L"Ethernet", "{11111111-0000-0000-0000-000000000000}", true},
-                                 {L"ruvo-tun", bracedGuid, true}}};
+    test::FakeAdapters adapters{
+        {{L"Ethernet", "{11111111-0000-0000-0000-000000000000}", true}, {L"ruvo-tun", bracedGuid, true}}};
     test::LogCapture log;
     TunCompanion companion;
 };
@@ -190,8 +190,9 @@ TEST_F(InterfaceDns, isNotWrittenToAnAdapterThatStaysDown)
 TEST_F(TunCompanionTest, writesTheRealRegistry)
 {
     HKEY key = nullptr;
-    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, keyPath.c_str(), 0, nullptr, REG_OPTION_VOLATILE,
-                              KEY_READ, nullptr, &key, nullptr), ERROR_SUCCESS);
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, keyPath.c_str(), 0, nullptr, REG_OPTION_VOLATILE, KEY_READ, nullptr,
+                              &key, nullptr),
+              ERROR_SUCCESS);
     const RegistryKey owner(key);
     companion.configureInterfaceDns("172.19.0.2", "ruvo-tun");
     wchar_t value[64] = {};

@@ -137,8 +137,9 @@ TEST_F(TunCompanionWait, comesOneAfterTheOtherForOverridesThatArriveMeanwhile)
             adapters.adapters = {{L"first", "{1}", true}, {L"second", "{2}", true}, {L"third", "{3}", true}};
     };
     companion.configureInterfaceDns("1.1.1.1", "first");
-    EXPECT_EQ(log.lines().filter(QRegularExpression("Configuring DNS|is UP|registry")).replaceInStrings(
-                  QRegularExpression("after \\d+ ms"), "after N ms"),
+    EXPECT_EQ(log.lines()
+                  .filter(QRegularExpression("Configuring DNS|is UP|registry"))
+                  .replaceInStrings(QRegularExpression("after \\d+ ms"), "after N ms"),
               QStringList({
                   R"(INFO [ProcessManager] Configuring DNS for interface "first" to "1.1.1.1")",
                   R"(INFO [ProcessManager] Interface "first" is UP after N ms)",

@@ -13,7 +13,7 @@ namespace ruvo::test {
 namespace {
 
 constexpr DWORD endTimeout = 10000; // ms, for what was told to end and takes its time
-constexpr DWORD pollInterval = 10; // ms
+constexpr DWORD pollInterval = 10;  // ms
 constexpr wchar_t consoleHost[] = L"conhost.exe";
 
 struct CloseProcess
@@ -57,8 +57,8 @@ public:
             left = m_job.others();
         }
         for (const ProcessJob::Member &member : left) {
-            ADD_FAILURE() << "the test leaves a process: " << ::testing::PrintToString(member.executable)
-                          << ", id " << member.pid;
+            ADD_FAILURE() << "the test leaves a process: " << ::testing::PrintToString(member.executable) << ", id "
+                          << member.pid;
             const Process process(OpenProcess(PROCESS_TERMINATE, FALSE, member.pid));
             TerminateProcess(process.get(), 1);
         }
@@ -84,8 +84,9 @@ ProcessJob::ProcessJob() : m_job(CreateJobObjectW(nullptr, nullptr))
 std::vector<ProcessJob::Member> ProcessJob::others() const
 {
     constexpr std::size_t mostProcesses = 1024;
-    alignas(JOBOBJECT_BASIC_PROCESS_ID_LIST) std::array<std::byte, sizeof(JOBOBJECT_BASIC_PROCESS_ID_LIST)
-                                                                       + mostProcesses * sizeof(ULONG_PTR)> buffer{};
+    alignas(JOBOBJECT_BASIC_PROCESS_ID_LIST)
+        std::array<std::byte, sizeof(JOBOBJECT_BASIC_PROCESS_ID_LIST) + mostProcesses * sizeof(ULONG_PTR)>
+            buffer{};
     require(QueryInformationJobObject(m_job, JobObjectBasicProcessIdList, buffer.data(),
                                       static_cast<DWORD>(buffer.size()), nullptr),
             "QueryInformationJobObject");

@@ -28,8 +28,8 @@ void leaveASleeper()
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION process{};
-    ASSERT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                               &process));
+    ASSERT_TRUE(
+        CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process));
     const KernelHandle owner(process.hProcess);
     const KernelHandle thread(process.hThread);
     std::printf("sleeper %lu\n", process.dwProcessId);
