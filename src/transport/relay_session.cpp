@@ -198,22 +198,29 @@ void RelaySession::end(Side &side)
     side.ended = true;
     std::int64_t notEnding = 0;
     m_endingSince.compare_exchange_strong(notEnding, steadyNanoseconds());
+    bool isConnected = true;
     {
         const std::lock_guard lock(m_mutex);
-        finish(other);
         // A chunk that is on its way to this side goes out first: postReceive finishes it then.
         if (other.receivePending || other.ended)
-            finish(side);
+            isConnected = finish(side);
+        if (isConnected)
+            finish(other);
     }
+    // A reset whose error nobody told of looks like an end, but nothing is left then that could be shut down.
+    if (!isConnected)
+        return close(Closing::Abortive);
     if (side.ended && other.ended)
         close(Closing::Graceful);
 }
 
-/// All that goes to this side has gone out.
-void RelaySession::finish(Side &side)
+/// All that goes to this side has gone out. False: the connection is gone.
+bool RelaySession::finish(Side &side)
 {
-    if (!std::exchange(side.finished, true))
-        ::shutdown(side.socket.get(), SD_SEND);
+    if (std::exchange(side.finished, true))
+        return true;
+    // Nothing is sent by this: it fails once the connection has been reset.
+    return ::send(side.socket.get(), "", 0, 0) == 0 && ::shutdown(side.socket.get(), SD_SEND) == 0;
 }
 
 void RelaySession::abort()

@@ -87,7 +87,7 @@ private:
     void forward(Side &from, DWORD bytes);
     void onSendFailed(Side &to);
     void end(Side &side);
-    static void finish(Side &side);
+    static bool finish(Side &side);
     enum class Closing { Graceful, Abortive };
     void close(Closing closing);
 
