@@ -4,7 +4,9 @@ namespace ruvo {
 
 namespace {
 
-constexpr long connectedEvents = FD_READ | FD_WRITE | FD_CLOSE;
+// A fresh connection can always be written to: asking for that, too, would end the first wait for an answer at once.
+constexpr long readingEvents = FD_READ | FD_CLOSE;
+constexpr long writingEvents = FD_WRITE | FD_CLOSE;
 
 } // namespace
 
@@ -19,19 +21,27 @@ int connectWithin(SocketWait &wait, SOCKET socket, const sockaddr_in &address, S
         if (error != NO_ERROR)
             return error;
     }
-    return wait.attach(socket, connectedEvents) ? NO_ERROR : WSAGetLastError();
+    return wait.attach(socket, readingEvents) ? NO_ERROR : WSAGetLastError();
 }
 
 bool sendWithin(SocketWait &wait, SOCKET socket, socks5::ByteView bytes, SocketWait::Clock::time_point deadline)
 {
+    bool waitsForRoom = false;
     while (!bytes.empty()) {
         const int sent = send(socket, reinterpret_cast<const char *>(bytes.data()), static_cast<int>(bytes.size()), 0);
-        if (sent > 0)
+        if (sent > 0) {
             bytes = bytes.subspan(static_cast<std::size_t>(sent));
-        else if (WSAGetLastError() != WSAEWOULDBLOCK || wait.wait(socket, deadline) != NO_ERROR)
+            continue;
+        }
+        if (WSAGetLastError() != WSAEWOULDBLOCK)
+            return false;
+        if (!waitsForRoom && !wait.attach(socket, writingEvents))
+            return false;
+        waitsForRoom = true;
+        if (wait.wait(socket, deadline) != NO_ERROR)
             return false;
     }
-    return true;
+    return !waitsForRoom || wait.attach(socket, readingEvents);
 }
 
 std::size_t receiveWithin(SocketWait &wait, SOCKET socket, std::span<std::uint8_t> room,
