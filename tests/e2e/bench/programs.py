@@ -12,7 +12,10 @@ NETCLIENT = BUILD / "tests" / "winehost" / "netclient" / "netclient.exe"
 def _copy(bench, program, name):
     folder = bench.directory / "programs"
     folder.mkdir(exist_ok=True)
-    return shutil.copy2(program, folder / name)
+    # Not again: a program that is just being loaded would change under the loader.
+    if not (folder / name).exists():
+        shutil.copy2(program, folder / name)
+    return folder / name
 
 
 class WindowsClient:
