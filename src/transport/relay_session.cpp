@@ -26,7 +26,7 @@ bool isSilent(int error)
 RelaySession::Side::Side(Socket owned, const char *failure)
     : socket(std::move(owned))
     , receiveFailure(failure)
-    , buffer(std::make_unique_for_overwrite<char[]>(bufferSize))
+    , buffer(makePageBuffer<char>(bufferSize))
 {
 }
 

@@ -2,6 +2,7 @@
 
 #include "common/windows_handles.h"
 #include "transport/completion_port.h"
+#include "transport/page_buffer.h"
 
 #include <atomic>
 #include <cstdint>
@@ -63,7 +64,7 @@ private:
         const char *const receiveFailure;
         ReceiveOperation receive;
         std::atomic<bool> receivePending = false;
-        const std::unique_ptr<char[]> buffer;
+        const PageBuffer<char> buffer;
         std::atomic<std::uint64_t> received = 0;
         /// What goes to this side while it does not keep up: a part of the other side's buffer.
         SendOperation send;

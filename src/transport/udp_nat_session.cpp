@@ -48,7 +48,7 @@ UdpNatSession::UdpNatSession(const UdpFlowKey &key, socks5::Endpoint target, std
     , m_target(target)
     , m_socksPort(socksPort)
     , m_header(socks5::udpHeader(target.address, target.port))
-    , m_buffer(std::make_unique_for_overwrite<std::uint8_t[]>(bufferSize))
+    , m_buffer(makePageBuffer<std::uint8_t>(bufferSize))
 {
 }
 

@@ -2,6 +2,7 @@
 
 #include "common/windows_handles.h"
 #include "transport/completion_port.h"
+#include "transport/page_buffer.h"
 #include "transport/socket_wait.h"
 #include "transport/socks5_messages.h"
 #include "transport/udp_flow_key.h"
@@ -88,7 +89,7 @@ private:
 
     std::atomic<bool> m_receivePending = false;
     ReceiveOperation m_receive;
-    const std::unique_ptr<std::uint8_t[]> m_buffer;
+    const PageBuffer<std::uint8_t> m_buffer;
     sockaddr_in m_sender{};
     int m_senderSize = sizeof(m_sender);
     ControlOperation m_controlWatch;
