@@ -2,7 +2,7 @@
 
 #include "support/log_capture.h"
 #include "support/wait_until.h"
-#include "windows/process/own_resources.h"
+#include "windows/support/own_resources.h"
 #include "windows/support/import_redirection.h"
 
 #include <gtest/gtest.h>

@@ -3,7 +3,7 @@
 
 #include "windows/nat/relay_session_fixture.h"
 
-#include "windows/process/own_resources.h"
+#include "windows/support/own_resources.h"
 
 #include <array>
 #include <optional>

@@ -1,6 +1,6 @@
 #include "windows/process/managed_process_fixture.h"
 
-#include "windows/process/own_resources.h"
+#include "windows/support/own_resources.h"
 #include "windows/support/import_redirection.h"
 
 #include <QElapsedTimer>

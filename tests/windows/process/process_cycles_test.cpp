@@ -3,7 +3,7 @@
 
 #include "windows/process/process_manager_fixture.h"
 
-#include "windows/process/own_resources.h"
+#include "windows/support/own_resources.h"
 #include "windows/process/volume.h"
 
 #include <QElapsedTimer>

@@ -1,6 +1,6 @@
 #include "windows/process/process_manager_fixture.h"
 
-#include "windows/process/own_resources.h"
+#include "windows/support/own_resources.h"
 
 namespace ruvo {
 namespace {

@@ -6,7 +6,7 @@
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
 #include "windows/process/fake_adapters.h"
-#include "windows/process/own_resources.h"
+#include "windows/support/own_resources.h"
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 #include "windows/transport/socks_client_test.h"
 
 #include "support/qt_printers.h"
-#include "windows/process/own_resources.h"
+#include "windows/support/own_resources.h"
 #include "windows/support/call_journal.h"
 
 #include <QSet>

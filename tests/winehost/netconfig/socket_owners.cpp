@@ -1,7 +1,7 @@
 #include "netconfig/socket_owners.h"
 
 #include "kernel/linux_processes.h"
-#include "library/handle_list.h"
+#include "library/process_list.h"
 #include "netconfig/socket_descriptor.h"
 
 #include "common/windows_handles.h"
@@ -63,10 +63,10 @@ int findLinuxOwner(std::uint32_t inode)
     return 0;
 }
 
-bool isSocketWith(const OpenHandle &handle, HANDLE process, std::uint32_t inode)
+bool isSocketWith(HANDLE process, HANDLE handle, std::uint32_t inode)
 {
     KernelHandle copy;
-    if (!DuplicateHandle(process, handle.value, GetCurrentProcess(), copy.out(), 0, FALSE, DUPLICATE_SAME_ACCESS))
+    if (!DuplicateHandle(process, handle, GetCurrentProcess(), copy.out(), 0, FALSE, DUPLICATE_SAME_ACCESS))
         return false;
     const Descriptor descriptor = descriptorOf(copy.get());
     return descriptor && ((inodeOf(descriptor.get()) ^ inode) & ~deputyMark) == 0;
@@ -75,17 +75,13 @@ bool isSocketWith(const OpenHandle &handle, HANDLE process, std::uint32_t inode)
 /// Looks at copies of all handles that other processes have.
 DWORD findWindowsOwner(std::uint32_t inode)
 {
-    KernelHandle process;
-    DWORD opened = 0;
-    for (const OpenHandle &handle : openHandles()) {
-        if (handle.process == GetCurrentProcessId())
+    for (const RunningProcess &process : runningProcesses()) {
+        if (process.pid == GetCurrentProcessId())
             continue;
-        if (handle.process != opened) {
-            process.reset(OpenProcess(PROCESS_DUP_HANDLE, FALSE, handle.process));
-            opened = handle.process;
-        }
-        if (process && isSocketWith(handle, process.get(), inode))
-            return handle.process;
+        const KernelHandle opened(OpenProcess(PROCESS_DUP_HANDLE, FALSE, process.pid));
+        const auto isIt = [&](HANDLE handle) { return isSocketWith(opened.get(), handle, inode); };
+        if (opened && anyHandlePlace(process, isIt))
+            return process.pid;
     }
     return 0;
 }

@@ -2,7 +2,7 @@
 
 #include "kernel/system_call.h"
 #include "namespace/linux_command.h"
-#include "windows/process/own_resources.h"
+#include "windows/support/own_resources.h"
 #include "wintun/udp_packet.h"
 #include "wintun/wintun_library.h"
 
