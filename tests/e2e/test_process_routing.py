@@ -2,7 +2,7 @@
 
 import pytest
 
-from bench import core, programs, traffic, tunnel
+from bench import core, programs, traffic, tunnel, wait_for
 from bench.internet_server import IDENTITY_PORTS
 
 pytestmark = pytest.mark.parametrize("bench", [("host", "net")], indirect=True)
@@ -75,8 +75,9 @@ def test_programs_that_are_open_at_once_are_told_apart(running, core_client):
         for client in clients:
             client.close()
     endpoint = f"{SERVER}:{traffic.ECHO[1]}"
-    core.wait_for_taken(core_client, "proxy", "tcp", endpoint)
-    assert [entry[0] for entry in core.taken(core_client) if entry[2] == endpoint] == ["proxy", "proxy"]
+    ways = lambda: [entry[0] for entry in core.taken(core_client) if entry[2] == endpoint]
+    wait_for(lambda: len(ways()) >= 2, what="two connections in the core's log")
+    assert ways() == ["proxy", "proxy"]
     assert running.log.texts().count(f"[TCP-NAT] Using DIRECT routing to {endpoint}") == 2
 
 
@@ -98,6 +99,6 @@ def test_an_owner_that_cannot_be_told_is_proxied(running, core_client, ways):
     running.log.expect(DIRECT_LINE)
     tunnel.start(core_client, direct_processes=["shop.exe"])
     assert ways.of_windows("shop.exe") == "direct"
-    # Every second call: the one that fills the table.
-    running.plan_failures(*(f"GetExtendedTcpTable {number} 31" for number in range(2, 40, 2)))
+    # From the second call on: the first only tells the table's size.
+    running.plan_failures("GetExtendedTcpTable 2+ 31")
     assert ways.of_windows("shop.exe") == "proxy"

@@ -5,8 +5,8 @@
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
 #include "windows/process/child.h"
-#include "windows/support/own_resources.h"
 #include "windows/support/call_journal.h"
+#include "windows/support/own_resources.h"
 
 #include <gtest/gtest.h>
 

@@ -4,8 +4,8 @@
 #include "support/qt_printers.h"
 #include "support/wait_until.h"
 #include "windows/process/child.h"
-#include "windows/support/own_resources.h"
 #include "windows/support/import_redirection.h"
+#include "windows/support/own_resources.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "windows/process/managed_process_fixture.h"
 
-#include "windows/support/own_resources.h"
 #include "windows/support/import_redirection.h"
+#include "windows/support/own_resources.h"
 
 #include <QElapsedTimer>
 #include <QHash>

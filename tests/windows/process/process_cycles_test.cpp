@@ -3,8 +3,8 @@
 
 #include "windows/process/process_manager_fixture.h"
 
-#include "windows/support/own_resources.h"
 #include "windows/process/volume.h"
+#include "windows/support/own_resources.h"
 
 #include <QElapsedTimer>
 
