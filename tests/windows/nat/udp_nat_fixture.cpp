@@ -37,6 +37,11 @@ void AssociationProxy::serve(ProxyConnection &connection)
 
 void AssociationProxy::endAssociations()
 {
+    // A client may know that its association stands before this side has put the connection away.
+    EXPECT_TRUE(waitUntil([this] {
+        const std::lock_guard lock(m_mutex);
+        return std::cmp_equal(m_kept.size(), connections());
+    }));
     const std::lock_guard lock(m_mutex);
     m_kept.clear();
 }
