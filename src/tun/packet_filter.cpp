@@ -28,7 +28,8 @@ constexpr std::uint8_t routing = 43;
 constexpr std::uint8_t fragment = 44;
 constexpr std::uint8_t destinationOptions = 60;
 
-// The packet was parsed, so every step of the walk lies within it.
+// The packet was parsed, so the first two bytes of every header lie within it. Not more: a length that wraps is a step
+// of no bytes, and the packet may end right behind it.
 bool isIpv6Fragment(std::span<const std::uint8_t> packet)
 {
     std::uint8_t next = packet[6];
@@ -36,7 +37,7 @@ bool isIpv6Fragment(std::span<const std::uint8_t> packet)
     while (next == hopByHop || next == routing || next == destinationOptions || next == fragment) {
         if (next == fragment) {
             // An offset of 0 without "more fragments" is a whole packet (RFC 6946).
-            return packet[at + 2] != 0 || (packet[at + 3] & 0xF9) != 0;
+            return packet.size() >= at + 4 && (packet[at + 2] != 0 || (packet[at + 3] & 0xF9) != 0);
         }
         next = packet[at];
         at += static_cast<std::uint8_t>((packet[at + 1] + 1) * 8);

@@ -1,8 +1,10 @@
-// Whatever a packet holds, the parser stays within it and says what a plain reading by offsets says.
+// Whatever a packet holds, the parser and the filter behind it stay within it and say what a plain reading by offsets
+// says.
 //
 // Input: the packet.
 
 #include "fuzz_check.h"
+#include "tun/packet_filter.h"
 #include "tun/packet_parser.h"
 #include "unit/packet_reference.h"
 
@@ -110,6 +112,30 @@ void checkAddresses(const ParsedPacket &parsed, const Bytes &packet)
     FUZZ_CHECK(std::memcmp(parsed.dstIp6.data(), v4 ? none : packet.data() + 24, 16) == 0);
 }
 
+/// Of a valid packet.
+bool isPartOfAnother(const Bytes &packet)
+{
+    if (packet.at(0) / 16 == 4)
+        return (get16(packet, 6) & 0x3fff) != 0;
+    std::size_t offset = 40;
+    std::uint8_t type = packet.at(6);
+    while (type == 0 || type == 43 || type == 60) {
+        type = packet.at(offset);
+        offset += (packet.at(offset + 1) + 1U) * 8 % 256;
+    }
+    return type == 44 && offset + 4 <= packet.size() && (get16(packet, offset + 2) & 0xfff9) != 0;
+}
+
+bool leadsNowhere(const Bytes &packet)
+{
+    if (packet.at(0) / 16 == 4) {
+        return packet.at(16) == 127 || packet.at(16) / 16 == 14 || get16(packet, 16) == 0xa9fe
+            || packet.at(19) == 255;
+    }
+    static const Bytes s_loopback{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    return packet.at(24) == 255 || std::memcmp(packet.data() + 24, s_loopback.data(), s_loopback.size()) == 0;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
@@ -127,5 +153,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     FUZZ_CHECK(parsed.version == packet.at(0) / 16);
     checkAddresses(parsed, packet);
     checkTransport(parsed, packet, *transport);
+    FUZZ_CHECK(ruvo::isFragment(parsed) == isPartOfAnother(packet));
+    FUZZ_CHECK(ruvo::isUnroutable(parsed) == leadsNowhere(packet));
     return 0;
 }

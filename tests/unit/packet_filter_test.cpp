@@ -106,6 +106,25 @@ TEST(PacketFilter, goesByTheLengthOfEachHeader)
     EXPECT_FALSE(isFragment(packet));
 }
 
+TEST(PacketFilter, doesNotReadBehindAFragmentHeaderThatIsCutShort)
+{
+    // A length that wraps to no bytes makes the packet valid though it ends within the header. Its memory ends there
+    // too; what follows it in `whole` says that it is a fragment.
+    PacketBytes whole = ipv6Packet({fragment});
+    whole[41] = 31;
+    whole[42] = 0xFF;
+    whole[43] = 0xFF;
+    EXPECT_TRUE(isFragment(whole));
+    for (const std::ptrdiff_t size : {42, 43}) {
+        PacketBytes exact(whole.begin(), whole.begin() + size);
+        exact.shrink_to_fit();
+        EXPECT_FALSE(isFragment(exact)) << size;
+        const ParsedPacket prefix = parsePacket(whole.data(), static_cast<std::size_t>(size));
+        EXPECT_TRUE(prefix.valid);
+        EXPECT_FALSE(ruvo::isFragment(prefix)) << size;
+    }
+}
+
 TEST(PacketFilter, packetsWithoutAFragmentHeaderAreWhole)
 {
     EXPECT_FALSE(isFragment(ipv6Packet({})));
