@@ -2,11 +2,20 @@
 
 namespace ruvo {
 
+namespace {
+
+// Routes appear between the call that asks for the size and the one that fills the buffer, several at once while an
+// interface comes up. Without room for them there would seem to be no default route.
+constexpr ULONG rowsInBetween = 64;
+
+} // namespace
+
 ForwardTable::ForwardTable()
 {
     ULONG size = 0;
     if (GetIpForwardTable(nullptr, &size, FALSE) != ERROR_INSUFFICIENT_BUFFER)
         return;
+    size += rowsInBetween * sizeof(MIB_IPFORWARDROW);
     m_buffer.resize(size);
     if (GetIpForwardTable(reinterpret_cast<MIB_IPFORWARDTABLE *>(m_buffer.data()), &size, FALSE) != NO_ERROR)
         m_buffer.clear();

@@ -159,6 +159,7 @@ DWORD FakeIpHelper::fillForwardTable(PMIB_IPFORWARDTABLE table, PULONG size, BOO
         static_cast<ULONG>(offsetof(MIB_IPFORWARDTABLE, table) + forwardTable.size() * sizeof(MIB_IPFORWARDROW));
     if (!table || *size < needed) {
         *size = needed;
+        forwardTable.insert(forwardTable.end(), rowsInBetween.begin(), rowsInBetween.end());
         return ERROR_INSUFFICIENT_BUFFER;
     }
     table->dwNumEntries = static_cast<DWORD>(forwardTable.size());

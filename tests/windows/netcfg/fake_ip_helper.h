@@ -35,6 +35,8 @@ public:
     FakeIpHelper &operator=(const FakeIpHelper &) = delete;
 
     std::vector<ForwardRow> forwardTable;
+    /// What comes between the two look-ups of one reading.
+    std::vector<ForwardRow> rowsInBetween;
     DWORD interfaceIndex = 7;
     GUID interfaceGuid{0x12345678, 0x9ABC, 0xDEF0, {1, 2, 3, 4, 5, 6, 7, 8}};
     ULONG currentMetric = 25;

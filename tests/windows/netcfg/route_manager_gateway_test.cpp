@@ -93,12 +93,25 @@ TEST(ForwardTable, isHowItWasAtOneMoment)
     EXPECT_EQ(ForwardTable().rows().size(), 0u);
 }
 
-TEST(ForwardTable, isEmptyIfItGrewMeanwhile)
+TEST(ForwardTable, hasRoomForRoutesThatComeMeanwhile)
 {
     FakeIpHelper ipHelper;
-    ipHelper.forwardTable = {lan};
-    ipHelper.failForwardTable(2, ERROR_INSUFFICIENT_BUFFER);
+    ipHelper.forwardTable = {viaLan};
+    ipHelper.rowsInBetween.assign(64, lan);
+    const ForwardTable table;
+    ASSERT_EQ(table.rows().size(), 65u);
+    EXPECT_EQ(table.rows()[0].dwForwardNextHop, htonl(0xC0A80101));
+    EXPECT_EQ(table.rows()[64].dwForwardDest, htonl(0xC0A80100));
+    EXPECT_EQ(ipHelper.forwardTableCalls, 2);
+}
+
+TEST(ForwardTable, isEmptyIfItGrewOutOfItsRoomMeanwhile)
+{
+    FakeIpHelper ipHelper;
+    ipHelper.forwardTable = {viaLan};
+    ipHelper.rowsInBetween.assign(65, lan);
     EXPECT_TRUE(ForwardTable().rows().empty());
+    EXPECT_EQ(ipHelper.forwardTableCalls, 2) << "it is not read again";
 }
 
 } // namespace
