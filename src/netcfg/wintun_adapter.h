@@ -69,15 +69,16 @@ private:
     void readPackets();
     bool requireAdapter() const;
 
+    // The order matters: what goes last comes first. The library is unloaded before all else.
+    PacketCallback m_packetCallback;
+    const KernelHandle m_quitEvent;
     WintunLibrary m_library;
     wintun::AdapterHandle m_adapter = nullptr;
     wintun::SessionHandle m_session = nullptr;
     NET_LUID m_luid{};
-    PacketCallback m_packetCallback;
     std::atomic<bool> m_running = false;
     std::atomic<bool> m_reading = false;
     std::thread m_readerThread;
-    const KernelHandle m_quitEvent;
 };
 
 /// Makes Windows forget the names that it has resolved. False (and logged) if it does not.

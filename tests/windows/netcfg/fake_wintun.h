@@ -49,6 +49,8 @@ public:
     QStringList calls() const;
     qsizetype count(const QString &call) const { return calls().count(call); }
     void clear();
+    /// A line of the test's own among the calls, from any thread.
+    void note(const QString &call);
     /// What was sent, and what the reader gave back.
     QByteArrayList sent() const;
     QByteArrayList released() const;
@@ -58,8 +60,6 @@ public:
 private:
     struct Functions;
     friend struct Functions;
-
-    void note(const QString &call);
 
     mutable std::mutex m_mutex;
     QStringList m_calls;

@@ -9,6 +9,7 @@
 
 #include <QUuid>
 
+#include <memory>
 #include <optional>
 
 namespace ruvo {
@@ -146,15 +147,33 @@ TEST_F(WintunAdapterTest, saysWhyThereIsNoSession)
 
 TEST_F(WintunAdapterTest, takesDownWhatIsUpInOrder)
 {
+    HANDLE quitEvent = nullptr; // the only event that an adapter makes
+    {
+        const test::ImportRedirection<IMPORT(CreateEventW)> createEvent(
+            [&](auto... arguments) { return quitEvent = createEvent.real(arguments...); });
+        m_adapter.emplace();
+    }
+    ASSERT_NE(quitEvent, nullptr);
+    ASSERT_TRUE(m_adapter->load(FakeWintun::path));
     create();
     ASSERT_TRUE(m_adapter->startSession(0x1000000));
+    const auto noteEnd = [this](void *) { m_fake.note("the callback goes"); };
+    m_adapter->setPacketCallback([held = std::shared_ptr<void>(nullptr, noteEnd)](auto...) {});
     m_adapter->startReading();
     ASSERT_TRUE(m_adapter->isReading());
     m_fake.clear();
-    m_adapter.reset();
-    EXPECT_EQ(m_fake.calls().filter("WintunGetReadWaitEvent").size() + 3, m_fake.calls().size());
-    EXPECT_EQ(m_fake.calls().last(3),
-              (QStringList{"WintunEndSession 5e55", "WintunCloseAdapter ada", "FreeLibrary"}));
+    {
+        const test::ImportRedirection<IMPORT(CloseHandle)> closeHandle([&](HANDLE handle) {
+            if (handle == quitEvent)
+                m_fake.note("CloseHandle of the quit event");
+            return closeHandle.real(handle);
+        });
+        m_adapter.reset();
+    }
+    const QStringList inOrder = {"WintunEndSession 5e55", "WintunCloseAdapter ada", "FreeLibrary",
+                                 "CloseHandle of the quit event", "the callback goes"};
+    EXPECT_EQ(m_fake.calls().filter("WintunGetReadWaitEvent").size() + inOrder.size(), m_fake.calls().size());
+    EXPECT_EQ(m_fake.calls().last(inOrder.size()), inOrder);
 }
 
 TEST_F(WintunAdapterTest, closesNothingThatItNeverHad)
