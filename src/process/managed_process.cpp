@@ -82,6 +82,8 @@ bool ManagedProcess::launchWindowsProcess(const QJsonObject &)
     adopt(std::move(launch));
     qCDebug(lcRuvod) << "[ProcessManager] Process started with PID:" << m_info.pid;
     emit processStarted(processId());
+    if (!m_launch) // who heard of the start has ended the child already
+        return true;
     startMonitor();
     startReader();
     return true;

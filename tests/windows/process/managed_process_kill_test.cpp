@@ -4,6 +4,7 @@
 
 #include <QElapsedTimer>
 #include <QRegularExpression>
+#include <QThread>
 
 namespace ruvo {
 namespace {
@@ -43,6 +44,21 @@ TEST_F(ManagedProcessKill, isFinalEvenWhereRestartsAreAllowed)
     }
     EXPECT_EQ(count("started"), 20);
     EXPECT_FALSE(log.contains("handleProcessExit"));
+}
+
+TEST_F(ManagedProcessKill, mayComeFromWhoHearsOfTheStart)
+{
+    KernelHandle child;
+    QObject::connect(process.get(), &ManagedProcess::processStarted, [&] {
+        child = openChild();
+        process->kill();
+    });
+    EXPECT_TRUE(start(waiting));
+    EXPECT_TRUE(hasEnded(child));
+    expectNoRun();
+    EXPECT_TRUE(process->findChildren<QThread *>().isEmpty());
+    test::processPending();
+    EXPECT_EQ(heard, QStringList({"started"}));
 }
 
 TEST_F(ManagedProcessKill, tellsTheMonitorBeforeItEndsTheChild)
