@@ -65,9 +65,9 @@ CreateProcessCall callOf(const ProcessInfo &info)
     return call;
 }
 
-TEST(ChildLaunch, callsCreateProcessForAHiddenConsoleAndGroupOfItsOwn)
+/// Whether it was called for testchild with `--sleep 0`, which gets a hidden console and a group of its own.
+void expectPlainCall(const CreateProcessCall &call)
 {
-    const CreateProcessCall call = callOf(test::childInfo({"--sleep", "0"}));
     EXPECT_FALSE(call.applicationNamed);
     EXPECT_EQ(call.commandLine, '"' + test::testChildPath() + R"(" "--sleep" "0")");
     EXPECT_FALSE(call.hasSecurity);
@@ -85,6 +85,20 @@ TEST(ChildLaunch, callsCreateProcessForAHiddenConsoleAndGroupOfItsOwn)
     expected.hStdError = call.startup.hStdError;
     EXPECT_EQ(std::memcmp(&call.startup, &expected, sizeof(expected)), 0);
     EXPECT_TRUE(call.streamsInheritable);
+}
+
+TEST(ChildLaunch, callsCreateProcessForAHiddenConsoleAndGroupOfItsOwn)
+{
+    expectPlainCall(callOf(test::childInfo({"--sleep", "0"})));
+}
+
+TEST(ChildLaunch, makesNothingOfEnvironmentPrivilegesAndSession)
+{
+    ProcessInfo info = test::childInfo({"--sleep", "0"});
+    info.environment = {{"A", "1"}};
+    info.privileges = "user";
+    info.sessionId = 3;
+    expectPlainCall(callOf(info));
 }
 
 TEST(ChildLaunch, namesTheWorkingDirectoryOnlyIfThereIsOne)
