@@ -19,6 +19,8 @@ protected:
         test::waitUntil([this] { return m_sinceConstruction.elapsed() > 1300; });
     }
 
+    qint64 sinceConstruction() const { return m_sinceConstruction.elapsed(); }
+
 private:
     QElapsedTimer m_sinceConstruction = [] {
         QElapsedTimer timer;
@@ -51,6 +53,14 @@ TEST_F(ProcessManagerSweep, logsNothingWhereThereIsNothingToRemove)
     log.clear();
     waitForSweep();
     EXPECT_FALSE(log.contains("stale"));
+}
+
+TEST_F(ProcessManagerSweep, comesASecondAfterTheConstruction)
+{
+    ASSERT_EQ(start("killed", waiting)["status"], "started");
+    manager->killProcess("killed");
+    ASSERT_TRUE(test::waitUntil([this] { return registered() == 0; }));
+    EXPECT_GE(sinceConstruction(), 700); // and the event loop has run since the start
 }
 
 TEST_F(ProcessManagerSweep, comesOnce)
