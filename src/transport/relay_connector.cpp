@@ -53,7 +53,11 @@ void RelayConnector::relay(Socket socket, const TcpNatSessionPtr &session)
 
 void RelayConnector::connectAndStart(PendingClient client, const RelayRoute &route)
 {
-    setNonBlocking(client.socket());
+    if (!setNonBlocking(client.socket())) {
+        const int error = WSAGetLastError();
+        qCWarning(lcRuvod) << "[TCP-NAT] Failed to make the client socket non-blocking:" << error;
+        return;
+    }
     // It may have given up while others were connected.
     if (client.hasGone())
         return;

@@ -51,7 +51,7 @@ public:
     /// Once the stop event is set: waits for the connects, then aborts all relays.
     void stop();
     /// Once a second.
-    void housekeeping() { m_relays.abortOverdue(); }
+    void housekeeping() { m_relays.closeOverdue(); }
     std::size_t relays() const { return m_relays.size(); }
 
 private:

@@ -132,11 +132,13 @@ void RelaySession::SendOperation::completed(const std::shared_ptr<void> &record,
 void RelaySession::onReceived(Side &from, DWORD bytes, DWORD error)
 {
     from.receivePending = false;
+    if (error == ERROR_OPERATION_ABORTED && m_endingSince != 0) // by end()
+        return postReceive(from);
     if (error != NO_ERROR)
         return close(Closing::Abortive);
     if (bytes == 0)
         return end(from);
-    if (m_endingSince != 0) // the other end has been told that nothing comes any more
+    if (isFinished(otherSide(from)))
         return postReceive(from);
     from.received += bytes;
     forward(from, bytes);
@@ -196,31 +198,46 @@ void RelaySession::end(Side &side)
 {
     Side &other = otherSide(side);
     side.ended = true;
-    std::int64_t notEnding = 0;
-    m_endingSince.compare_exchange_strong(notEnding, steadyNanoseconds());
     bool isConnected = true;
     {
         const std::lock_guard lock(m_mutex);
-        // A chunk that is on its way to this side goes out first: postReceive finishes it then.
-        if (other.receivePending || other.ended)
-            isConnected = finish(side);
-        if (isConnected)
+        isConnected = side.finished || isStillConnected(side);
+        if (isConnected) {
+            std::int64_t notEnding = 0;
+            m_endingSince.compare_exchange_strong(notEnding, steadyNanoseconds());
             finish(other);
+            // A chunk that is on its way to this side goes out first, even one that has been received and that nobody
+            // has looked at yet: postReceive finishes this side then.
+            if (other.ended)
+                finish(side);
+            else if (other.receivePending)
+                CancelIoEx(reinterpret_cast<HANDLE>(other.socket.get()), &other.receive);
+        }
     }
-    // A reset whose error nobody told of looks like an end, but nothing is left then that could be shut down.
     if (!isConnected)
         return close(Closing::Abortive);
     if (side.ended && other.ended)
         close(Closing::Graceful);
 }
 
-/// All that goes to this side has gone out. False: the connection is gone.
-bool RelaySession::finish(Side &side)
+/// A reset whose error nobody told of looks like an end. Nothing is sent by this, and it fails after one.
+bool RelaySession::isStillConnected(const Side &side)
 {
-    if (std::exchange(side.finished, true))
-        return true;
-    // Nothing is sent by this: it fails once the connection has been reset.
-    return ::send(side.socket.get(), "", 0, 0) == 0 && ::shutdown(side.socket.get(), SD_SEND) == 0;
+    return ::send(side.socket.get(), "", 0, 0) == 0 || WSAGetLastError() == WSAEWOULDBLOCK;
+}
+
+/// All that goes to this side has gone out.
+void RelaySession::finish(Side &side)
+{
+    if (!std::exchange(side.finished, true))
+        ::shutdown(side.socket.get(), SD_SEND);
+}
+
+/// Then what still comes for it is dropped.
+bool RelaySession::isFinished(const Side &side)
+{
+    const std::lock_guard lock(m_mutex);
+    return side.finished;
 }
 
 void RelaySession::abort()
@@ -228,11 +245,13 @@ void RelaySession::abort()
     close(Closing::Abortive);
 }
 
-void RelaySession::abortIfOverdue(std::int64_t now)
+// Gracefully: the last that was sent may still lie in a socket, for an application that takes its time to read it.
+// What has not even come that far is waited for.
+void RelaySession::closeIfOverdue(std::int64_t now)
 {
     const std::int64_t since = m_endingSince;
-    if (since != 0 && now - since >= endingTime)
-        abort();
+    if (since != 0 && now - since >= endingTime && !m_client.sendPending && !m_destination.sendPending)
+        close(Closing::Graceful);
 }
 
 void RelaySession::close(Closing closing)

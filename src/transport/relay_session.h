@@ -35,8 +35,8 @@ public:
     void start();
     /// Ends both connections at once, so that neither end takes what it has for the whole.
     void abort();
-    /// Aborts one that has been ending for longer than endingTime.
-    void abortIfOverdue(std::int64_t now);
+    /// Closes one that has been ending for longer than endingTime.
+    void closeIfOverdue(std::int64_t now);
 
     std::uint64_t id() const { return m_id; }
     bool isDirect() const { return m_isDirect; }
@@ -88,7 +88,9 @@ private:
     void forward(Side &from, DWORD bytes);
     void onSendFailed(Side &to);
     void end(Side &side);
-    static bool finish(Side &side);
+    static bool isStillConnected(const Side &side);
+    static void finish(Side &side);
+    bool isFinished(const Side &side);
     enum class Closing { Graceful, Abortive };
     void close(Closing closing);
 

@@ -26,7 +26,7 @@ void RelayTable::remove(std::uint64_t id)
     }
 }
 
-void RelayTable::abortOverdue()
+void RelayTable::closeOverdue()
 {
     std::vector<RelaySessionPtr> sessions;
     {
@@ -37,7 +37,7 @@ void RelayTable::abortOverdue()
     }
     const std::int64_t now = steadyNanoseconds();
     for (const RelaySessionPtr &session : sessions)
-        session->abortIfOverdue(now);
+        session->closeIfOverdue(now);
 }
 
 void RelayTable::closeAll()

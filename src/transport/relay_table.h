@@ -20,8 +20,8 @@ public:
     /// False, and nothing is kept, after closeAll.
     bool insert(const RelaySessionPtr &session);
     void remove(std::uint64_t id);
-    /// Aborts those whose second direction does not end.
-    void abortOverdue();
+    /// Closes those whose second direction does not end.
+    void closeOverdue();
     /// Aborts all; nothing is inserted any more. Logs how many they were.
     void closeAll();
     std::size_t size() const;

@@ -41,10 +41,11 @@ inline void setNoDelay(SOCKET socket)
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char *>(&on), sizeof(on));
 }
 
-inline void setNonBlocking(SOCKET socket)
+/// False: WSAGetLastError tells why, and calls on the socket still block.
+inline bool setNonBlocking(SOCKET socket)
 {
     u_long on = 1;
-    ioctlsocket(socket, static_cast<long>(FIONBIO), &on);
+    return ioctlsocket(socket, static_cast<long>(FIONBIO), &on) == 0;
 }
 
 /// Closing it will answer whatever still comes with a reset, and throw away what has not gone out.

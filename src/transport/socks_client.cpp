@@ -10,15 +10,6 @@
 
 namespace ruvo {
 
-namespace {
-
-SocketWait::Clock::time_point stepDeadline()
-{
-    return SocketWait::Clock::now() + SocksClient::stepTimeout;
-}
-
-} // namespace
-
 SocksClient::SocksClient(const std::wstring &proxyHost, std::uint16_t proxyPort, HANDLE stopEvent)
     : m_proxyHost(proxyHost)
     , m_proxyPort(proxyPort)
@@ -34,6 +25,7 @@ bool SocksClient::parseProxyAddress(in_addr &address) const
 bool SocksClient::connectToProxy()
 {
     m_connected = false;
+    m_deadline = SocketWait::Clock::now() + attemptTimeout;
     m_tcpSocket.reset(openSocket(SOCK_STREAM, IPPROTO_TCP));
     if (!m_tcpSocket) {
         const int error = WSAGetLastError();
@@ -48,7 +40,7 @@ bool SocksClient::connectToProxy()
         m_tcpSocket.reset();
         return false;
     }
-    if (const int error = connectWithin(m_wait, m_tcpSocket.get(), address, stepDeadline()); error != NO_ERROR) {
+    if (const int error = connectWithin(m_wait, m_tcpSocket.get(), address, m_deadline); error != NO_ERROR) {
         qCWarning(lcRuvod) << "Failed to connect to proxy:" << error;
         m_tcpSocket.reset();
         return false;
@@ -152,12 +144,12 @@ Socket SocksClient::releaseTcpSocket()
 
 bool SocksClient::sendAll(socks5::ByteView bytes)
 {
-    return sendWithin(m_wait, m_tcpSocket.get(), bytes, stepDeadline());
+    return sendWithin(m_wait, m_tcpSocket.get(), bytes, m_deadline);
 }
 
 bool SocksClient::receiveExactly(std::span<std::uint8_t> bytes)
 {
-    return receiveWithin(m_wait, m_tcpSocket.get(), bytes, stepDeadline()) == bytes.size();
+    return receiveWithin(m_wait, m_tcpSocket.get(), bytes, m_deadline) == bytes.size();
 }
 
 // To the reply's own end and no further: the bytes behind it are the stream's, and a server that speaks first may

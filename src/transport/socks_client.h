@@ -14,14 +14,14 @@ namespace ruvo {
 
 /// One connection through the local proxy core's SOCKS5 inbound, or one UDP association with it.
 ///
-/// The blocking half belongs to one thread at a time, waits 10 s at most for a whole connect or handshake step, and
-/// gives up at once when the stop event is set. Every failure is logged as a warning and returned as false; nothing
+/// The blocking half belongs to one thread at a time, waits 10 s at most from its connect to the answer to its
+/// request, and gives up at once when the stop event is set. Every failure is logged as a warning and returned as false; nothing
 /// is tried again, and the socket stays open until close() unless said otherwise. Addresses and ports in host order.
 class SocksClient
 {
 public:
-    /// For each of connect, greeting and request.
-    static constexpr std::chrono::seconds stepTimeout{10};
+    /// For connect, greeting and request together.
+    static constexpr std::chrono::seconds attemptTimeout{10};
 
     /// `proxyHost` is a dotted IPv4 address: names are not resolved. `stopEvent` (not owned) may be null.
     SocksClient(const std::wstring &proxyHost, std::uint16_t proxyPort, HANDLE stopEvent = nullptr);
@@ -68,6 +68,8 @@ private:
     const std::wstring m_proxyHost;
     const std::uint16_t m_proxyPort;
     SocketWait m_wait;
+    /// Of the attempt that connectToProxy began.
+    SocketWait::Clock::time_point m_deadline;
     Socket m_tcpSocket;
     bool m_connected = false;
     Socket m_udpSocket;

@@ -156,7 +156,8 @@ void TcpNatListener::onAcceptCompleted(bool success)
         qCWarning(lcRuvod) << "[TCP-NAT] No NAT session for NAT port" << natPort;
 }
 
-/// The remote port of a connection that was just accepted; 0 if it cannot be told.
+/// The remote port of a connection that was just accepted; 0 if it cannot be told, or if it did not come through the
+/// tunnel: a local program may connect to the listener as well, from a port that is a NAT port of somebody else.
 std::uint16_t TcpNatListener::acceptedPort(SOCKET client)
 {
     const SOCKET listener = m_listenSocket.get();
@@ -172,7 +173,8 @@ std::uint16_t TcpNatListener::acceptedPort(SOCKET client)
     addresses(m_addresses.data(), 0, addressRoom, addressRoom, &local, &localSize, &remote, &remoteSize);
     if (!remote || remote->sa_family != AF_INET)
         return 0;
-    return ntohs(reinterpret_cast<const sockaddr_in *>(remote)->sin_port);
+    const auto *peer = reinterpret_cast<const sockaddr_in *>(remote);
+    return ntohl(peer->sin_addr.s_addr) == m_listenAddress + 1 ? ntohs(peer->sin_port) : 0;
 }
 
 void TcpNatListener::shutdown()

@@ -36,12 +36,15 @@ std::uint16_t TcpNatTable::allocateNatPort(std::uint32_t clientAddress, std::uin
 std::uint16_t TcpNatTable::takeFreePort()
 {
     if (m_portsInUse == portCount - 1) { // 0 is none
-        if (m_ended.empty())
-            return 0;
-        const TcpNatSessionPtr oldest = std::move(m_ended.front().session);
-        m_ended.pop_front();
-        erase(*oldest);
-        return oldest->natPort;
+        while (!m_ended.empty()) {
+            const TcpNatSessionPtr oldest = std::move(m_ended.front().session);
+            m_ended.pop_front();
+            if (m_byNatPort[oldest->natPort] == oldest) {
+                erase(*oldest);
+                return oldest->natPort;
+            }
+        }
+        return 0;
     }
     while (m_nextNatPort == 0 || m_byNatPort[m_nextNatPort])
         ++m_nextNatPort;
@@ -78,10 +81,25 @@ TcpNatSessionPtr TcpNatTable::findByNatPort(std::uint16_t natPort) const
 TcpNatSessionPtr TcpNatTable::accept(std::uint16_t natPort)
 {
     const std::lock_guard lock(m_mutex);
-    const TcpNatSessionPtr session = m_byNatPort[natPort];
-    if (session)
-        session->accepted = true;
+    TcpNatSessionPtr &session = m_byNatPort[natPort];
+    if (!session)
+        return nullptr;
+    // A client may reset and open the same connection anew before the end of the old one has been seen here. It gets
+    // a session of its own, or that end would take the new one's port away.
+    if (session->accepted || !session->active)
+        replace(session);
+    session->accepted = true;
     return session;
+}
+
+void TcpNatTable::replace(TcpNatSessionPtr &session)
+{
+    const TcpNatSessionPtr old = session;
+    session.reset(new TcpNatSession{old->clientAddress, old->clientPort, old->destinationAddress,
+                                    old->destinationPort, old->natPort, m_clock()});
+    const auto byClient = m_byClient.find(keyOf(*old));
+    if (byClient != m_byClient.end() && byClient->second == old)
+        byClient->second = session;
 }
 
 void TcpNatTable::end(const TcpNatSessionPtr &session)

@@ -63,7 +63,8 @@ public:
     TcpNatSessionPtr findByClient(std::uint32_t clientAddress, std::uint16_t clientPort) const;
     TcpNatSessionPtr findByNatPort(std::uint16_t natPort) const;
 
-    /// As findByNatPort, for the listener: the session is in use from now on and lasts until `end`.
+    /// As findByNatPort, for the listener: the session is in use from now on and lasts until `end`. Each connection
+    /// gets one of its own.
     TcpNatSessionPtr accept(std::uint16_t natPort);
     /// The connection is over; its port is free after the linger time, or sooner when ports run out.
     void end(const TcpNatSessionPtr &session);
@@ -98,6 +99,7 @@ private:
 
     static ClientKey keyOf(const TcpNatSession &session);
     std::uint16_t takeFreePort();
+    void replace(TcpNatSessionPtr &session);
     void erase(const TcpNatSession &session);
 
     const Clock m_clock;

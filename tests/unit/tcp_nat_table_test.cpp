@@ -166,11 +166,53 @@ TEST_F(TcpNatTableTest, findsTheOnlyFreePortWhereverItIs)
     const TcpNatSessionPtr freed = m_table.accept(29998);
     m_table.end(freed);
     pass(TcpNatTable::lingerTime);
-    for (int port = 1; port <= allPorts; ++port)
-        m_table.accept(static_cast<std::uint16_t>(port));
+    for (int port = 1; port <= allPorts; ++port) {
+        if (port != freed->natPort)
+            m_table.accept(static_cast<std::uint16_t>(port));
+    }
     m_table.expire();
     ASSERT_EQ(m_table.size(), std::size_t{allPorts - 1});
     EXPECT_EQ(open(1, otherServer), 29998);
+}
+
+// A client resets its connection and opens the same one anew: its SYN may come before the end of the old one is known,
+// and so may its accept.
+TEST_F(TcpNatTableTest, givesEachAcceptedConnectionASessionOfItsOwn)
+{
+    for (const bool endsBeforeTheAccept : {true, false}) {
+        const TcpNatSessionPtr old = accepted(5000);
+        const std::uint16_t natPort = open(5000);
+        EXPECT_EQ(natPort, old->natPort);
+        if (endsBeforeTheAccept)
+            m_table.end(old);
+        const TcpNatSessionPtr fresh = m_table.accept(natPort);
+        if (!endsBeforeTheAccept)
+            m_table.end(old);
+        ASSERT_TRUE(fresh);
+        EXPECT_NE(fresh, old);
+        EXPECT_TRUE(fresh->active);
+        EXPECT_EQ(fresh->destinationPort, 443);
+        EXPECT_EQ(m_table.findByClient(client, 5000), fresh);
+        pass(TcpNatTable::lingerTime);
+        m_table.expire();
+        EXPECT_EQ(m_table.findByNatPort(natPort), fresh) << "the old one's end is not its end";
+        EXPECT_EQ(find(5000), natPort);
+        EXPECT_EQ(m_table.size(), 1u);
+        m_table.end(fresh);
+        pass(TcpNatTable::lingerTime);
+        m_table.expire();
+        EXPECT_EQ(m_table.size(), 0u);
+    }
+}
+
+TEST_F(TcpNatTableTest, doesNotTakeThePortOfAConnectionThatWasOpenedAnew)
+{
+    fill();
+    const TcpNatSessionPtr old = m_table.accept(find(5000));
+    m_table.end(old);
+    const TcpNatSessionPtr fresh = m_table.accept(old->natPort);
+    EXPECT_EQ(open(1, otherServer), 0);
+    EXPECT_EQ(m_table.findByNatPort(old->natPort), fresh);
 }
 
 TEST_F(TcpNatTableTest, givesNothingWhenEveryPortIsAlive)

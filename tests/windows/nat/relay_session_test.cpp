@@ -102,26 +102,49 @@ TEST_F(RelaySessionTest, resetsBothEndsWhenItIsAborted)
 TEST_F(RelaySessionTest, isNotOverdueBeforeADirectionHasEnded)
 {
     const Ends ends = start();
-    ends.relay->abortIfOverdue(steadyNanoseconds() + 10 * RelaySession::endingTime);
+    ends.relay->closeIfOverdue(steadyNanoseconds() + 10 * RelaySession::endingTime);
     ASSERT_TRUE(sendAll(ends.server.get(), "hello"));
     EXPECT_EQ(receiveBytes(ends.application.get(), 5), "hello");
     EXPECT_EQ(m_closed, 0);
 }
 
-TEST_F(RelaySessionTest, isResetWhenItsSecondDirectionDoesNotEnd)
+TEST_F(RelaySessionTest, isClosedWhenItsSecondDirectionDoesNotEnd)
 {
     Ends ends = start();
     ASSERT_EQ(shutdown(ends.application.get(), SD_SEND), 0);
     EXPECT_EQ(readToEnd(ends.server.get()), Ending::Proper);
     const std::int64_t now = steadyNanoseconds();
-    ends.relay->abortIfOverdue(now + RelaySession::endingTime - 20'000'000'000);
+    ends.relay->closeIfOverdue(now + RelaySession::endingTime - 20'000'000'000);
     EXPECT_EQ(m_closed, 0);
-    m_table.abortOverdue();
+    m_table.closeOverdue();
     EXPECT_EQ(m_closed, 0) << "30 s are not over";
-    ends.relay->abortIfOverdue(now + RelaySession::endingTime);
+    ends.relay->closeIfOverdue(now + RelaySession::endingTime);
     ends.relay.reset();
     EXPECT_TRUE(waitForClosed(1));
-    EXPECT_FALSE(sendAll(ends.server.get(), pattern(10'000'000))) << "nobody is there any more";
+    EXPECT_TRUE(waitUntil([&] { return !sendAll(ends.server.get(), "x"); })) << "nobody is there any more";
+}
+
+TEST_F(RelaySessionTest, leavesTheLastBytesToAnApplicationThatReadsThemLater)
+{
+    Ends ends = start();
+    const QByteArray sent = sendUntilStalled(ends.server.get());
+    ASSERT_EQ(shutdown(ends.server.get(), SD_SEND), 0);
+    // What still waits for room towards the application holds the relay however long that takes.
+    const std::int64_t later = steadyNanoseconds() + 10 * RelaySession::endingTime;
+    ends.relay->closeIfOverdue(later);
+    EXPECT_EQ(m_closed, 0);
+    QByteArray received;
+    EXPECT_TRUE(waitUntil([&] {
+        if (std::cmp_less(received.size(), sent.size()) && m_closed == 0)
+            received += receiveBytes(ends.application.get(), 4096);
+        ends.relay->closeIfOverdue(later);
+        return m_closed == 1;
+    }));
+    ends.relay.reset();
+    EXPECT_LT(received.size(), sent.size()) << "the last of it lay in a socket when the relay ended";
+    received += receiveBytes(ends.application.get(), sent.size() - received.size());
+    EXPECT_TRUE(received == sent) << received.size() << " of " << sent.size();
+    EXPECT_EQ(readToEnd(ends.application.get()), Ending::Proper);
 }
 
 TEST_F(RelaySessionTest, tellsWhetherItIsDirect)

@@ -2,6 +2,7 @@
 
 #include "windows/nat/nat_test.h"
 
+#include "transport/socket_options.h"
 #include "transport/tcp_nat_listener.h"
 
 #include <mutex>
@@ -37,11 +38,15 @@ protected:
         NatTest::TearDown();
     }
 
+    /// The listener's address and the next one, which packets from the tunnel come from.
+    static constexpr std::uint32_t listenAddress = INADDR_LOOPBACK;
+    static constexpr std::uint32_t natAddress = listenAddress + 1;
+
     /// From `sourcePort`, or any if it is 0. None if that port is taken, or nobody listens.
-    Socket connectFrom(std::uint16_t sourcePort) const
+    Socket connectFrom(std::uint16_t sourcePort, std::uint32_t sourceAddress = natAddress) const
     {
         Socket socket(WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED));
-        const sockaddr_in source = loopbackAddress(sourcePort);
+        const sockaddr_in source = socketAddress(sourceAddress, sourcePort);
         const sockaddr_in listener = loopbackAddress(m_listenPort);
         if (bind(socket.get(), reinterpret_cast<const sockaddr *>(&source), sizeof(source)) != 0
             || connect(socket.get(), reinterpret_cast<const sockaddr *>(&listener), sizeof(listener)) != 0) {

@@ -60,6 +60,21 @@ TEST_F(TcpNatListenerTest, closesAConnectionFromAPortWithoutASession)
     EXPECT_TRUE(takeAccepted()) << "the next one is served";
 }
 
+TEST_F(TcpNatListenerTest, closesAConnectionThatDidNotComeThroughTheTunnel)
+{
+    ASSERT_TRUE(start());
+    Client client = connectClient();
+    const std::optional<Accepted> accepted = takeAccepted();
+    ASSERT_TRUE(accepted);
+    // A local program can bind to any port, and so to one that stands for another's connection.
+    const Socket intruder = connectFrom(client.natPort, listenAddress);
+    ASSERT_TRUE(intruder);
+    EXPECT_EQ(readToEnd(intruder.get()), Ending::Proper);
+    EXPECT_TRUE(waitUntil([&] { return m_log.contains("WARNING [TCP-NAT] No NAT session for NAT port 0"); }));
+    EXPECT_EQ(acceptedCount(), 0u);
+    EXPECT_EQ(m_listener->table().findByNatPort(client.natPort), accepted->session);
+}
+
 TEST_F(TcpNatListenerTest, endsWithAnAcceptOutstanding)
 {
     ASSERT_TRUE(start());
