@@ -70,9 +70,10 @@ TEST_F(ProcessManagerCompanion, hasItsOutputFlushedBeforeTheDeviceIsRemoved)
         if (event["event"] == "stdout")
             stepsAtTheOutput = steps();
     });
-    start(companion, {"--print", "text", "--sleep", "1000", "--print", "last", "--sleep", "70"});
-    ASSERT_TRUE(waitFor(companion, "finished: 0"));
+    runUnflushed(companion, {"--print", "last", "--wait"}, 5);
+    EXPECT_EQ(eventsOf(companion), QStringList({"started", "stdout: last\n", "finished: 5"}));
     EXPECT_EQ(stepsAtTheOutput, QStringList({"removal", "launch"}));
+    EXPECT_EQ(steps(), QStringList({"removal", "launch", "removal", "end"}));
 }
 
 TEST_F(ProcessManagerCompanion, hasItsDeviceRemovedThoughItCannotBeLaunched)

@@ -70,6 +70,12 @@ TEST_F(ProcessManagerEvents, areLoggedWhereTheEntryGoes)
               }));
 }
 
+TEST_F(ProcessManagerEvents, tellWhatWasNotYetFlushedBeforeTheEnd)
+{
+    runUnflushed("child", {"--print", "a", "--error", "b", "--wait"}, 4);
+    EXPECT_EQ(eventsOf("child"), QStringList({"started", "stdout: a\n", "stderr: b\n", "finished: 5"}));
+}
+
 TEST_F(ProcessManagerEvents, ofTheEndComeWhileTheEntryIsStillThere)
 {
     qsizetype atTheEnd = -1;

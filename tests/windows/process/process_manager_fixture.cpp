@@ -1,5 +1,9 @@
 #include "windows/process/process_manager_fixture.h"
 
+#include "process/managed_process.h"
+
+#include <QTimer>
+
 #include <vector>
 
 namespace ruvo {
@@ -32,6 +36,27 @@ std::unique_ptr<ProcessManager> sweptManager()
     std::unique_ptr<ProcessManager> manager = std::move(s_pool.back());
     s_pool.pop_back();
     return manager;
+}
+
+void ProcessManagerTest::runUnflushed(const QString &processId, const QStringList &script, qsizetype bytes)
+{
+    auto *flushTimer = manager->findChild<QTimer *>({}, Qt::FindDirectChildrenOnly);
+    ASSERT_TRUE(flushTimer);
+    flushTimer->stop();
+    ASSERT_EQ(start(processId, script)["status"], "started");
+
+    const auto *process = manager->findChild<ManagedProcess *>();
+    ASSERT_TRUE(process);
+    qsizetype arrived = 0;
+    const QObject listening; // until the end of this function
+    const auto count = [&arrived](const QString &, const QByteArray &data) { arrived += data.size(); };
+    QObject::connect(process, &ManagedProcess::stdoutReady, &listening, count);
+    QObject::connect(process, &ManagedProcess::stderrReady, &listening, count);
+    ASSERT_TRUE(test::waitUntil([&] { return arrived >= bytes; }));
+    EXPECT_EQ(eventsOf(processId), QStringList({"started"}));
+
+    ASSERT_TRUE(TerminateProcess(process->info().processHandle, 5));
+    ASSERT_TRUE(waitFor(processId, "finished: 5"));
 }
 
 } // namespace ruvo

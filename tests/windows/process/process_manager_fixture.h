@@ -45,6 +45,9 @@ protected:
     {
         return start(processId, script, more)["status"] == "started" && waitFor(processId, "stdout: ready\n");
     }
+    /// Runs a child that writes so many bytes and waits, and ends it with code 5 once they are in the registry, which
+    /// does not flush on time any more: what is told of them is told at the end.
+    void runUnflushed(const QString &processId, const QStringList &script, qsizetype bytes);
     /// Ends every child that is still there. Its end is not heard.
     void killAll()
     {
