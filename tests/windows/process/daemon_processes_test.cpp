@@ -362,6 +362,7 @@ TEST_F(DaemonProcesses, areServedWhileTheDaemonStopsButNotStarted)
                   "INFO [ProcessManager] All processes stopped gracefully",
                   "INFO Daemon stopped",
               }));
+    EXPECT_TRUE(log.contains(R"(Called for process "child" with timeout 10000)"));
     // The end was sent while the pipe was still there.
     EXPECT_TRUE(log.contains(R"(for process "child" event: "finished")"));
 }
