@@ -34,6 +34,7 @@ bool TcpNatListener::initialize(std::uint32_t listenAddress, std::uint16_t reque
     qCWarning(lcRuvod).nospace().noquote()
         << "[TCP-NAT] Listening on " << formatIpv4(listenAddress) << ":" << m_listenPort;
     m_running = true;
+    m_accepting = true;
     postAccept();
     return true;
 }
@@ -99,7 +100,7 @@ bool TcpNatListener::bindListener(SOCKET socket, std::uint16_t requestedPort) co
 void TcpNatListener::postAccept()
 {
     const std::lock_guard lock(m_mutex);
-    if (!m_running || m_acceptSocket)
+    if (!m_accepting || m_acceptSocket)
         return;
     m_acceptSocket.reset(openSocket(SOCK_STREAM, IPPROTO_TCP));
     if (!m_acceptSocket) {
@@ -137,7 +138,7 @@ void TcpNatListener::onAcceptCompleted(bool success)
     {
         const std::lock_guard lock(m_mutex);
         client = std::move(m_acceptSocket);
-        if (!m_running)
+        if (!m_accepting)
             return;
         if (success)
             natPort = acceptedPort(client.get());
@@ -177,8 +178,14 @@ std::uint16_t TcpNatListener::acceptedPort(SOCKET client)
     return ntohl(peer->sin_addr.s_addr) == m_listenAddress + 1 ? ntohs(peer->sin_port) : 0;
 }
 
+void TcpNatListener::stopAccepting()
+{
+    m_accepting = false;
+}
+
 void TcpNatListener::shutdown()
 {
+    stopAccepting();
     if (!m_running.exchange(false))
         return;
     {

@@ -34,6 +34,8 @@ public:
     bool initialize(std::uint32_t listenAddress, std::uint16_t requestedPort, CompletionPort &completionPort,
                     AcceptCallback acceptCallback, std::uint16_t &outPort);
     /// The sockets are closed and the table emptied for good. Once.
+    /// No client is accepted from now on, and those that still arrive are closed. Before shutdown, which may come later.
+    void stopAccepting();
     void shutdown();
 
     std::uint16_t listenPort() const { return m_listenPort; }
@@ -65,6 +67,7 @@ private:
     AcceptCallback m_acceptCallback;
     LPFN_ACCEPTEX m_acceptEx = nullptr;
     std::atomic<bool> m_running = false;
+    std::atomic<bool> m_accepting = false;
 
     std::mutex m_mutex;
     Socket m_listenSocket;

@@ -155,16 +155,30 @@ void UdpNatRelay::touch(UdpNatSession &session)
 void UdpNatRelay::remove(const UdpNatSessionPtr &session)
 {
     session->close();
-    m_byActivity.erase(session->position);
-    m_flows.erase(session->key());
+    forget(*session);
+}
+
+void UdpNatRelay::forget(const UdpNatSession &session)
+{
+    const UdpFlowKey key = session.key();
+    m_byActivity.erase(session.position);
+    m_flows.erase(key);
 }
 
 void UdpNatRelay::expireIdle()
 {
-    const std::lock_guard lock(m_mutex);
-    const std::int64_t now = m_clock();
-    while (!m_byActivity.empty() && now - m_byActivity.front()->lastActivity >= idleTime)
-        remove(UdpNatSessionPtr(m_byActivity.front()));
+    // Closed after the lock: they may be thousands after a burst, and the reader thread sends under it.
+    std::vector<UdpNatSessionPtr> expired;
+    {
+        const std::lock_guard lock(m_mutex);
+        const std::int64_t now = m_clock();
+        while (!m_byActivity.empty() && now - m_byActivity.front()->lastActivity >= idleTime) {
+            expired.push_back(m_byActivity.front());
+            forget(*expired.back());
+        }
+    }
+    for (const UdpNatSessionPtr &session : expired)
+        session->close();
 }
 
 void UdpNatRelay::shutdown()

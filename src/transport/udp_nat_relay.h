@@ -76,6 +76,7 @@ private:
     void onAnswer(UdpNatSession &session, std::span<const std::uint8_t> payload);
     void touch(UdpNatSession &session);
     void remove(const UdpNatSessionPtr &session);
+    void forget(const UdpNatSession &session);
 
     const HANDLE m_stopEvent;
     const Clock m_clock;

@@ -58,6 +58,8 @@ void Tunnel::stop()
     if (!m_running.exchange(false))
         return;
     SetEvent(m_stopEvent.get());
+    if (m_natListener)
+        m_natListener->stopAccepting();
     joinThreads();
     closePaths();
     if (!m_completionPort.drain(drainTimeout)) {

@@ -202,6 +202,20 @@ TEST_F(RelayConnectorTest, resetsAClientThatHasNoRoute)
     EXPECT_TRUE(m_log.lines().isEmpty());
 }
 
+TEST_F(RelayConnectorTest, resetsAClientWhoseSocketWouldBlock)
+{
+    routeThrough(closedPort()); // which is not even tried
+    const ImportRedirection<IMPORT(ioctlsocket)> failing(
+        [next = ImportRedirection<IMPORT(ioctlsocket)>::current(), own = GetCurrentThreadId()](auto... arguments) {
+            if (GetCurrentThreadId() == own)
+                return next(arguments...);
+            WSASetLastError(WSAENOBUFS);
+            return SOCKET_ERROR;
+        });
+    expectRefused(relay());
+    EXPECT_EQ(m_log.lines(), QStringList{"WARNING [TCP-NAT] Failed to make the client socket non-blocking: 10055"});
+}
+
 TEST_F(RelayConnectorTest, stopsWhileTheProxyAcceptsAndNeverAnswers)
 {
     std::atomic<int> greeted = 0;

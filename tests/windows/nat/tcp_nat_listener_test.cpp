@@ -75,6 +75,17 @@ TEST_F(TcpNatListenerTest, closesAConnectionThatDidNotComeThroughTheTunnel)
     EXPECT_EQ(m_listener->table().findByNatPort(client.natPort), accepted->session);
 }
 
+TEST_F(TcpNatListenerTest, takesNobodyOnceItHasStoppedAccepting)
+{
+    ASSERT_TRUE(start());
+    m_listener->stopAccepting();
+    const Client client = connectClient();
+    EXPECT_EQ(readToEnd(client.socket.get()), Ending::Proper);
+    EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 0; })) << "and no other accept is posted";
+    EXPECT_EQ(acceptedCount(), 0u);
+    EXPECT_EQ(m_log.lines().size(), 1);
+}
+
 TEST_F(TcpNatListenerTest, endsWithAnAcceptOutstanding)
 {
     ASSERT_TRUE(start());
