@@ -56,6 +56,14 @@ std::string TunnelTest::startError(std::uint32_t address)
     return started ? std::string() : started.error();
 }
 
+void TunnelTest::startTowards(std::uint16_t proxyPort)
+{
+    m_tunnel->setPorts(proxyPort, 10809, 20808);
+    ASSERT_EQ(startError(), "");
+    ASSERT_EQ(linuxOutput("ip route add 203.0.113.0/24 dev test"), "");
+    m_log.clear();
+}
+
 std::vector<std::string> TunnelTest::calls()
 {
     const QStringList beside = {"WintunGetAdapterLUID", "WintunGetRunningDriverVersion", "WintunGetReadWaitEvent"};

@@ -31,6 +31,16 @@ protected:
     /// As a test that fails says it; empty after a success.
     std::string startError(std::uint32_t address = tunnelIp);
 
+    /// A tunnel to a proxy at this port of 127.0.0.1, and a way into it for documentation addresses.
+    void startTowards(std::uint16_t proxyPort);
+
+    /// An application that connects through the tunnel, says something and prints the line that it is answered. It
+    /// waits for that as long as there is a tunnel.
+    inline static const std::string application =
+        "timeout 30 bash -c 'exec 3<>/dev/tcp/203.0.113.9/80 && echo hello >&3 && "
+        "while ip link show test >/dev/null 2>&1; do "
+        "read -r -t 0.2 -u 3 answer && echo \"$answer\" && exit; [ $? -gt 128 ] || exit; done'";
+
     /// Names of the calls to Wintun and of the changes to the system, in order.
     static std::vector<std::string> calls();
 

@@ -23,15 +23,6 @@ using Clock = std::chrono::steady_clock;
 class TunnelTraffic : public TunnelTest
 {
 protected:
-    /// A tunnel to `proxy`, and a way into it for documentation addresses.
-    void startTowards(std::uint16_t proxyPort)
-    {
-        m_tunnel->setPorts(proxyPort, 10809, 20808);
-        ASSERT_EQ(startError(), "");
-        ASSERT_EQ(linuxOutput("ip route add 203.0.113.0/24 dev test"), "");
-        m_log.clear();
-    }
-
     void expectAStopInTime()
     {
         const auto begin = Clock::now();
@@ -41,13 +32,6 @@ protected:
         EXPECT_EQ(m_log.linesWith("still in flight"), QStringList());
         EXPECT_EQ(tunLinks(), "");
     }
-
-    /// An application that connects through the tunnel, says something and prints the line that it is answered. It
-    /// waits for that as long as there is a tunnel.
-    inline static const std::string application =
-        "timeout 30 bash -c 'exec 3<>/dev/tcp/203.0.113.9/80 && echo hello >&3 && "
-        "while ip link show test >/dev/null 2>&1; do "
-        "read -r -t 0.2 -u 3 answer && echo \"$answer\" && exit; [ $? -gt 128 ] || exit; done'";
 };
 
 TEST_F(TunnelTraffic, ofAProxyThatAcceptsAndNeverAnswersDoesNotHoldTheStopUp)
@@ -101,6 +85,26 @@ TEST_F(TunnelTraffic, goesBothWaysThroughTheProxy)
     ASSERT_NO_FATAL_FAILURE(startTowards(proxy.port()));
     EXPECT_EQ(linuxOutput(application), "you said hello\n");
     EXPECT_EQ(request, QByteArray::fromHex("05010001cb0071090050")) << "203.0.113.9, port 80";
+}
+
+TEST_F(TunnelTraffic, toALearntAddressAsksTheProxyForItsName)
+{
+    const QByteArray name = "www.example.org";
+    const QByteArray wanted = QByteArray::fromHex("050100030f") + name + QByteArray::fromHex("0050");
+    QByteArray request;
+    const ScriptedProxy proxy([&](ProxyConnection &client) {
+        client.receive(3);
+        client.send(QByteArray::fromHex("0500"));
+        request = client.receive(wanted.size());
+        client.send(QByteArray::fromHex("05000001000000000000"));
+        client.send("you said " + client.receive(6));
+        client.waitForEnd();
+    });
+    ASSERT_NO_FATAL_FAILURE(startTowards(proxy.port()));
+    m_tunnel->learnedNames().learn(0xCB007109, name.toStdString(), 300);
+    m_tunnel->learnedNames().learn(0xCB007108, "www.example.net", 300);
+    EXPECT_EQ(linuxOutput(application), "you said hello\n");
+    EXPECT_EQ(request, wanted) << request.toHex().toStdString();
 }
 
 TEST_F(TunnelTraffic, ofThisVeryProcessIsNotRelayed)
