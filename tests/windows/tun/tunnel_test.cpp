@@ -2,8 +2,12 @@
 
 #include "support/qt_printers.h"
 #include "support/wait_until.h"
+#include "tun/packet_builder.h"
+#include "tun/packet_headers.h"
 #include "windows/support/import_redirection.h"
 #include "windows/support/own_resources.h"
+#include "windows/transport/winsock_test.h"
+#include "windows/tun/sends_of_this_thread.h"
 
 #include <gmock/gmock.h>
 
@@ -106,6 +110,29 @@ public:
 private:
     const ImportRedirection<IMPORT(GetProcessAffinityMask)> m_redirection;
 };
+
+/// SYNs from the tunnel's address, as fast as they can be sent and each of another port, until there is no tunnel. Of
+/// checksums there is only the kernel's: the tunnel makes new ones.
+constexpr char floodOfOpenings[] = R"py(timeout 30 python3 -c '
+import socket, struct
+raw = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW)
+ends = socket.inet_aton("10.6.7.1") + socket.inet_aton("203.0.113.9")
+try:
+    for count in range(100000000):
+        if count % 100 == 0:
+            socket.if_nametoindex("test")
+        raw.sendto(struct.pack(">BBHHHBBH8sHHIIBBHHH", 0x45, 0, 40, 0, 0, 64, 6, 0, ends,
+                               1024 + count % 60000, 80, count, 0, 0x50, 2, 65535, 0, 0), ("203.0.113.9", 0))
+except OSError:
+    pass
+')py";
+
+/// How many packets the interface has got from the tunnel ("rx") or given to it ("tx").
+std::uint64_t packetsOfLink(const std::string &direction)
+{
+    return std::stoull(linuxOutput("ip -s -json link show test | grep -o '\"" + direction
+                                   + "\":{[^}]*' | grep -o '\"packets\":[0-9]*' | cut -d : -f 2"));
+}
 
 } // namespace
 
@@ -271,12 +298,23 @@ TEST_F(TunnelTest, doesNotRunAnyMoreWhenItsReaderDied)
 
 TEST_F(TunnelTest, dropsPacketsWhileItDoesNotRun)
 {
-    const std::uint8_t packet[40] = {0x45};
-    m_tunnel->dispatchPacket(packet, sizeof(packet));
+    const SendsOfThisThread sends;
+    std::uint16_t port = 40000;
+    const auto dispatchOpening = [&] {
+        const PacketBytes packet = buildTcpPacket(tunnelIp, port++, 0xCB007109, 80, 1, 0, tcpSyn, nullptr, 0);
+        m_tunnel->dispatchPacket(packet.data(), packet.size());
+    };
+    dispatchOpening();
+    EXPECT_EQ(sends.count(), 0);
     ASSERT_EQ(startError(), "");
-    m_tunnel->dispatchPacket(packet, sizeof(packet));
+    dispatchOpening();
+    EXPECT_EQ(sends.count(), 1) << "to the listener";
     m_tunnel->stop();
-    m_tunnel->dispatchPacket(packet, sizeof(packet));
+    dispatchOpening();
+    EXPECT_EQ(sends.count(), 1);
+    ASSERT_EQ(startError(), "");
+    dispatchOpening();
+    EXPECT_EQ(sends.count(), 2);
 }
 
 TEST_F(TunnelTest, choosesAmongThePortsThatItWasGiven)
@@ -309,20 +347,18 @@ TEST_F(TunnelTest, isStoppedWhileItsWorkersStart)
 
 TEST_F(TunnelTest, isStoppedWhilePacketsArriveAtFullSpeed)
 {
-    ASSERT_EQ(startError(), "");
-    LinuxCommand flood("ping -q -f -w 6 10.6.7.2");
-    EXPECT_TRUE(waitUntil([] {
-        return std::stoul(
-                   linuxOutput("cat /proc/net/dev | grep test: | sed 's/.*: *//' | tr -s ' ' | cut -d ' ' -f 10"))
-               > 200;
-    }));
+    ASSERT_NO_FATAL_FAILURE(startTowards(closedPort()));
+    LinuxCommand pings("ping -q -f -w 6 10.6.7.2");
+    LinuxCommand openings(floodOfOpenings);
+    EXPECT_TRUE(waitUntil([] { return packetsOfLink("tx") > 2000 && packetsOfLink("rx") > 1000; }));
     const auto begin = Clock::now();
     m_tunnel->stop();
     EXPECT_LT(Clock::now() - begin, 5s);
     EXPECT_EQ(m_tunnel->operationsInFlight(), 0);
     EXPECT_EQ(m_log.linesWith("still in flight"), QStringList());
     EXPECT_THAT(journal("\"WintunEndSession\"").back(), HasSubstr("\"unreleased\":false,\"unsent\":false"));
-    EXPECT_TRUE(flood.wait());
+    EXPECT_TRUE(pings.wait());
+    EXPECT_TRUE(openings.wait());
 }
 
 TEST_F(TunnelTest, leavesNothingBehindAfterManyLives)
