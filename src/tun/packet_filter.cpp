@@ -28,8 +28,8 @@ constexpr std::uint8_t routing = 43;
 constexpr std::uint8_t fragment = 44;
 constexpr std::uint8_t destinationOptions = 60;
 
-// The packet was parsed, so the first two bytes of every header lie within it. Not more: a length that wraps is a step
-// of no bytes, and the packet may end right behind it.
+// The packet was parsed, so the first two bytes of every header lie within it. Not more: a length that wraps makes a
+// step of no bytes, and the packet may end right behind it.
 bool isIpv6Fragment(std::span<const std::uint8_t> packet)
 {
     std::uint8_t next = packet[6];
