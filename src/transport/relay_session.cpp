@@ -24,11 +24,8 @@ bool isSilent(int error)
 } // namespace
 
 RelaySession::Side::Side(Socket owned, const char *failure)
-    : socket(std::move(owned))
-    , receiveFailure(failure)
-    , buffer(makePageBuffer<char>(bufferSize))
-{
-}
+    : socket(std::move(owned)), receiveFailure(failure), buffer(makePageBuffer<char>(bufferSize))
+{}
 
 RelaySession::RelaySession(std::uint64_t id, Socket client, Socket destination, bool isDirect,
                            CompletionPort &completionPort, std::function<void()> onClosed)
@@ -38,8 +35,7 @@ RelaySession::RelaySession(std::uint64_t id, Socket client, Socket destination, 
     , m_onClosed(std::move(onClosed))
     , m_client(std::move(client), "[TCP-NAT-IOCP] WSARecv (client) failed:")
     , m_destination(std::move(destination), "[TCP-NAT-IOCP] WSARecv (dest) failed:")
-{
-}
+{}
 
 void RelaySession::start()
 {
@@ -138,7 +134,7 @@ void RelaySession::onReceived(Side &from, DWORD bytes, DWORD error)
         return close(Closing::Abortive);
     if (bytes == 0)
         return end(from);
-    if (isFinished(otherSide(from)))
+    if (m_endingSince != 0 && isFinished(otherSide(from)))
         return postReceive(from);
     from.received += bytes;
     forward(from, bytes);
@@ -192,8 +188,8 @@ void RelaySession::onSendFailed(Side &to)
 }
 
 // One direction ends both. What was received before is on its way in the sockets, and closing a socket while unread
-// bytes lie in it would reset the connection and throw that away: so both ends are told that nothing follows, and what
-// they still send is read and dropped until they are done as well.
+// bytes lie in it would reset the connection and throw that away: so both ends are told that nothing follows, and
+// what they still send is read and dropped until they are done as well.
 void RelaySession::end(Side &side)
 {
     Side &other = otherSide(side);
