@@ -4,6 +4,8 @@
 
 #include "windows/support/import_redirection.h"
 
+#include <mswsock.h>
+
 namespace ruvo::test {
 namespace {
 
@@ -39,13 +41,14 @@ protected:
     template<typename Import, typename Result>
     static auto failing(Result result, int error)
     {
-        return std::make_unique<ImportRedirection<Import>>(
-            [result, error, next = ImportRedirection<Import>::current(), own = GetCurrentThreadId()](auto... arguments) {
-                if (GetCurrentThreadId() == own)
-                    return next(arguments...);
-                SetLastError(static_cast<DWORD>(error));
-                return result;
-            });
+        return std::make_unique<ImportRedirection<Import>>([result, error,
+                                                            next = ImportRedirection<Import>::current(),
+                                                            own = GetCurrentThreadId()](auto... arguments) {
+            if (GetCurrentThreadId() == own)
+                return next(arguments...);
+            SetLastError(static_cast<DWORD>(error));
+            return result;
+        });
     }
 };
 
@@ -89,7 +92,8 @@ TEST_F(UdpNatFailureTest, saysThatTheProxyRefuses)
 
 TEST_F(UdpNatFailureTest, saysThatTheRelayHasNoIpv4Address)
 {
-    expectGivenUpAfter(QByteArray::fromHex("05000003046e616d6501bb"), "WARNING [UDP-NAT] Unexpected ATYP in response: 3");
+    expectGivenUpAfter(QByteArray::fromHex("05000003046e616d6501bb"),
+                       "WARNING [UDP-NAT] Unexpected ATYP in response: 3");
 }
 
 TEST_F(UdpNatFailureTest, isSilentAboutAProxyHostThatIsNoAddress)
@@ -152,6 +156,36 @@ TEST_F(UdpNatFailureTest, saysThatAReceiveFailedAndStillSends)
     EXPECT_EQ(packetCount(), 0u);
 }
 
+TEST_F(UdpNatFailureTest, hearsNothingMoreAfterAnEmptyDatagramAndStillSends)
+{
+    startRelay();
+    const auto datagram = establish(5000);
+    EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 2; }));
+    m_proxy->answer(datagram, "");
+    EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 1; })) << "the control connection is watched";
+    m_proxy->answer(datagram, header + "nobody hears it");
+    establish(5000, "still sent");
+    EXPECT_EQ(m_proxy->connections(), 1);
+    EXPECT_EQ(packetCount(), 0u);
+    EXPECT_TRUE(m_log.linesWith("WARNING").isEmpty());
+}
+
+// Else one datagram that the proxy's machine refuses would end the answers of the whole association.
+TEST_F(UdpNatFailureTest, isToldOfNoRefusals)
+{
+    std::atomic<int> switchedOff = 0;
+    const ImportRedirection<IMPORT(WSAIoctl)> watched(
+        [&, next = ImportRedirection<IMPORT(WSAIoctl)>::current()](SOCKET socket, DWORD code, void *in, DWORD inSize,
+                                                                   auto... rest) {
+            if (code == SIO_UDP_CONNRESET && inSize == sizeof(BOOL) && *static_cast<const BOOL *>(in) == FALSE)
+                ++switchedOff;
+            return next(socket, code, in, inSize, rest...);
+        });
+    startRelay();
+    establish(5000);
+    EXPECT_EQ(switchedOff, 1);
+}
+
 TEST_F(UdpNatFailureTest, opensAnewWhenTheControlConnectionCannotBeWatched)
 {
     startRelay();
@@ -172,8 +206,8 @@ TEST_F(UdpNatFailureTest, refusesADatagramThatCannotBeSent)
     startRelay();
     establish(5000);
     {
-        const ImportRedirection<IMPORT(WSASendTo)> none([](SOCKET, LPWSABUF, DWORD, LPDWORD, DWORD, const sockaddr *, int,
-                                                           LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE) {
+        const ImportRedirection<IMPORT(WSASendTo)> none([](SOCKET, LPWSABUF, DWORD, LPDWORD, DWORD, const sockaddr *,
+                                                           int, LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE) {
             WSASetLastError(WSAENOBUFS);
             return SOCKET_ERROR;
         });
