@@ -39,8 +39,8 @@ struct Connections
         std::minstd_rand random(1);
         for (std::size_t number = 0; number < count; ++number) {
             const TcpEndpoints connection = connectionOf(number);
-            const std::uint16_t natPort = table.allocateNatPort(connection.srcIp, connection.srcPort, connection.dstIp,
-                                                                connection.dstPort);
+            const std::uint16_t natPort =
+                table.allocateNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort);
             if (!table.accept(natPort))
                 std::abort();
             connections.push_back(connection);
@@ -63,8 +63,8 @@ void natFindByClient(benchmark::State &state)
     Connections all(state);
     for ([[maybe_unused]] auto iteration : state) {
         const TcpEndpoints &connection = all.connections[all.next()];
-        benchmark::DoNotOptimize(all.table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp,
-                                                       connection.dstPort));
+        benchmark::DoNotOptimize(
+            all.table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort));
     }
 }
 
@@ -104,19 +104,21 @@ struct Dispatch
                                     session->destinationPort};
             },
             .allocateNatPort = [](const TcpEndpoints &) { return std::uint16_t(0); },
-            .findNatPort = [this](const TcpEndpoints &connection) {
-                return all.table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp,
-                                             connection.dstPort);
-            },
-            .sendRewritten = [this](const ParsedPacket &packet, const TcpEndpoints &to) {
-                if (!isRewritableTcp(packet.raw, packet.rawLen))
-                    return false;
-                std::memcpy(ring.data(), packet.raw, packet.rawLen);
-                rewriteTcpAddresses(ring.data(), packet.rawLen, to.srcIp, to.srcPort, to.dstIp, to.dstPort);
-                benchmark::ClobberMemory();
-                ++sent;
-                return true;
-            },
+            .findNatPort =
+                [this](const TcpEndpoints &connection) {
+                    return all.table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp,
+                                                 connection.dstPort);
+                },
+            .sendRewritten =
+                [this](const ParsedPacket &packet, const TcpEndpoints &to) {
+                    if (!isRewritableTcp(packet.raw, packet.rawLen))
+                        return false;
+                    std::memcpy(ring.data(), packet.raw, packet.rawLen);
+                    rewriteTcpAddresses(ring.data(), packet.rawLen, to.srcIp, to.srcPort, to.dstIp, to.dstPort);
+                    benchmark::ClobberMemory();
+                    ++sent;
+                    return true;
+                },
         };
         return result;
     }

@@ -15,7 +15,7 @@ bool writeWhole(HANDLE file, const QByteArray &text)
 {
     DWORD written = 0;
     return WriteFile(file, text.constData(), static_cast<DWORD>(text.size()), &written, nullptr)
-        && written == static_cast<DWORD>(text.size());
+           && written == static_cast<DWORD>(text.size());
 }
 
 } // namespace

@@ -60,11 +60,8 @@ const RequestDispatcher::Action RequestDispatcher::actions[] = {
 };
 
 RequestDispatcher::RequestDispatcher(RequestServices services, ProcessOwnership &ownership, QObject *parent)
-    : QObject(parent)
-    , m_services(std::move(services))
-    , m_ownership(ownership)
-{
-}
+    : QObject(parent), m_services(std::move(services)), m_ownership(ownership)
+{}
 
 void RequestDispatcher::handleClientMessage(const QString &clientId, const QJsonObject &message)
 {
@@ -178,7 +175,7 @@ RequestDispatcher::Response RequestDispatcher::writeStdin(const Request &request
 {
     const QByteArray data = request.message["data"].toString().toUtf8();
     return m_services.writeToProcess(processId(request.message), data) ? success()
-                                                                      : failure("Failed to write to process stdin");
+                                                                       : failure("Failed to write to process stdin");
 }
 
 RequestDispatcher::Response RequestDispatcher::clearLogs(const Request &)

@@ -34,8 +34,7 @@ RuvoDaemon::RuvoDaemon()
 {
     connect(m_communicationServer, &CommunicationServer::messageReceived, this, &RuvoDaemon::handleClientMessage);
     connect(m_communicationServer, &CommunicationServer::clientConnected, this, &RuvoDaemon::onClientConnected);
-    connect(m_communicationServer, &CommunicationServer::clientDisconnected, this,
-            &RuvoDaemon::onClientDisconnected);
+    connect(m_communicationServer, &CommunicationServer::clientDisconnected, this, &RuvoDaemon::onClientDisconnected);
     connect(m_communicationServer, &CommunicationServer::clientTimedOut, this, &RuvoDaemon::onClientTimedOut);
     // In this order: the owner gets the "finished" event before it stops being the owner.
     connect(m_processManager, &ProcessManager::processEvent, this, &RuvoDaemon::broadcastProcessEvent);
@@ -109,10 +108,10 @@ void RuvoDaemon::handleClientMessage(const QString &clientId, const QJsonObject 
 void RuvoDaemon::onClientConnected(const QString &clientId)
 {
     m_communicationServer->sendToClient(clientId, {
-        {"event", "connected"},
-        {"daemon-version", QString::fromLatin1(version)},
-        {"privilege-level", PrivilegeManager::privilegeLevel()},
-    });
+                                                      {"event", "connected"},
+                                                      {"daemon-version", QString::fromLatin1(version)},
+                                                      {"privilege-level", PrivilegeManager::privilegeLevel()},
+                                                  });
 }
 
 void RuvoDaemon::onClientDisconnected(const QString &clientId, quint32 sessionId)
@@ -177,8 +176,8 @@ void RuvoDaemon::broadcastProcessEvent(const QJsonObject &event)
         qCDebug(lcRuvod) << "Process event for unowned process" << processId << "- not sending to any client";
         return;
     }
-    qCDebug(lcRuvod) << "Sending process event to owner client" << *owner << "for process" << processId << "event:"
-                     << event["event"].toString();
+    qCDebug(lcRuvod) << "Sending process event to owner client" << *owner << "for process" << processId
+                     << "event:" << event["event"].toString();
     m_communicationServer->sendToClient(*owner, event);
 }
 

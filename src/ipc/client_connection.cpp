@@ -8,10 +8,8 @@
 namespace ruvo {
 
 ClientConnection::ClientConnection(QObject *parent)
-    : QObject(parent)
-    , m_clientId(QString::number(QRandomGenerator::system()->generate64(), 16))
-{
-}
+    : QObject(parent), m_clientId(QString::number(QRandomGenerator::system()->generate64(), 16))
+{}
 
 ClientConnection::~ClientConnection()
 {
@@ -77,8 +75,9 @@ void ClientConnection::send(const QJsonObject &message)
 
     if (m_socket->bytesToWrite() > maxUnsentBytes) {
         m_unsentLimitReached = true;
-        qCWarning(lcRuvod) << "Client" << m_clientId << "does not read its messages, bytes unsent:"
-                           << m_socket->bytesToWrite() << "- disconnecting";
+        qCWarning(lcRuvod) << "Client" << m_clientId
+                           << "does not read its messages, bytes unsent:" << m_socket->bytesToWrite()
+                           << "- disconnecting";
         // Queued: whoever sends may be walking the clients that this would remove one from.
         QMetaObject::invokeMethod(this, &ClientConnection::onSocketDisconnected, Qt::QueuedConnection);
     }

@@ -7,9 +7,7 @@
 namespace ruvo {
 
 CommunicationServer::CommunicationServer(SessionLister listSessions, QObject *parent, Clock clock)
-    : QObject(parent)
-    , m_listSessions(std::move(listSessions))
-    , m_clock(std::move(clock))
+    : QObject(parent), m_listSessions(std::move(listSessions)), m_clock(std::move(clock))
 {
     connect(&m_heartbeatTimer, &QTimer::timeout, this, &CommunicationServer::checkHeartbeats);
     connect(&m_sessionPollTimer, &QTimer::timeout, this, &CommunicationServer::pollSessions);
@@ -20,9 +18,8 @@ CommunicationServer::~CommunicationServer() = default;
 
 CommunicationServer::Clock CommunicationServer::monotonicClock()
 {
-    return [] {
-        return std::chrono::duration_cast<Milliseconds>(std::chrono::steady_clock::now().time_since_epoch());
-    };
+    return
+        [] { return std::chrono::duration_cast<Milliseconds>(std::chrono::steady_clock::now().time_since_epoch()); };
 }
 
 bool CommunicationServer::start(const QString &serverName)
@@ -69,9 +66,9 @@ void CommunicationServer::updateHeartbeat(const QString &clientId)
         *heartbeat = m_clock();
 }
 
-// While connections come fast, QLocalServer accepts without returning to the event loop as long as they are taken from
-// it at once. Those beyond the limit wait in its short list, which makes it return, for the next turn of the loop: so
-// the other pipes and clients have theirs.
+// While connections come fast, QLocalServer accepts without returning to the event loop as long as they are taken
+// from it at once. Those beyond the limit wait in its short list, which makes it return, for the next turn of the
+// loop: so the other pipes and clients have theirs.
 void CommunicationServer::onNewConnection()
 {
     if (m_acceptedThisTurn == maxAcceptsPerTurn) {
@@ -79,7 +76,8 @@ void CommunicationServer::onNewConnection()
         return;
     }
     if (m_acceptedThisTurn++ == 0)
-        QMetaObject::invokeMethod(this, [this] { m_acceptedThisTurn = 0; }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this] { m_acceptedThisTurn = 0; }, Qt::QueuedConnection);
     for (SessionServer *server : std::as_const(m_sessionServers)) {
         if (!server->server().hasPendingConnections())
             continue;
@@ -202,8 +200,8 @@ void CommunicationServer::serveSession(quint32 sessionId)
         return;
     }
     qCInfo(lcRuvod) << "Creating pipe for new active session" << sessionId;
-    auto *server = new SessionServer(sessionId, QStringLiteral(R"(\\.\pipe\%1-%2)").arg(m_serverName).arg(sessionId),
-                                     this);
+    auto *server =
+        new SessionServer(sessionId, QStringLiteral(R"(\\.\pipe\%1-%2)").arg(m_serverName).arg(sessionId), this);
     if (!server->start()) {
         delete server; // never listened, so nothing of it is in the event loop
         return;

@@ -47,7 +47,8 @@ GUID deterministicGuid(const std::wstring &name)
     const QByteArray text = "wintun" + QString::fromStdWString(name).toUtf8();
     BYTE digest[sizeof(GUID)];
     DWORD size = sizeof(digest);
-    if (CryptHashData(hash.get(), reinterpret_cast<const BYTE *>(text.constData()), static_cast<DWORD>(text.size()), 0)
+    if (CryptHashData(hash.get(), reinterpret_cast<const BYTE *>(text.constData()), static_cast<DWORD>(text.size()),
+                      0)
         && CryptGetHashParam(hash.get(), HP_HASHVAL, digest, &size, 0)) {
         std::memcpy(&guid, digest, sizeof(guid));
     }

@@ -26,7 +26,7 @@ struct DnsInterfaceSettings
     ULONG queryAdapterName;
     PWSTR profileNameServer;
 };
-constexpr ULONG settingsVersion1 = 1;   // DNS_INTERFACE_SETTINGS_VERSION1
+constexpr ULONG settingsVersion1 = 1;    // DNS_INTERFACE_SETTINGS_VERSION1
 constexpr ULONG64 nameServerSetting = 2; // DNS_SETTING_NAMESERVER
 
 using SetInterfaceDnsSettingsFunction = DWORD(WINAPI *)(GUID interfaceGuid, const DnsInterfaceSettings *settings);
@@ -114,8 +114,8 @@ bool writeDnsServers(const NET_LUID &luid, const std::string &primary, const std
         logServers("DNS servers configured via API:", primary, secondary);
         return true;
     }
-    if (!writeToRegistry(interfaceKey(ipv4Interfaces, *guid), list, "Failed to open registry key:",
-                         "Failed to set DNS servers in registry:")) {
+    if (!writeToRegistry(interfaceKey(ipv4Interfaces, *guid), list,
+                         "Failed to open registry key:", "Failed to set DNS servers in registry:")) {
         return false;
     }
     logServers("DNS servers configured (registry):", primary, secondary);

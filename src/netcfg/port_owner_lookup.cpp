@@ -76,7 +76,7 @@ std::uint32_t PortOwnerLookup::tcpOwnerPid(std::uint16_t localPort, std::uint32_
         });
     return table.ownerOfFirst([=](const MIB_TCPROW_OWNER_PID &row) {
         return hostPort(row.dwLocalPort) == localPort && ntohl(row.dwRemoteAddr) == remoteAddress
-            && hostPort(row.dwRemotePort) == remotePort;
+               && hostPort(row.dwRemotePort) == remotePort;
     });
 }
 

@@ -10,9 +10,8 @@ bool flushDnsCache()
 {
     using FlushFunction = BOOL(WINAPI *)();
     const Library library(LoadLibraryW(L"dnsapi.dll"));
-    const auto flush = library
-        ? std::bit_cast<FlushFunction>(GetProcAddress(library.get(), "DnsFlushResolverCache"))
-        : nullptr;
+    const auto flush =
+        library ? std::bit_cast<FlushFunction>(GetProcAddress(library.get(), "DnsFlushResolverCache")) : nullptr;
     if (!flush || !flush()) {
         qCWarning(lcRuvod) << "Failed to flush DNS resolver cache";
         return false;

@@ -95,7 +95,8 @@ bool RouteManager::setupFullTunnelRouting(std::uint32_t splitNextHop, std::uint3
     return true;
 }
 
-void RouteManager::addProxyBypassRoute(std::uint32_t proxyAddress, std::uint32_t gateway, std::uint32_t interfaceIndex)
+void RouteManager::addProxyBypassRoute(std::uint32_t proxyAddress, std::uint32_t gateway,
+                                       std::uint32_t interfaceIndex)
 {
     MIB_IPFORWARDROW row{};
     row.dwForwardDest = htonl(proxyAddress);
@@ -111,8 +112,7 @@ void RouteManager::addProxyBypassRoute(std::uint32_t proxyAddress, std::uint32_t
         return;
     }
     m_addedRoutes.push_back({proxyAddress, hostMask, gateway});
-    qCDebug(lcRuvod) << "Added proxy bypass route:" << formatIpv4(proxyAddress) << "via"
-                     << formatIpv4(gateway);
+    qCDebug(lcRuvod) << "Added proxy bypass route:" << formatIpv4(proxyAddress) << "via" << formatIpv4(gateway);
 }
 
 // The newer call takes a metric of 0; the older one refuses metrics below the interface's own.
@@ -133,8 +133,7 @@ void RouteManager::addBypassRoutes(std::uint32_t gateway, std::uint32_t interfac
         const DWORD error = CreateIpForwardEntry2(&row);
         if (error == NO_ERROR) {
             m_bypassRoutes.push_back({address, gateway, interfaceIndex});
-            qCDebug(lcRuvod) << "Added bypass route:" << formatIpv4(address) << "via"
-                             << formatIpv4(gateway);
+            qCDebug(lcRuvod) << "Added bypass route:" << formatIpv4(address) << "via" << formatIpv4(gateway);
         } else if (error != ERROR_OBJECT_ALREADY_EXISTS) { // somebody else's stays theirs
             qCWarning(lcRuvod) << "Failed to add bypass route:" << formatIpv4(address) << "error:" << error;
         }
@@ -187,8 +186,7 @@ void RouteManager::removeAllRoutes()
 {
     for (const AddedRoute &route : m_addedRoutes) {
         deleteRoute(route.destination, route.mask);
-        qCDebug(lcRuvod) << "Removed route:" << formatIpv4(route.destination) << "/"
-                         << formatIpv4(route.mask);
+        qCDebug(lcRuvod) << "Removed route:" << formatIpv4(route.destination) << "/" << formatIpv4(route.mask);
     }
     m_addedRoutes.clear();
     removeBypassRoutes();
@@ -201,8 +199,8 @@ void RouteManager::removeBypassRoutes()
         row.InterfaceIndex = route.interfaceIndex;
         const DWORD error = DeleteIpForwardEntry2(&row);
         if (error != NO_ERROR) {
-            qCWarning(lcRuvod) << "Failed to delete bypass route:" << formatIpv4(route.destination) << "error:"
-                               << error;
+            qCWarning(lcRuvod) << "Failed to delete bypass route:" << formatIpv4(route.destination)
+                               << "error:" << error;
         } else {
             qCDebug(lcRuvod) << "Removed bypass route:" << formatIpv4(route.destination);
         }

@@ -33,7 +33,8 @@ public:
     bool findOriginalGateway(std::uint32_t &gateway, std::uint32_t &interfaceIndex) const;
     /// `splitNextHop` 0 means on-link. A `proxyAddress` of 0 gets no route of its own; a `gatewayOverride` of 0 means
     /// the gateway that is found.
-    bool setupFullTunnelRouting(std::uint32_t splitNextHop, std::uint32_t proxyAddress, std::uint32_t gatewayOverride);
+    bool setupFullTunnelRouting(std::uint32_t splitNextHop, std::uint32_t proxyAddress,
+                                std::uint32_t gatewayOverride);
 
     /// A route to the tunnel's interface.
     bool addRoute(std::uint32_t destination, std::uint32_t mask);

@@ -23,10 +23,7 @@ QString guidText(const GUID &guid)
 
 } // namespace
 
-WintunAdapter::WintunAdapter()
-    : m_quitEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
-{
-}
+WintunAdapter::WintunAdapter() : m_quitEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
 
 WintunAdapter::~WintunAdapter()
 {

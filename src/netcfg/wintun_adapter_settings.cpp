@@ -65,8 +65,8 @@ bool WintunAdapter::setMetric(std::uint32_t metric)
         qCWarning(lcRuvod) << "[RUVO-TUN] Failed to get interface entry:" << error;
         return false;
     }
-    qCWarning(lcRuvod) << "[RUVO-TUN] Current metric:" << row.Metric << "AutoMetric:"
-                       << static_cast<bool>(row.UseAutomaticMetric);
+    qCWarning(lcRuvod) << "[RUVO-TUN] Current metric:" << row.Metric
+                       << "AutoMetric:" << static_cast<bool>(row.UseAutomaticMetric);
     row.UseAutomaticMetric = FALSE;
     row.Metric = metric;
     row.ForwardingEnabled = TRUE;

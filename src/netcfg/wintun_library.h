@@ -11,8 +11,8 @@ namespace ruvo {
 class WintunLibrary
 {
 public:
-    /// Loads the library (its own dependencies are looked for beside it) and finds every entry point. False and logged
-    /// on failure.
+    /// Loads the library (its own dependencies are looked for beside it) and finds every entry point. False and
+    /// logged on failure.
     bool load(const std::wstring &path);
     bool isLoaded() const { return m_complete; }
 

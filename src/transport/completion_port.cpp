@@ -13,7 +13,7 @@ bool CompletionPort::open()
 bool CompletionPort::associate(SOCKET socket, CompletionKey key)
 {
     return CreateIoCompletionPort(reinterpret_cast<HANDLE>(socket), m_port.get(), std::to_underlying(key), 0)
-        == m_port.get();
+           == m_port.get();
 }
 
 void CompletionPort::begin(IoOperation &operation, std::shared_ptr<void> record)
@@ -34,15 +34,15 @@ CompletionPort::Outcome CompletionPort::runOne(std::chrono::milliseconds timeout
     DWORD bytes = 0;
     ULONG_PTR key = 0;
     OVERLAPPED *overlapped = nullptr;
-    const BOOL succeeded = GetQueuedCompletionStatus(m_port.get(), &bytes, &key, &overlapped,
-                                                     static_cast<DWORD>(timeout.count()));
+    const BOOL succeeded =
+        GetQueuedCompletionStatus(m_port.get(), &bytes, &key, &overlapped, static_cast<DWORD>(timeout.count()));
     const DWORD error = succeeded ? NO_ERROR : GetLastError();
     if (!overlapped)
         return succeeded || error == WAIT_TIMEOUT ? Outcome::Nothing : Outcome::Failed;
 
     auto &operation = static_cast<IoOperation &>(*overlapped);
-    // Taken out first: the handler may issue the next call with the same operation, and the record (with the operation
-    // in it) may go with this very reference.
+    // Taken out first: the handler may issue the next call with the same operation, and the record (with the
+    // operation in it) may go with this very reference.
     const std::shared_ptr<void> record = std::move(operation.m_record);
     operation.completed(record, bytes, error);
     --m_inFlight;

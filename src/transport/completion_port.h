@@ -21,8 +21,8 @@ enum class CompletionKey : ULONG_PTR {
     UdpNatReceive = 8,
 };
 
-/// The tunnel's one I/O completion port, and the count of what is in flight on it. All but open and close may be called
-/// from any thread.
+/// The tunnel's one I/O completion port, and the count of what is in flight on it. All but open and close may be
+/// called from any thread.
 class CompletionPort
 {
 public:
@@ -49,8 +49,8 @@ public:
     /// Ends one wait of another thread.
     void wakeOne();
 
-    /// Runs completions until nothing is in flight; false if something still is after `timeout`. For the shutdown: the
-    /// sockets are closed by then.
+    /// Runs completions until nothing is in flight; false if something still is after `timeout`. For the shutdown:
+    /// the sockets are closed by then.
     bool drain(std::chrono::milliseconds timeout);
     std::int64_t inFlight() const { return m_inFlight; }
 

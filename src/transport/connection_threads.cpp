@@ -37,9 +37,8 @@ bool ConnectionThreads::startThread()
     m_threads.emplace_back();
     const auto thread = std::prev(m_threads.end());
     auto start = std::make_unique<Start>(Start{this, thread});
-    thread->handle.reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, stackSize, &ConnectionThreads::main,
-                                                                 start.get(), STACK_SIZE_PARAM_IS_A_RESERVATION,
-                                                                 nullptr)));
+    thread->handle.reset(reinterpret_cast<HANDLE>(_beginthreadex(
+        nullptr, stackSize, &ConnectionThreads::main, start.get(), STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr)));
     if (!thread->handle) {
         const int error = errno;
         qCWarning(lcRuvod) << "Failed to start a connection thread:" << error;

@@ -40,8 +40,8 @@ Socket connectDirectly(std::uint32_t address, std::uint16_t port, std::uint32_t 
     if (physicalInterface != 0)
         bindToInterface(socket.get(), physicalInterface);
     SocketWait wait(stopEvent);
-    const int error = connectWithin(wait, socket.get(), socketAddress(address, port),
-                                    SocketWait::Clock::now() + connectTimeout);
+    const int error =
+        connectWithin(wait, socket.get(), socketAddress(address, port), SocketWait::Clock::now() + connectTimeout);
     if (error != NO_ERROR) {
         qCWarning(lcRuvod).nospace().noquote() << "[TCP-NAT] Failed to connect directly to " << formatIpv4(address)
                                                << ":" << port << " - Error: " << error;

@@ -12,8 +12,8 @@ struct PageFree
 {
     void operator()(void *pages) const { VirtualFree(pages, 0, MEM_RELEASE); }
 };
-/// A large buffer in pages of its own: one that was never filled costs next to nothing, and all of it goes back to the
-/// system at once. From the heap, thousands of them leave it as large as it ever was.
+/// A large buffer in pages of its own: one that was never filled costs next to nothing, and all of it goes back to
+/// the system at once. From the heap, thousands of them leave it as large as it ever was.
 template<typename Byte>
 using PageBuffer = std::unique_ptr<Byte[], PageFree>;
 

@@ -8,11 +8,8 @@
 namespace ruvo {
 
 RelayConnector::PendingClient::PendingClient(Socket socket, TcpNatSessionPtr session, TcpNatTable &table)
-    : m_socket(std::move(socket))
-    , m_session(std::move(session))
-    , m_table(table)
-{
-}
+    : m_socket(std::move(socket)), m_session(std::move(session)), m_table(table)
+{}
 
 // With a reset: the client must not take a connection that came to nothing for an answer without content.
 RelayConnector::PendingClient::~PendingClient()
@@ -37,8 +34,7 @@ RelayConnector::RelayConnector(std::wstring proxyHost, HANDLE stopEvent, Complet
     , m_completionPort(completionPort)
     , m_natTable(natTable)
     , m_questions(std::move(questions))
-{
-}
+{}
 
 void RelayConnector::relay(Socket socket, const TcpNatSessionPtr &session)
 {
@@ -46,9 +42,8 @@ void RelayConnector::relay(Socket socket, const TcpNatSessionPtr &session)
     const std::optional<RelayRoute> route = m_questions.routeFor(*session);
     if (!route)
         return;
-    m_threads.post([this, client = std::move(client), route = *route]() mutable {
-        connectAndStart(std::move(client), route);
-    });
+    m_threads.post(
+        [this, client = std::move(client), route = *route]() mutable { connectAndStart(std::move(client), route); });
 }
 
 void RelayConnector::connectAndStart(PendingClient client, const RelayRoute &route)
@@ -61,18 +56,17 @@ void RelayConnector::connectAndStart(PendingClient client, const RelayRoute &rou
     // It may have given up while others were connected.
     if (client.hasGone())
         return;
-    Socket destination = route.isDirect
-        ? connectDirectly(route.address, route.port, m_questions.physicalInterface(), m_stopEvent)
-        : connectThroughProxy(route);
+    Socket destination =
+        route.isDirect ? connectDirectly(route.address, route.port, m_questions.physicalInterface(), m_stopEvent)
+                       : connectThroughProxy(route);
     if (!destination)
         return;
     const std::uint64_t id = m_relays.nextId();
-    const auto relay = std::make_shared<RelaySession>(
-        id, client.takeSocket(), std::move(destination), route.isDirect, m_completionPort,
-        [this, id, session = client.takeSession()] {
-            m_relays.remove(id);
-            m_natTable.end(session);
-        });
+    const auto relay = std::make_shared<RelaySession>(id, client.takeSocket(), std::move(destination), route.isDirect,
+                                                      m_completionPort, [this, id, session = client.takeSession()] {
+                                                          m_relays.remove(id);
+                                                          m_natTable.end(session);
+                                                      });
     if (m_relays.insert(relay))
         relay->start();
     else
@@ -84,8 +78,8 @@ Socket RelayConnector::connectThroughProxy(const RelayRoute &route)
     SocksClient proxy(m_proxyHost, route.proxyPort, m_stopEvent);
     const std::string name = m_questions.nameOf(route.address);
     // A proxy that refuses the name may still take the address, on a connection of its own.
-    const bool isConnected = (!name.empty() && proxy.connectTo(name, route.port))
-        || proxy.connectTo(route.address, route.port);
+    const bool isConnected =
+        (!name.empty() && proxy.connectTo(name, route.port)) || proxy.connectTo(route.address, route.port);
     if (!isConnected) {
         qCWarning(lcRuvod) << "[TCP-NAT] Failed to connect to SOCKS5 proxy";
         return {};

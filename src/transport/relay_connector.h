@@ -33,8 +33,8 @@ class RelayConnector
 public:
     struct Questions
     {
-        /// Asked on the worker that took the accept, while the owner of the client's port can still be told. No route:
-        /// the connection is closed.
+        /// Asked on the worker that took the accept, while the owner of the client's port can still be told. No
+        /// route: the connection is closed.
         std::function<std::optional<RelayRoute>(const TcpNatSession &)> routeFor;
         /// The name that was last looked up for an address; empty if none is known.
         std::function<std::string(std::uint32_t address)> nameOf;

@@ -19,10 +19,8 @@ int eventError(const WSANETWORKEVENTS &events)
 } // namespace
 
 SocketWait::SocketWait(HANDLE stopEvent)
-    : m_stopEvent(stopEvent)
-    , m_event(CreateEventW(nullptr, TRUE, FALSE, nullptr))
-{
-}
+    : m_stopEvent(stopEvent), m_event(CreateEventW(nullptr, TRUE, FALSE, nullptr))
+{}
 
 bool SocketWait::attach(SOCKET socket, long events)
 {
@@ -45,8 +43,8 @@ int SocketWait::wait(SOCKET socket, Clock::time_point deadline)
 {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
     const HANDLE handles[] = {m_event.get(), m_stopEvent};
-    const DWORD result = WaitForMultipleObjects(m_stopEvent ? 2 : 1, handles, FALSE,
-                                                static_cast<DWORD>(std::max<long long>(0, left)));
+    const DWORD result =
+        WaitForMultipleObjects(m_stopEvent ? 2 : 1, handles, FALSE, static_cast<DWORD>(std::max<long long>(0, left)));
     if (result == WAIT_OBJECT_0 + 1)
         return WSAEINTR;
     if (result == WAIT_TIMEOUT)

@@ -6,8 +6,8 @@
 
 namespace ruvo {
 
-/// Lets a thread wait on its own non-blocking socket, for a limited time and until a stop event: so nobody ever has to
-/// close another thread's socket to wake it. One thread.
+/// Lets a thread wait on its own non-blocking socket, for a limited time and until a stop event: so nobody ever has
+/// to close another thread's socket to wake it. One thread.
 class SocketWait
 {
 public:

@@ -107,8 +107,16 @@ std::optional<Endpoint> parseUdpAssociateReply(ByteView reply, std::uint32_t pro
 
 std::array<std::uint8_t, udpHeaderSizeIpv4> udpHeader(std::uint32_t address, std::uint16_t port)
 {
-    return {0, 0, 0, ipv4Type, byteOf(address, 24), byteOf(address, 16), byteOf(address, 8), byteOf(address, 0),
-            byteOf(port, 8), byteOf(port, 0)};
+    return {0,
+            0,
+            0,
+            ipv4Type,
+            byteOf(address, 24),
+            byteOf(address, 16),
+            byteOf(address, 8),
+            byteOf(address, 0),
+            byteOf(port, 8),
+            byteOf(port, 0)};
 }
 
 Bytes udpDatagram(ByteView payload, std::uint32_t address, std::uint16_t port)

@@ -15,8 +15,9 @@ namespace ruvo {
 /// One connection through the local proxy core's SOCKS5 inbound, or one UDP association with it.
 ///
 /// The blocking half belongs to one thread at a time, waits 10 s at most from its connect to the answer to its
-/// request, and gives up at once when the stop event is set. Every failure is logged as a warning and returned as false; nothing
-/// is tried again, and the socket stays open until close() unless said otherwise. Addresses and ports in host order.
+/// request, and gives up at once when the stop event is set. Every failure is logged as a warning and returned as
+/// false; nothing is tried again, and the socket stays open until close() unless said otherwise. Addresses and ports
+/// in host order.
 class SocksClient
 {
 public:

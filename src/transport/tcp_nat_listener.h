@@ -34,7 +34,8 @@ public:
     bool initialize(std::uint32_t listenAddress, std::uint16_t requestedPort, CompletionPort &completionPort,
                     AcceptCallback acceptCallback, std::uint16_t &outPort);
     /// The sockets are closed and the table emptied for good. Once.
-    /// No client is accepted from now on, and those that still arrive are closed. Before shutdown, which may come later.
+    /// No client is accepted from now on, and those that still arrive are closed. Before shutdown, which may come
+    /// later.
     void stopAccepting();
     void shutdown();
 

@@ -28,7 +28,8 @@ bool sendWithin(SocketWait &wait, SOCKET socket, socks5::ByteView bytes, SocketW
 {
     bool waitsForRoom = false;
     while (!bytes.empty()) {
-        const int sent = send(socket, reinterpret_cast<const char *>(bytes.data()), static_cast<int>(bytes.size()), 0);
+        const int sent =
+            send(socket, reinterpret_cast<const char *>(bytes.data()), static_cast<int>(bytes.size()), 0);
         if (sent > 0) {
             bytes = bytes.subspan(static_cast<std::size_t>(sent));
             continue;
@@ -49,8 +50,8 @@ std::size_t receiveWithin(SocketWait &wait, SOCKET socket, std::span<std::uint8_
 {
     std::size_t total = 0;
     while (total < room.size()) {
-        const int received = recv(socket, reinterpret_cast<char *>(room.data() + total),
-                                  static_cast<int>(room.size() - total), 0);
+        const int received =
+            recv(socket, reinterpret_cast<char *>(room.data() + total), static_cast<int>(room.size() - total), 0);
         if (received > 0)
             total += static_cast<std::size_t>(received);
         else if (received == 0 || WSAGetLastError() != WSAEWOULDBLOCK || wait.wait(socket, deadline) != NO_ERROR)

@@ -13,7 +13,8 @@ namespace ruvo {
 // event. All leave the socket open.
 
 /// Connects and leaves the socket attached for reading, non-blocking. NO_ERROR, or the WSA error.
-int connectWithin(SocketWait &wait, SOCKET socket, const sockaddr_in &address, SocketWait::Clock::time_point deadline);
+int connectWithin(SocketWait &wait, SOCKET socket, const sockaddr_in &address,
+                  SocketWait::Clock::time_point deadline);
 /// Whether all of it went out.
 bool sendWithin(SocketWait &wait, SOCKET socket, socks5::ByteView bytes, SocketWait::Clock::time_point deadline);
 /// How many bytes came: fewer than there is room for at the end of the stream, an error or the deadline.

@@ -88,9 +88,9 @@ void UdpNatRelay::open(const UdpWaitingFlows::Opening &flow)
     if (!session->open(m_proxyHost, m_stopEvent, *m_completionPort))
         return giveUp(flow);
     if (insert(session)) {
-        session->startReceiving(*m_completionPort, [this](UdpNatSession &answered, std::span<const std::uint8_t> payload) {
-            onAnswer(answered, payload);
-        });
+        session->startReceiving(
+            *m_completionPort,
+            [this](UdpNatSession &answered, std::span<const std::uint8_t> payload) { onAnswer(answered, payload); });
     }
 }
 
@@ -111,7 +111,8 @@ void UdpNatRelay::giveUp(const UdpWaitingFlows::Opening &flow)
         m_fallback(flow.key, datagram);
 }
 
-/// Puts an open session into the maps and sends what waits for it. Nothing overtakes that: it happens under the mutex.
+/// Puts an open session into the maps and sends what waits for it. Nothing overtakes that: it happens under the
+/// mutex.
 bool UdpNatRelay::insert(const UdpNatSessionPtr &session)
 {
     const std::lock_guard lock(m_mutex);

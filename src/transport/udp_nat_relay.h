@@ -19,8 +19,8 @@
 
 namespace ruvo {
 
-/// Carries UDP datagrams through the proxy, each flow in an association of its own, and turns the answers into packets
-/// for the adapter.
+/// Carries UDP datagrams through the proxy, each flow in an association of its own, and turns the answers into
+/// packets for the adapter.
 ///
 /// forward is called by the reader thread and never waits: datagrams of a flow whose association is not there yet are
 /// kept while it is opened on a thread that may block. m_mutex guards the maps; a datagram of an open flow is sent
@@ -41,11 +41,8 @@ public:
 
     /// `stopEvent` (not owned) ends the handshakes.
     explicit UdpNatRelay(HANDLE stopEvent, Clock clock = steadyNanoseconds, std::size_t sessionLimit = maxSessions)
-        : m_stopEvent(stopEvent)
-        , m_clock(std::move(clock))
-        , m_sessionLimit(sessionLimit)
-    {
-    }
+        : m_stopEvent(stopEvent), m_clock(std::move(clock)), m_sessionLimit(sessionLimit)
+    {}
     ~UdpNatRelay() { shutdown(); }
     UdpNatRelay(const UdpNatRelay &) = delete;
     UdpNatRelay &operator=(const UdpNatRelay &) = delete;

@@ -49,8 +49,7 @@ UdpNatSession::UdpNatSession(const UdpFlowKey &key, socks5::Endpoint target, std
     , m_socksPort(socksPort)
     , m_header(socks5::udpHeader(target.address, target.port))
     , m_buffer(makePageBuffer<std::uint8_t>(bufferSize))
-{
-}
+{}
 
 bool UdpNatSession::open(const std::wstring &proxyHost, HANDLE stopEvent, CompletionPort &completionPort)
 {
@@ -146,7 +145,8 @@ void UdpNatSession::postReceive()
     WSABUF room{.len = bufferSize, .buf = reinterpret_cast<char *>(m_buffer.get())};
     DWORD flags = 0;
     if (WSARecvFrom(m_udp.get(), &room, 1, nullptr, &flags, reinterpret_cast<sockaddr *>(&m_sender), &m_senderSize,
-                    &m_receive, nullptr) == 0) {
+                    &m_receive, nullptr)
+        == 0) {
         return;
     }
     const int error = WSAGetLastError();
@@ -175,7 +175,8 @@ void UdpNatSession::watchControl()
     m_active = false;
 }
 
-void UdpNatSession::ControlOperation::completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept
+void UdpNatSession::ControlOperation::completed(const std::shared_ptr<void> &record, DWORD bytes,
+                                                DWORD error) noexcept
 {
     const UdpNatSessionPtr session = std::static_pointer_cast<UdpNatSession>(record);
     if (error == NO_ERROR && bytes > 0)
@@ -184,7 +185,8 @@ void UdpNatSession::ControlOperation::completed(const std::shared_ptr<void> &rec
         session->m_active = false;
 }
 
-void UdpNatSession::ReceiveOperation::completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept
+void UdpNatSession::ReceiveOperation::completed(const std::shared_ptr<void> &record, DWORD bytes,
+                                                DWORD error) noexcept
 {
     std::static_pointer_cast<UdpNatSession>(record)->onReceiveCompleted(bytes, error);
 }
@@ -209,7 +211,8 @@ bool UdpNatSession::send(std::span<const std::uint8_t> payload)
     WSABUF parts[] = {sendBuffer(m_header), sendBuffer(payload)};
     DWORD sent = 0;
     if (WSASendTo(m_udp.get(), parts, 2, &sent, 0, reinterpret_cast<const sockaddr *>(&m_relay), sizeof(m_relay),
-                  nullptr, nullptr) == 0) {
+                  nullptr, nullptr)
+        == 0) {
         return true;
     }
     const int error = WSAGetLastError();

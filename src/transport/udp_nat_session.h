@@ -22,8 +22,8 @@ namespace ruvo {
 /// A flow's association with the proxy: a control connection, which it lasts as long as, and a UDP socket.
 ///
 /// open blocks and belongs to the thread that opens it; send is called by one thread at a time; answers arrive on the
-/// port's workers. m_mutex guards the issuing of receives against close; the sockets themselves are closed by the last
-/// reference.
+/// port's workers. m_mutex guards the issuing of receives against close; the sockets themselves are closed by the
+/// last reference.
 class UdpNatSession : public std::enable_shared_from_this<UdpNatSession>
 {
 public:

@@ -8,8 +8,8 @@
 
 namespace ruvo {
 
-/// A function that Winsock does not export: asked from `socket`'s provider once and kept for the process. Null if there
-/// is none (WSAGetLastError()). Any thread.
+/// A function that Winsock does not export: asked from `socket`'s provider once and kept for the process. Null if
+/// there is none (WSAGetLastError()). Any thread.
 template<typename Function>
 Function winsockExtension(SOCKET socket, GUID id)
 {
@@ -19,7 +19,8 @@ Function winsockExtension(SOCKET socket, GUID id)
     Function found = nullptr;
     DWORD size = 0;
     if (WSAIoctl(socket, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, sizeof(id), &found, sizeof(found), &size, nullptr,
-                 nullptr) != 0) {
+                 nullptr)
+        != 0) {
         return nullptr;
     }
     s_known = found;

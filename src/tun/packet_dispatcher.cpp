@@ -40,10 +40,8 @@ std::uint32_t realDestination(std::uint32_t address, std::uint16_t port, std::ui
 }
 
 PacketDispatcher::PacketDispatcher(std::uint32_t tunnelIp, PacketPaths paths)
-    : m_tunnelIp(tunnelIp)
-    , m_paths(std::move(paths))
-{
-}
+    : m_tunnelIp(tunnelIp), m_paths(std::move(paths))
+{}
 
 void PacketDispatcher::dispatch(const std::uint8_t *data, std::size_t len, bool proxyReady)
 {
@@ -87,9 +85,10 @@ bool PacketDispatcher::dispatchToTcpNat(const ParsedPacket &packet)
         return true;
     }
     if (packet.dstIp == m_tunnelIp && packet.dstPort == nat.listenPort) {
-        qCWarning(lcRuvod).nospace().noquote() << "[NAT-DROP] Packet to listener intercepted! src=" << formatIpv4(packet.srcIp)
-                                     << ":" << packet.srcPort << " dst=" << formatIpv4(packet.dstIp) << ":"
-                                     << packet.dstPort << " - Windows is routing local traffic through TUN!";
+        qCWarning(lcRuvod).nospace().noquote()
+            << "[NAT-DROP] Packet to listener intercepted! src=" << formatIpv4(packet.srcIp) << ":" << packet.srcPort
+            << " dst=" << formatIpv4(packet.dstIp) << ":" << packet.dstPort
+            << " - Windows is routing local traffic through TUN!";
         return true;
     }
     if (packet.srcIp != m_tunnelIp)

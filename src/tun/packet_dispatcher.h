@@ -57,8 +57,8 @@ struct PacketPaths
     std::function<void(const ParsedPacket &packet)> udpFlow;
 };
 
-/// Where a datagram or connection really goes: what is sent to the tunnel's own DNS address goes to a public resolver.
-/// Host order.
+/// Where a datagram or connection really goes: what is sent to the tunnel's own DNS address goes to a public
+/// resolver. Host order.
 std::uint32_t realDestination(std::uint32_t address, std::uint16_t port, std::uint32_t tunnelIp);
 
 /// Decides, for each packet that the adapter delivers, whether it is dropped, answered or handed to a path.

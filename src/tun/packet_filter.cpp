@@ -9,17 +9,17 @@ namespace {
 
 bool isUnroutableIpv4(std::uint32_t address)
 {
-    return address >> 24 == 127              // 127.0.0.0/8
-        || address >> 28 == 0xE              // 224.0.0.0/4
-        || address >> 16 == (169 << 8 | 254) // 169.254.0.0/16
-        || (address & 0xFF) == 255;
+    return address >> 24 == 127                 // 127.0.0.0/8
+           || address >> 28 == 0xE              // 224.0.0.0/4
+           || address >> 16 == (169 << 8 | 254) // 169.254.0.0/16
+           || (address & 0xFF) == 255;
 }
 
 bool isUnroutableIpv6(std::span<const std::uint8_t, 16> address)
 {
     const bool isMulticast = address[0] == 0xFF;
-    const bool isLoopback = address[15] == 1
-        && std::ranges::all_of(address.first<15>(), [](std::uint8_t byte) { return byte == 0; });
+    const bool isLoopback =
+        address[15] == 1 && std::ranges::all_of(address.first<15>(), [](std::uint8_t byte) { return byte == 0; });
     return isMulticast || isLoopback;
 }
 

@@ -32,7 +32,7 @@ bool isRewritableTcp(const std::uint8_t *packet, std::size_t len)
         return false;
     // The TCP header is read at its fixed place, which an IPv4 header of less than 20 bytes would not account for.
     return ipHeaderLength(packet) + tcpHeaderLength(packet) <= totalLength(packet) && totalLength(packet) <= len
-        && ipv4HeaderSize + tcpHeaderLength(packet) <= len;
+           && ipv4HeaderSize + tcpHeaderLength(packet) <= len;
 }
 
 bool rewriteTcpAddresses(std::uint8_t *packet, std::size_t len, std::uint32_t newSrcIp, std::uint16_t newSrcPort,

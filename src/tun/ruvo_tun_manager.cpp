@@ -32,10 +32,8 @@ QJsonObject failure(const QString &text)
 } // namespace
 
 RuvoTunManager::RuvoTunManager(QObject *parent)
-    : QObject(parent)
-    , m_wintunLibraryPath(QCoreApplication::applicationDirPath() + "/tun2/wintun.dll")
-{
-}
+    : QObject(parent), m_wintunLibraryPath(QCoreApplication::applicationDirPath() + "/tun2/wintun.dll")
+{}
 
 RuvoTunManager::~RuvoTunManager()
 {
@@ -75,9 +73,8 @@ std::unique_ptr<Tunnel> RuvoTunManager::makeTunnel(const TunnelConfiguration &co
 {
     auto tunnel = std::make_unique<Tunnel>(configuration.proxyHost.toStdWString(), configuration.proxyPort);
     // From any thread: the signal is delivered on this object's.
-    tunnel->setHealthCheckFailedCallback([this] {
-        QMetaObject::invokeMethod(this, &RuvoTunManager::proxyHealthCheckFailed, Qt::QueuedConnection);
-    });
+    tunnel->setHealthCheckFailedCallback(
+        [this] { QMetaObject::invokeMethod(this, &RuvoTunManager::proxyHealthCheckFailed, Qt::QueuedConnection); });
     if (configuration.proxyIp != 0)
         tunnel->setProxyIp(configuration.proxyIp);
     for (const std::uint32_t address : bypassResolvers)

@@ -24,11 +24,8 @@ unsigned workerCount()
 } // namespace
 
 Tunnel::Tunnel(const std::wstring &proxyHost, std::uint16_t proxyPort)
-    : m_proxyHost(proxyHost)
-    , m_proxyPort(proxyPort)
-    , m_stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
-{
-}
+    : m_proxyHost(proxyHost), m_proxyPort(proxyPort), m_stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
+{}
 
 Tunnel::~Tunnel()
 {
@@ -100,14 +97,9 @@ void Tunnel::runWorker(unsigned index)
     WorkerHousekeeping housekeeping(index, m_housekeeping);
     while (m_running) {
         switch (m_completionPort.runOne(workerWait)) {
-        case CompletionPort::Outcome::Completed:
-            housekeeping.afterCompletion();
-            break;
-        case CompletionPort::Outcome::Nothing:
-            break;
-        case CompletionPort::Outcome::Failed:
-            Sleep(1);
-            break;
+        case CompletionPort::Outcome::Completed: housekeeping.afterCompletion(); break;
+        case CompletionPort::Outcome::Nothing: break;
+        case CompletionPort::Outcome::Failed: Sleep(1); break;
         }
     }
 }

@@ -28,7 +28,9 @@ Tunnel::Result Tunnel::openTcpNat()
     std::uint16_t port = 0;
     const bool isListening = m_natListener->initialize(
         m_tunnelIp, 0, m_completionPort,
-        [this](Socket client, const TcpNatSessionPtr &session) { m_relayConnector->relay(std::move(client), session); },
+        [this](Socket client, const TcpNatSessionPtr &session) {
+            m_relayConnector->relay(std::move(client), session);
+        },
         port);
     if (!isListening) {
         qCCritical(lcRuvod) << "Failed to initialize TCP NAT";
@@ -65,9 +67,9 @@ void Tunnel::openDispatcher()
     if (m_udpNatRelay) {
         paths.udpNat = [this](const UdpDatagram &datagram) {
             return datagram.payloadLen <= std::numeric_limits<std::uint16_t>::max()
-                && m_udpNatRelay->forward(datagram.srcIp, datagram.srcPort, datagram.dstIp, datagram.dstPort,
-                                          datagram.realDstIp, datagram.realDstPort, datagram.payload,
-                                          static_cast<std::uint16_t>(datagram.payloadLen));
+                   && m_udpNatRelay->forward(datagram.srcIp, datagram.srcPort, datagram.dstIp, datagram.dstPort,
+                                             datagram.realDstIp, datagram.realDstPort, datagram.payload,
+                                             static_cast<std::uint16_t>(datagram.payloadLen));
         };
     }
     m_dispatcher = std::make_unique<PacketDispatcher>(m_tunnelIp, std::move(paths));
@@ -85,23 +87,27 @@ TcpNatPath Tunnel::tcpNatPath()
             return TcpEndpoints{session->clientAddress, session->clientPort, session->destinationAddress,
                                 session->destinationPort};
         },
-        .allocateNatPort = [&table](const TcpEndpoints &connection) {
-            return table.allocateNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort);
-        },
-        .findNatPort = [&table](const TcpEndpoints &connection) {
-            return table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort);
-        },
-        .sendRewritten = [this](const ParsedPacket &packet, const TcpEndpoints &to) {
-            if (!isRewritableTcp(packet.raw, packet.rawLen))
-                return false;
-            // Straight into the adapter's ring, and rewritten there.
-            if (std::uint8_t *copy = m_adapter->allocatePacket(static_cast<std::uint32_t>(packet.rawLen))) {
-                std::memcpy(copy, packet.raw, packet.rawLen);
-                rewriteTcpAddresses(copy, packet.rawLen, to.srcIp, to.srcPort, to.dstIp, to.dstPort);
-                m_adapter->sendAllocated(copy);
-            }
-            return true;
-        },
+        .allocateNatPort =
+            [&table](const TcpEndpoints &connection) {
+                return table.allocateNatPort(connection.srcIp, connection.srcPort, connection.dstIp,
+                                             connection.dstPort);
+            },
+        .findNatPort =
+            [&table](const TcpEndpoints &connection) {
+                return table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort);
+            },
+        .sendRewritten =
+            [this](const ParsedPacket &packet, const TcpEndpoints &to) {
+                if (!isRewritableTcp(packet.raw, packet.rawLen))
+                    return false;
+                // Straight into the adapter's ring, and rewritten there.
+                if (std::uint8_t *copy = m_adapter->allocatePacket(static_cast<std::uint32_t>(packet.rawLen))) {
+                    std::memcpy(copy, packet.raw, packet.rawLen);
+                    rewriteTcpAddresses(copy, packet.rawLen, to.srcIp, to.srcPort, to.dstIp, to.dstPort);
+                    m_adapter->sendAllocated(copy);
+                }
+                return true;
+            },
     };
 }
 
@@ -109,8 +115,8 @@ std::optional<RelayRoute> Tunnel::routeFor(const TcpNatSession &session) const
 {
     if (!m_running)
         return std::nullopt;
-    const std::uint32_t owner = PortOwnerLookup::tcpOwnerPid(session.clientPort, session.destinationAddress,
-                                                             session.destinationPort);
+    const std::uint32_t owner =
+        PortOwnerLookup::tcpOwnerPid(session.clientPort, session.destinationAddress, session.destinationPort);
     if (owner == GetCurrentProcessId()) {
         static CappedLog s_loops(5, 1000);
         if (s_loops.take()) {

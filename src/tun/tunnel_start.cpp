@@ -91,7 +91,8 @@ Tunnel::Result Tunnel::openSession()
         qCCritical(lcRuvod) << "Failed to start session";
         return std::unexpected("Failed to start Wintun session (driver communication error)");
     }
-    m_adapter->setPacketCallback([this](const std::uint8_t *data, std::uint32_t size) { dispatchPacket(data, size); });
+    m_adapter->setPacketCallback(
+        [this](const std::uint8_t *data, std::uint32_t size) { dispatchPacket(data, size); });
     if (!m_completionPort.open()) {
         const DWORD error = GetLastError();
         qCCritical(lcRuvod) << "Failed to create IOCP:" << error;

@@ -6,8 +6,8 @@
 
 namespace ruvo {
 
-/// Which local inbound a new connection or flow is relayed to: the proxy port, or the direct port for what must not be
-/// proxied.
+/// Which local inbound a new connection or flow is relayed to: the proxy port, or the direct port for what must not
+/// be proxied.
 ///
 /// Filled before the tunnel starts and only read from then on, from any thread.
 class UpstreamChoice
@@ -24,7 +24,8 @@ public:
     const std::set<std::uint32_t> &bypassIps() const { return m_bypassIps; }
 
     /// `processPath` is the image of the process that owns the connection, or empty; `dstIp` is 0 for IPv6.
-    std::uint16_t chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp, std::uint16_t dstPort) const;
+    std::uint16_t chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp,
+                                     std::uint16_t dstPort) const;
 
 private:
     std::uint16_t m_proxyPort = 10808;

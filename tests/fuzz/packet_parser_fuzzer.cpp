@@ -130,7 +130,7 @@ bool leadsNowhere(const Bytes &packet)
 {
     if (packet.at(0) / 16 == 4) {
         return packet.at(16) == 127 || packet.at(16) / 16 == 14 || get16(packet, 16) == 0xa9fe
-            || packet.at(19) == 255;
+               || packet.at(19) == 255;
     }
     static const Bytes s_loopback{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
     return packet.at(24) == 255 || std::memcmp(packet.data() + 24, s_loopback.data(), s_loopback.size()) == 0;

@@ -118,7 +118,8 @@ TEST(OutputCollector, decodesTheHalvesOfACharacterThatAFlushCutEachOnItsOwn)
     OutputCollector output;
     output.appendStdout("core", "ab\xe2\x82");
     const QString before = output.flush().first()["data"].toString();
-    output.appendStdout("core", "\xac" "cd");
+    output.appendStdout("core", "\xac"
+                                "cd");
     const QString after = output.flush().first()["data"].toString();
     EXPECT_TRUE(before.startsWith("ab")) << before.toStdString();
     EXPECT_TRUE(before.mid(2).contains(QChar::ReplacementCharacter)) << before.toStdString();

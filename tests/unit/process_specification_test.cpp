@@ -173,7 +173,8 @@ TEST(ParseProcessSpec, replacesEarlierSettingsAndKeepsTheRunAndItsRestarts)
 {
     ProcessInfo info;
     parseProcessSpec(json(R"({"process-id": "core", "executable": "a.exe", "arguments": ["x"], "working-dir": "d",
-                              "auto-restart": true, "max-restart-attempts": 9, "session-id": 4})"), info);
+                              "auto-restart": true, "max-restart-attempts": 9, "session-id": 4})"),
+                     info);
     info.restartAttempts = 2;
     info.pid = 77;
     info.state = QProcess::Running;

@@ -81,8 +81,8 @@ TEST_F(TcpNatTableTest, writesDownWhatTheSynSaid)
 TEST_F(TcpNatTableTest, tellsEachPartOfAConnectionApart)
 {
     const std::set<std::uint16_t> ports{
-        m_table.allocateNatPort(client, 5000, server, 443),     m_table.allocateNatPort(client + 1, 5000, server, 443),
-        m_table.allocateNatPort(client, 5001, server, 443),     m_table.allocateNatPort(client, 5000, server + 1, 443),
+        m_table.allocateNatPort(client, 5000, server, 443), m_table.allocateNatPort(client + 1, 5000, server, 443),
+        m_table.allocateNatPort(client, 5001, server, 443), m_table.allocateNatPort(client, 5000, server + 1, 443),
         m_table.allocateNatPort(client, 5000, server, 444),
     };
     EXPECT_EQ(ports.size(), 5u);
@@ -148,7 +148,7 @@ TEST_F(TcpNatTableTest, wrapsFrom65535To1)
 
 TEST_F(TcpNatTableTest, skipsPortsInUseAfterTheWrap)
 {
-    const TcpNatSessionPtr lasting = accepted(1); // 30000
+    const TcpNatSessionPtr lasting = accepted(1);     // 30000
     const TcpNatSessionPtr alsoLasting = accepted(2); // 30001
     for (int round = 0; round < allPorts - 2; ++round)
         m_table.end(accepted(3));
@@ -175,8 +175,8 @@ TEST_F(TcpNatTableTest, findsTheOnlyFreePortWhereverItIs)
     EXPECT_EQ(open(1, otherServer), 29998);
 }
 
-// A client resets its connection and opens the same one anew: its SYN may come before the end of the old one is known,
-// and so may its accept.
+// A client resets its connection and opens the same one anew: its SYN may come before the end of the old one is
+// known, and so may its accept.
 TEST_F(TcpNatTableTest, givesEachAcceptedConnectionASessionOfItsOwn)
 {
     for (const bool endsBeforeTheAccept : {true, false}) {

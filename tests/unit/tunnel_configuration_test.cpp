@@ -66,7 +66,8 @@ TEST(TunnelConfiguration, aProxyHostThatIsNoAddressIsKeptWithoutOne)
 
 TEST(TunnelConfiguration, skipsBypassEntriesThatAreNoAddresses)
 {
-    const auto parsed = parseTunnelConfiguration({{"bypass-ips", QJsonArray{"x", "1.2.3.4", 7, "1.2.3", QJsonValue()}}});
+    const auto parsed =
+        parseTunnelConfiguration({{"bypass-ips", QJsonArray{"x", "1.2.3.4", 7, "1.2.3", QJsonValue()}}});
     ASSERT_TRUE(parsed);
     EXPECT_EQ(parsed->bypassIps, QList<std::uint32_t>{0x01020304});
 }

@@ -147,8 +147,7 @@ ParallelProxy::ParallelProxy(Script script)
     , m_listener(listeningSocket())
     , m_portNumber(portOf(m_listener.get()))
     , m_acceptor(&ParallelProxy::serve, this)
-{
-}
+{}
 
 ParallelProxy::~ParallelProxy()
 {
@@ -168,9 +167,8 @@ void ParallelProxy::serve()
             return;
         if (!socket)
             continue;
-        m_threads.emplace_back([this, number = m_connections++, client = ProxyConnection(std::move(socket))]() mutable {
-            m_script(client, number);
-        });
+        m_threads.emplace_back([this, number = m_connections++,
+                                client = ProxyConnection(std::move(socket))]() mutable { m_script(client, number); });
     }
 }
 

@@ -51,16 +51,16 @@ bool sendAll(SOCKET socket, const QByteArray &bytes);
 QByteArray receiveBytes(SOCKET socket, qsizetype count);
 /// How a stream ends: properly, with a reset, or not at all within 20 s.
 enum class Ending { Proper, Reset, None };
-/// Reads until the stream ends. What was read comes to `bytes`. Wine may swallow the error of a reset, so that it looks
-/// like a proper end: what tells them apart is that one can still send after the latter. A test that has shut down its
-/// sending, or stalls, cannot use that and says so.
+/// Reads until the stream ends. What was read comes to `bytes`. Wine may swallow the error of a reset, so that it
+/// looks like a proper end: what tells them apart is that one can still send after the latter. A test that has shut
+/// down its sending, or stalls, cannot use that and says so.
 Ending readToEnd(SOCKET socket, QByteArray *bytes = nullptr, bool canSend = true);
 /// Sends until nothing more is taken for half a second; what was sent. Leaves the socket non-blocking.
 QByteArray sendUntilStalled(SOCKET socket, unsigned seed = 1);
 void resetConnection(Socket &socket);
 
-/// Listens on 127.0.0.1 and serves each connection by the script on a thread of its own. The script's connections have
-/// to have ended when this goes: the product's end is closed first.
+/// Listens on 127.0.0.1 and serves each connection by the script on a thread of its own. The script's connections
+/// have to have ended when this goes: the product's end is closed first.
 class ParallelProxy
 {
 public:

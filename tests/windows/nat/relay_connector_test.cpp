@@ -84,7 +84,8 @@ protected:
     void expectLine(const QString &line)
     {
         EXPECT_TRUE(waitUntil([&] { return m_log.lines().contains(line); }))
-            << line.toStdString() << "\nin\n" << m_log.lines().join('\n').toStdString();
+            << line.toStdString() << "\nin\n"
+            << m_log.lines().join('\n').toStdString();
     }
 
     const KernelHandle m_stopEvent{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
@@ -325,7 +326,8 @@ TEST_F(DirectConnectTest, bindsToThePhysicalInterfaceInNetworkByteOrder)
     expectEcho(relay());
     const std::lock_guard lock(mutex);
     EXPECT_EQ(value.toHex(), "00000123");
-    EXPECT_EQ(m_log.lines(), (QStringList{m_usingDirect, "DEBUG [TCP-NAT] Bound direct socket to physical interface 291"}));
+    EXPECT_EQ(m_log.lines(),
+              (QStringList{m_usingDirect, "DEBUG [TCP-NAT] Bound direct socket to physical interface 291"}));
 }
 
 TEST_F(DirectConnectTest, connectsEvenWhenItCannotBind)
@@ -336,8 +338,9 @@ TEST_F(DirectConnectTest, connectsEvenWhenItCannotBind)
     });
     m_physicalInterface = 7;
     expectEcho(relay());
-    EXPECT_EQ(m_log.lines(),
-              (QStringList{m_usingDirect, "WARNING [TCP-NAT] Failed to bind to physical interface 7 - Error: 10022"}));
+    EXPECT_EQ(
+        m_log.lines(),
+        (QStringList{m_usingDirect, "WARNING [TCP-NAT] Failed to bind to physical interface 7 - Error: 10022"}));
 }
 
 TEST_F(DirectConnectTest, doesNotBindWhileTheInterfaceIsNotKnown)
@@ -353,7 +356,8 @@ TEST_F(DirectConnectTest, resetsTheClientWhenTheDestinationRefuses)
     const std::uint16_t port = closedPort();
     routeDirectlyTo(port);
     expectRefused(relay());
-    expectLine(QStringLiteral("WARNING [TCP-NAT] Failed to connect directly to 127.0.0.1:%1 - Error: 10061").arg(port));
+    expectLine(
+        QStringLiteral("WARNING [TCP-NAT] Failed to connect directly to 127.0.0.1:%1 - Error: 10061").arg(port));
 }
 
 TEST_F(DirectConnectTest, resetsTheClientWhenThereIsNoSocket)

@@ -116,7 +116,8 @@ TEST_F(RelayEndTest, dropsWhatComesAfterTheOtherDirectionsEnd)
     ASSERT_EQ(shutdown(ends.application.get(), SD_SEND), 0);
     EXPECT_EQ(readToEnd(ends.server.get()), Ending::Proper);
     EXPECT_EQ(readToEnd(ends.application.get(), nullptr, false), Ending::Proper);
-    EXPECT_TRUE(sendAll(ends.server.get(), pattern(5'000'000))) << "it is read, as a reset would hit what came before";
+    EXPECT_TRUE(sendAll(ends.server.get(), pattern(5'000'000)))
+        << "it is read, as a reset would hit what came before";
     EXPECT_EQ(m_closed, 0);
     ends.server.reset();
     ends.relay.reset();

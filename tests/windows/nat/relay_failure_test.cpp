@@ -26,10 +26,10 @@ protected:
     template<typename Import>
     static auto onWorkers(std::function<typename Import::Function> replacement)
     {
-        return std::make_unique<ImportRedirection<Import>>(
-            [replacement, next = ImportRedirection<Import>::current(), own = GetCurrentThreadId()](auto... arguments) {
-                return GetCurrentThreadId() == own ? next(arguments...) : replacement(arguments...);
-            });
+        return std::make_unique<ImportRedirection<Import>>([replacement, next = ImportRedirection<Import>::current(),
+                                                            own = GetCurrentThreadId()](auto... arguments) {
+            return GetCurrentThreadId() == own ? next(arguments...) : replacement(arguments...);
+        });
     }
     static std::function<decltype(send)> sendFailingWith(int error)
     {

@@ -28,15 +28,9 @@ protected:
             return;
         }
         switch (m_random() % 8) {
-        case 0:
-            resetConnection(slot->application);
-            return slot.reset();
-        case 1:
-            resetConnection(slot->server);
-            return slot.reset();
-        case 2:
-            shutdown(slot->application.get(), SD_SEND);
-            return slot.reset();
+        case 0: resetConnection(slot->application); return slot.reset();
+        case 1: resetConnection(slot->server); return slot.reset();
+        case 2: shutdown(slot->application.get(), SD_SEND); return slot.reset();
         case 3: {
             const QByteArray bytes = pattern(static_cast<qsizetype>(m_random() % 50'000), opened);
             u_long on = 1;
@@ -79,14 +73,16 @@ TEST_F(RelayLoadTest, leavesNothingBehind)
     EXPECT_TRUE(waitUntil([this] { return m_table.size() == relays; }));
     EXPECT_LE(m_port.inFlight(), std::int64_t{2 * relays});
     int actions = 0;
-    for (const auto end = std::chrono::steady_clock::now() + duration; std::chrono::steady_clock::now() < end; ++actions)
+    for (const auto end = std::chrono::steady_clock::now() + duration; std::chrono::steady_clock::now() < end;
+         ++actions)
         act(held[m_random() % relays]);
     printf("%u relays opened, %d things done to %zu of them at a time\n", opened, actions, relays);
     EXPECT_EQ(wrong, 0);
     EXPECT_GT(opened, relays);
     held.clear();
 
-    EXPECT_TRUE(waitForClosed(static_cast<int>(opened) + 1)) << m_closed << " closed, in flight: " << m_port.inFlight();
+    EXPECT_TRUE(waitForClosed(static_cast<int>(opened) + 1))
+        << m_closed << " closed, in flight: " << m_port.inFlight();
     EXPECT_EQ(m_table.size(), 0u);
     stopWorkers();
     EXPECT_EQ(m_port.inFlight(), 0);

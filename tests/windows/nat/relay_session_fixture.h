@@ -26,8 +26,8 @@ protected:
         StreamPair application = streamPair();
         StreamPair server = streamPair();
         const std::uint64_t id = m_table.nextId();
-        auto relay = std::make_shared<RelaySession>(id, std::move(application.theirs), std::move(server.theirs), false,
-                                                    m_port, [this, id] {
+        auto relay = std::make_shared<RelaySession>(id, std::move(application.theirs), std::move(server.theirs),
+                                                    false, m_port, [this, id] {
                                                         m_table.remove(id);
                                                         ++m_closed;
                                                     });

@@ -61,9 +61,8 @@ TEST_F(RelaySessionTest, holdsNoWorkerForReadersThatStall)
     std::vector<std::future<QByteArray>> sending;
     for (unsigned i = 0; i < 2 * workerCount; ++i) {
         stalled.push_back(start());
-        sending.push_back(std::async(std::launch::async, [server = stalled.back().server.get(), i] {
-            return sendUntilStalled(server, i);
-        }));
+        sending.push_back(std::async(
+            std::launch::async, [server = stalled.back().server.get(), i] { return sendUntilStalled(server, i); }));
     }
     std::vector<QByteArray> sent;
     for (auto &future : sending)
@@ -151,8 +150,8 @@ TEST_F(RelaySessionTest, tellsWhetherItIsDirect)
 {
     StreamPair one = streamPair();
     StreamPair other = streamPair();
-    const auto relay = std::make_shared<RelaySession>(7, std::move(one.theirs), std::move(other.theirs), true, m_port,
-                                                      [] {});
+    const auto relay =
+        std::make_shared<RelaySession>(7, std::move(one.theirs), std::move(other.theirs), true, m_port, [] {});
     EXPECT_TRUE(relay->isDirect());
     EXPECT_EQ(relay->id(), 7u);
     relay->abort();
@@ -200,8 +199,8 @@ TEST_F(RelayTableTest, abortsAllAndTakesNoMore)
     }
     StreamPair one = streamPair();
     StreamPair other = streamPair();
-    const auto late = std::make_shared<RelaySession>(9, std::move(one.theirs), std::move(other.theirs), false, m_port,
-                                                     [] {});
+    const auto late =
+        std::make_shared<RelaySession>(9, std::move(one.theirs), std::move(other.theirs), false, m_port, [] {});
     EXPECT_FALSE(m_table.insert(late));
     EXPECT_EQ(m_table.size(), 0u);
     late->abort();

@@ -135,7 +135,8 @@ struct OwnListener
     bool start()
     {
         std::uint16_t listenPort = 0;
-        return listener->initialize(INADDR_LOOPBACK, 0, port, [](Socket, const TcpNatSessionPtr &) {}, listenPort);
+        return listener->initialize(
+            INADDR_LOOPBACK, 0, port, [](Socket, const TcpNatSessionPtr &) {}, listenPort);
     }
 
     LogCapture log;

@@ -8,7 +8,8 @@ TEST_F(TcpNatListenerTest, saysWhereItListens)
     ASSERT_TRUE(start());
     EXPECT_NE(m_listenPort, 0);
     EXPECT_EQ(m_listener->listenPort(), m_listenPort);
-    EXPECT_EQ(m_log.lines(), QStringList{QStringLiteral("WARNING [TCP-NAT] Listening on 127.0.0.1:%1").arg(m_listenPort)});
+    EXPECT_EQ(m_log.lines(),
+              QStringList{QStringLiteral("WARNING [TCP-NAT] Listening on 127.0.0.1:%1").arg(m_listenPort)});
     EXPECT_EQ(m_port.inFlight(), 1) << "one accept";
 }
 

@@ -51,8 +51,8 @@ AssociationProxy::Datagram AssociationProxy::receive() const
     Datagram datagram;
     char block[0x10000];
     int size = sizeof(datagram.from);
-    const int received = recvfrom(m_udp.get(), block, sizeof(block), 0, reinterpret_cast<sockaddr *>(&datagram.from),
-                                  &size);
+    const int received =
+        recvfrom(m_udp.get(), block, sizeof(block), 0, reinterpret_cast<sockaddr *>(&datagram.from), &size);
     if (received > 0)
         datagram.bytes = QByteArray(block, received);
     return datagram;
@@ -72,7 +72,8 @@ void UdpNatRelayTest::SetUp()
 
 void UdpNatRelayTest::makeRelay(std::size_t sessionLimit)
 {
-    m_relay = std::make_unique<UdpNatRelay>(m_stopEvent.get(), [this] { return m_now.load(); }, sessionLimit);
+    m_relay = std::make_unique<UdpNatRelay>(
+        m_stopEvent.get(), [this] { return m_now.load(); }, sessionLimit);
     m_relay->setFallback([this](const UdpFlowKey &flow, std::span<const std::uint8_t> payload) {
         const std::lock_guard lock(m_mutex);
         m_refused.push_back({flow, QByteArray(reinterpret_cast<const char *>(payload.data()),
@@ -149,8 +150,8 @@ std::vector<UdpNatRelayTest::Refused> UdpNatRelayTest::refused()
 
 void UdpNatRelayTest::expectLine(const QString &line)
 {
-    EXPECT_TRUE(waitUntil([&] { return m_log.lines().contains(line); }))
-        << line.toStdString() << "\nin\n" << m_log.lines().join('\n').toStdString();
+    EXPECT_TRUE(waitUntil([&] { return m_log.lines().contains(line); })) << line.toStdString() << "\nin\n"
+                                                                         << m_log.lines().join('\n').toStdString();
 }
 
 } // namespace ruvo::test

@@ -9,9 +9,10 @@ using Datagram = AssociationProxy::Datagram;
 TEST_F(UdpNatRelayTest, saysWhichProxyItUses)
 {
     startRelay();
-    EXPECT_EQ(m_log.lines(), QStringList{QStringLiteral("DEBUG [UDP-NAT] Initialized with proxy 127.0.0.1:%1 (proxy) / %2 (direct)")
-                                             .arg(m_proxy->port())
-                                             .arg(m_direct->port())});
+    EXPECT_EQ(m_log.lines(),
+              QStringList{QStringLiteral("DEBUG [UDP-NAT] Initialized with proxy 127.0.0.1:%1 (proxy) / %2 (direct)")
+                              .arg(m_proxy->port())
+                              .arg(m_direct->port())});
 }
 
 TEST_F(UdpNatRelayTest, carriesADatagramAndItsAnswer)

@@ -204,14 +204,14 @@ TEST_F(PortOwnerTable, hasNoOwnersIfItCannotBeRead)
     m_udp.fillError = ERROR_ACCESS_DENIED;
     EXPECT_EQ(PortOwnerLookup::tcpOwner(50000, server, 443), L"");
     EXPECT_EQ(PortOwnerLookup::udpOwner(53), L"");
-    EXPECT_THAT(m_log.lines(), ElementsAre("WARNING GetExtendedTcpTable failed: 50",
-                                           "WARNING GetExtendedUdpTable failed: 5"));
+    EXPECT_THAT(m_log.lines(),
+                ElementsAre("WARNING GetExtendedTcpTable failed: 50", "WARNING GetExtendedUdpTable failed: 5"));
 }
 
 TEST_F(PortOwnerTable, tellsTheProgramOfAnOwner)
 {
-    m_tcp.rows = {tcpRow(tunnel, 50000, server, 443, GetCurrentProcessId()),
-                  tcpRow(tunnel, 50001, server, 443, 4), tcpRow(tunnel, 50002, server, 443, 0)};
+    m_tcp.rows = {tcpRow(tunnel, 50000, server, 443, GetCurrentProcessId()), tcpRow(tunnel, 50001, server, 443, 4),
+                  tcpRow(tunnel, 50002, server, 443, 0)};
     m_udp.rows = {udpRow(tunnel, 53, GetCurrentProcessId())};
     wchar_t own[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, own, MAX_PATH);

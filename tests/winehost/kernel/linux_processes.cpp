@@ -48,8 +48,7 @@ std::vector<int> numbersIn(const std::string &folder)
         systemCall(SystemCall::open, folder.c_str(), open_flags::readOnly | open_flags::closeOnExec));
     alignas(8) char entries[16384];
     for (;;) {
-        const std::int64_t size =
-            systemCall(SystemCall::directoryEntries, directory.get(), entries, sizeof entries);
+        const std::int64_t size = systemCall(SystemCall::directoryEntries, directory.get(), entries, sizeof entries);
         if (size <= 0)
             return numbers;
         for (const char *entry = entries; entry < entries + size;) {

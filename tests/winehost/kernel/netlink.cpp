@@ -31,8 +31,7 @@ struct TimeValue
 
 Descriptor openSocket(int protocol)
 {
-    Descriptor socket(
-        systemCall(SystemCall::socket, netlinkFamily, rawSocket | open_flags::closeOnExec, protocol));
+    Descriptor socket(systemCall(SystemCall::socket, netlinkFamily, rawSocket | open_flags::closeOnExec, protocol));
     const TimeValue limit{answerSeconds, 0};
     systemCall(SystemCall::setSocketOption, socket.get(), socketLevel, receiveTimeout, &limit, sizeof limit);
     return socket;

@@ -28,7 +28,8 @@ InetSocket socketOf(const inet_diag_msg &message)
             std::byteswap(static_cast<std::uint16_t>(message.id.idiag_sport)),
             std::byteswap(static_cast<std::uint16_t>(message.id.idiag_dport)),
             std::byteswap(static_cast<std::uint32_t>(message.id.idiag_src[0])),
-            std::byteswap(static_cast<std::uint32_t>(message.id.idiag_dst[0])), message.idiag_inode};
+            std::byteswap(static_cast<std::uint32_t>(message.id.idiag_dst[0])),
+            message.idiag_inode};
 }
 
 } // namespace

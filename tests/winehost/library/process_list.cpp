@@ -33,8 +33,7 @@ RunningProcess described(const ProcessRecord &record)
 {
     return {.pid = idOf(record.pid),
             .parent = idOf(record.parent),
-            .name = std::wstring(record.name.Buffer ? record.name.Buffer : L"",
-                                 record.name.Length / sizeof(wchar_t)),
+            .name = std::wstring(record.name.Buffer ? record.name.Buffer : L"", record.name.Length / sizeof(wchar_t)),
             .threads = record.threads,
             .handlePlaces = record.handles};
 }

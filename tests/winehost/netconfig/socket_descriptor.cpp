@@ -10,8 +10,8 @@ namespace {
 
 /// An export of Wine's ntdll; what it gives is a duplicate.
 using HandleToDescriptor = LONG(CDECL *)(HANDLE handle, unsigned access, int *descriptor, unsigned *options);
-const auto s_handleToDescriptor = std::bit_cast<HandleToDescriptor>(
-    GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_server_handle_to_fd"));
+const auto s_handleToDescriptor =
+    std::bit_cast<HandleToDescriptor>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_server_handle_to_fd"));
 
 } // namespace
 
