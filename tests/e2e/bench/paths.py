@@ -6,6 +6,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[3]
 BUILD = Path(os.environ.get("RUVOD_BUILD_DIR", ROOT / "build" / "windows"))
 OUTPUT = ROOT / "build" / "e2e"
+WINE = ROOT / "tests" / "winehost" / "wine-steady"
 WINE_PREFIX = ROOT / "tests" / "winehost" / "wine-prefix"
 
 # What lies in the application folder of a bench.

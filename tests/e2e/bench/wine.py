@@ -10,7 +10,7 @@ import tempfile
 from dataclasses import dataclass
 
 from . import processes
-from .paths import OUTPUT, WINE_PREFIX, WINPROBE
+from .paths import OUTPUT, WINE, WINE_PREFIX, WINPROBE
 from .waiting import wait_for
 
 CRASH_MARKS = ("Unhandled exception", "Unhandled page fault", "unimplemented function")
@@ -112,7 +112,7 @@ class Prefix:
 
     def popen(self, *command, **options):
         """Starts a Windows program. It gets a session of its own: Ctrl+C in a terminal is ours to handle."""
-        words = [*self.enter, "wine", *map(str, command)]
+        words = [*self.enter, WINE, *map(str, command)]
         return subprocess.Popen(words, env=self.environment(), start_new_session=True, **options)
 
     def run(self, *command, timeout=30):

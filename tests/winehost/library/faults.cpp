@@ -58,13 +58,21 @@ void complain(const std::vector<std::string> &words)
     JournalEntry("faults.txt").add("not-understood", std::string_view(line));
 }
 
-/// Under the lock.
+/// Under the lock. A file that cannot be read changes nothing: an empty plan would let calls work that have to fail.
 void refreshPlan()
 {
-    std::string text = readBenchFile(L"faults.txt").value_or(std::string());
-    if (text == s_plan.text)
+    std::optional<std::string> text = readBenchFile(L"faults.txt");
+    if (!text) {
+        const DWORD error = GetLastError();
+        if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+            JournalEntry("faults.txt").add("unreadable", error);
+            return;
+        }
+        text.emplace();
+    }
+    if (*text == s_plan.text)
         return;
-    s_plan = {std::move(text), {}, {}};
+    s_plan = {std::move(*text), {}, {}};
     for (const auto &words : wordsOfLines(s_plan.text)) {
         if (const auto fault = parseFault(words))
             s_plan.faults.emplace(words[0], *fault);
