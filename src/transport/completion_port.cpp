@@ -4,6 +4,29 @@
 
 namespace ruvo {
 
+namespace {
+
+/// Layered providers may hand out sockets that are no handles of the system's, whose completions would be lost. They
+/// take part for the whole process or not at all.
+bool areSocketsHandles(SOCKET socket)
+{
+    WSAPROTOCOL_INFOW provider{};
+    int size = sizeof(provider);
+    return getsockopt(socket, SOL_SOCKET, SO_PROTOCOL_INFOW, reinterpret_cast<char *>(&provider), &size) == 0
+           && (provider.dwServiceFlags1 & XP1_IFS_HANDLES) != 0;
+}
+
+} // namespace
+
+bool skipPortOnSuccess(SOCKET socket)
+{
+    static const bool s_areHandles = areSocketsHandles(socket);
+    return s_areHandles
+           && SetFileCompletionNotificationModes(reinterpret_cast<HANDLE>(socket),
+                                                 FILE_SKIP_COMPLETION_PORT_ON_SUCCESS
+                                                     | FILE_SKIP_SET_EVENT_ON_HANDLE);
+}
+
 bool CompletionPort::open()
 {
     m_port.reset(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0));
@@ -27,6 +50,12 @@ std::shared_ptr<void> CompletionPort::abandon(IoOperation &operation)
 {
     --m_inFlight;
     return std::move(operation.m_record);
+}
+
+bool CompletionPort::post(IoOperation &operation, DWORD bytes)
+{
+    // Dispatch is by the operation: the key is only a name.
+    return PostQueuedCompletionStatus(m_port.get(), bytes, 0, &operation);
 }
 
 CompletionPort::Outcome CompletionPort::runOne(std::chrono::milliseconds timeout)

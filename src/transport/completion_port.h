@@ -21,6 +21,10 @@ enum class CompletionKey : ULONG_PTR {
     UdpNatReceive = 8,
 };
 
+/// Calls on `socket` that are done at once are no longer posted to its completion port: who issues them goes on by
+/// itself, and saves the way through the port to a worker. False where that cannot be: everything is posted.
+bool skipPortOnSuccess(SOCKET socket);
+
 /// The tunnel's one I/O completion port, and the count of what is in flight on it. All but open and close may be
 /// called from any thread.
 class CompletionPort
@@ -36,8 +40,12 @@ public:
 
     /// Right before a call is issued with `operation`: it is in flight from here on.
     void begin(IoOperation &operation, std::shared_ptr<void> record);
-    /// The call was refused: nothing will complete. Gives the reference back.
+    /// The call was refused, or it was done at once on a socket with skipPortOnSuccess: nothing will complete. Gives
+    /// the reference back.
     std::shared_ptr<void> abandon(IoOperation &operation);
+    /// The call was done at once on such a socket: its handler is to run on a worker all the same, as if it had taken
+    /// time. False: nothing will complete.
+    bool post(IoOperation &operation, DWORD bytes);
 
     enum class Outcome {
         Completed, ///< One operation was completed.

@@ -28,7 +28,7 @@ bool ConnectionThreads::post(Job job)
     if (m_idle <= m_jobs.size() && m_running < m_limit && !startThread() && m_running == 0)
         return false;
     m_jobs.push_back(std::move(job));
-    m_changed.notify_one();
+    m_changed.notifyOne();
     return true;
 }
 
@@ -62,7 +62,7 @@ void ConnectionThreads::run(std::list<Thread>::iterator self)
     std::unique_lock lock(m_mutex);
     for (;;) {
         ++m_idle;
-        const bool isWoken = m_changed.wait_for(lock, idleTime, [this] { return m_stopped || !m_jobs.empty(); });
+        const bool isWoken = m_changed.waitFor(lock, idleTime, [this] { return m_stopped || !m_jobs.empty(); });
         --m_idle;
         if (!isWoken || m_stopped)
             break;
@@ -94,7 +94,7 @@ void ConnectionThreads::stop()
         m_stopped = true;
         dropped.swap(m_jobs);
         threads.swap(m_threads);
-        m_changed.notify_all();
+        m_changed.notifyAll();
     }
     for (const Thread &thread : threads)
         WaitForSingleObject(thread.handle.get(), INFINITE);

@@ -1,12 +1,11 @@
 #pragma once
 
+#include "common/slim_lock.h"
 #include "common/windows_handles.h"
 
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <list>
-#include <mutex>
 
 namespace ruvo {
 
@@ -47,8 +46,8 @@ private:
     void reapFinished();
 
     const unsigned m_limit;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
+    SlimLock m_mutex;
+    SlimCondition m_changed;
     bool m_stopped = false;
     std::deque<Job> m_jobs;
     std::list<Thread> m_threads;

@@ -47,7 +47,6 @@ Socket connectDirectly(std::uint32_t address, std::uint16_t port, std::uint32_t 
                                                << ":" << port << " - Error: " << error;
         return {};
     }
-    wait.detach(socket.get());
     return socket;
 }
 

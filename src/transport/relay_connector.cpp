@@ -42,8 +42,10 @@ void RelayConnector::relay(Socket socket, const TcpNatSessionPtr &session)
     const std::optional<RelayRoute> route = m_questions.routeFor(*session);
     if (!route)
         return;
-    m_threads.post(
-        [this, client = std::move(client), route = *route]() mutable { connectAndStart(std::move(client), route); });
+    (route->isDirect ? m_directThreads : m_proxyThreads)
+        .post([this, client = std::move(client), route = *route]() mutable {
+            connectAndStart(std::move(client), route);
+        });
 }
 
 void RelayConnector::connectAndStart(PendingClient client, const RelayRoute &route)
@@ -84,13 +86,13 @@ Socket RelayConnector::connectThroughProxy(const RelayRoute &route)
         qCWarning(lcRuvod) << "[TCP-NAT] Failed to connect to SOCKS5 proxy";
         return {};
     }
-    proxy.setNonBlocking(true);
     return proxy.releaseTcpSocket();
 }
 
 void RelayConnector::stop()
 {
-    m_threads.stop();
+    m_proxyThreads.stop();
+    m_directThreads.stop();
     m_relays.closeAll();
 }
 

@@ -75,7 +75,7 @@ private:
         TcpNatTable &m_table;
     };
 
-    static constexpr unsigned maxThreads = 256;
+    static constexpr unsigned maxThreads = 256; // of each kind
 
     void connectAndStart(PendingClient client, const RelayRoute &route);
     Socket connectThroughProxy(const RelayRoute &route);
@@ -86,7 +86,10 @@ private:
     TcpNatTable &m_natTable;
     const Questions m_questions;
     RelayTable m_relays;
-    ConnectionThreads m_threads{maxThreads};
+    // Apart: a program that calls hundreds of addresses directly which nobody answers at holds up its like, but not
+    // what goes to the proxy.
+    ConnectionThreads m_proxyThreads{maxThreads};
+    ConnectionThreads m_directThreads{maxThreads};
 };
 
 } // namespace ruvo

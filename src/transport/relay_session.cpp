@@ -12,6 +12,8 @@ namespace ruvo {
 namespace {
 
 constexpr DWORD bufferSize = 0x10000;
+/// So many chunks are relayed on the spot; then other relays have their turn.
+constexpr int maxChunksAtOnce = 16;
 /// After so many pauses in a row the rest goes out by itself, and the worker is free.
 constexpr int maxPauses = 10;
 
@@ -45,57 +47,93 @@ void RelaySession::start()
     }
     setNoDelay(m_client.socket.get());
     setNoDelay(m_destination.socket.get());
-    postReceive(m_client);
-    postReceive(m_destination);
+    receiveFrom(m_client);
+    receiveFrom(m_destination);
 }
 
-bool RelaySession::associate(const Side &side, const char *failure)
+bool RelaySession::associate(Side &side, const char *failure)
 {
-    if (m_completionPort.associate(side.socket.get(), CompletionKey::RelayReceive))
+    if (m_completionPort.associate(side.socket.get(), CompletionKey::RelayReceive)) {
+        side.skipsPort = skipPortOnSuccess(side.socket.get());
         return true;
+    }
     const DWORD error = GetLastError();
     qCWarning(lcRuvod) << failure << error;
     return false;
 }
 
-void RelaySession::postReceive(Side &side)
+void RelaySession::receiveFrom(Side &side)
+{
+    for (int chunks = 0;; ++chunks) {
+        const std::optional<DWORD> bytes = postReceive(side, chunks == maxChunksAtOnce);
+        if (!bytes || !take(side, *bytes))
+            return;
+    }
+}
+
+/// What has come at once; nothing if the receive is in flight (which it always is with `throughPort`), or if the
+/// relay has ended.
+std::optional<DWORD> RelaySession::postReceive(Side &side, bool throughPort)
 {
     std::unique_lock lock(m_mutex);
     if (m_closed || side.receivePending.exchange(true))
-        return;
+        return std::nullopt;
     if (m_endingSince != 0)
         finish(otherSide(side));
     m_completionPort.begin(side.receive, shared_from_this());
     WSABUF room{.len = bufferSize, .buf = side.buffer.get()};
+    DWORD bytes = 0;
     DWORD flags = 0;
-    if (WSARecv(side.socket.get(), &room, 1, nullptr, &flags, &side.receive, nullptr) == 0)
-        return;
+    if (WSARecv(side.socket.get(), &room, 1, &bytes, &flags, &side.receive, nullptr) == 0) {
+        if (!side.skipsPort || (throughPort && m_completionPort.post(side.receive, bytes)))
+            return std::nullopt;
+        const std::shared_ptr<void> self = m_completionPort.abandon(side.receive);
+        side.receivePending = false;
+        return bytes;
+    }
     const int error = WSAGetLastError();
     if (error == WSA_IO_PENDING)
-        return;
+        return std::nullopt;
     const std::shared_ptr<void> self = m_completionPort.abandon(side.receive);
     side.receivePending = false;
     lock.unlock();
     if (!isSilent(error))
         qCWarning(lcRuvod) << side.receiveFailure << error;
     close(Closing::Abortive);
+    return std::nullopt;
 }
 
-/// The rest of a chunk, to a side that does not keep up. The receive on the other side waits for it.
-void RelaySession::postSend(Side &side)
+/// The rest of a chunk, to a side that does not keep up. True if the receive on the other side is due; else it waits
+/// for what is in flight.
+bool RelaySession::sendRest(Side &to)
 {
-    std::unique_lock lock(m_mutex);
-    if (m_closed || side.sendPending.exchange(true))
-        return;
-    m_completionPort.begin(side.send, shared_from_this());
-    if (WSASend(side.socket.get(), &side.unsent, 1, nullptr, 0, &side.send, nullptr) == 0
-        || WSAGetLastError() == WSA_IO_PENDING) {
-        return;
+    while (to.unsent.len > 0) {
+        switch (postSend(to)) {
+        case Issued::InFlight: return false;
+        case Issued::Failed: return outlivesFailedSend(to);
+        case Issued::Done: break;
+        }
     }
-    const std::shared_ptr<void> self = m_completionPort.abandon(side.send);
-    side.sendPending = false;
-    lock.unlock();
-    onSendFailed(side);
+    return true;
+}
+
+RelaySession::Issued RelaySession::postSend(Side &to)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_closed || to.sendPending.exchange(true))
+        return Issued::InFlight;
+    m_completionPort.begin(to.send, shared_from_this());
+    DWORD sent = 0;
+    const bool isDone = WSASend(to.socket.get(), &to.unsent, 1, &sent, 0, &to.send, nullptr) == 0;
+    if (isDone ? !to.skipsPort : WSAGetLastError() == WSA_IO_PENDING)
+        return Issued::InFlight;
+    const std::shared_ptr<void> self = m_completionPort.abandon(to.send);
+    to.sendPending = false;
+    if (!isDone)
+        return Issued::Failed;
+    to.unsent.buf += sent;
+    to.unsent.len -= sent;
+    return Issued::Done;
 }
 
 RelaySession::Side &RelaySession::otherSide(const Side &side)
@@ -128,19 +166,27 @@ void RelaySession::SendOperation::completed(const std::shared_ptr<void> &record,
 void RelaySession::onReceived(Side &from, DWORD bytes, DWORD error)
 {
     from.receivePending = false;
-    if (error == ERROR_OPERATION_ABORTED && m_endingSince != 0) // by end()
-        return postReceive(from);
-    if (error != NO_ERROR)
+    const bool wasCancelled = error == ERROR_OPERATION_ABORTED && m_endingSince != 0; // by end()
+    if (error != NO_ERROR && !wasCancelled)
         return close(Closing::Abortive);
-    if (bytes == 0)
-        return end(from);
-    if (m_endingSince != 0 && isFinished(otherSide(from)))
-        return postReceive(from);
-    from.received += bytes;
-    forward(from, bytes);
+    if (wasCancelled || take(from, bytes))
+        receiveFrom(from);
 }
 
-void RelaySession::forward(Side &from, DWORD bytes)
+/// What has been received. True if the next receive on this side is due.
+bool RelaySession::take(Side &from, DWORD bytes)
+{
+    if (bytes == 0) {
+        end(from);
+        return false;
+    }
+    if (m_endingSince != 0 && isFinished(otherSide(from)))
+        return true;
+    from.received += bytes;
+    return forward(from, bytes);
+}
+
+bool RelaySession::forward(Side &from, DWORD bytes)
 {
     Side &to = otherSide(from);
     WSABUF rest{.len = bytes, .buf = from.buffer.get()};
@@ -152,39 +198,34 @@ void RelaySession::forward(Side &from, DWORD bytes)
             continue;
         }
         if (WSAGetLastError() != WSAEWOULDBLOCK)
-            return onSendFailed(to);
+            return outlivesFailedSend(to);
         if (to.stalled || ++pauses > maxPauses) {
             to.stalled = true;
             to.unsent = rest;
-            return postSend(to);
+            return sendRest(to);
         }
         shortPause();
     }
     to.stalled = false;
-    postReceive(from);
+    return true;
 }
 
 void RelaySession::onSent(Side &to, DWORD bytes, DWORD error)
 {
     to.sendPending = false;
-    if (error != NO_ERROR)
-        return onSendFailed(to);
     to.unsent.buf += bytes;
     to.unsent.len -= bytes;
-    if (to.unsent.len > 0)
-        postSend(to);
-    else
-        postReceive(otherSide(to));
+    if (error == NO_ERROR ? sendRest(to) : outlivesFailedSend(to))
+        receiveFrom(otherSide(to));
 }
 
 /// What comes for a side that has ended by itself is not missed there: it may have closed whole. What came from it
-/// before is still on its way out, and must not be thrown away by a reset.
-void RelaySession::onSendFailed(Side &to)
+/// before is still on its way out, and must not be thrown away by a reset. Everything else is at its end.
+bool RelaySession::outlivesFailedSend(Side &to)
 {
-    if (to.ended)
-        postReceive(otherSide(to));
-    else
+    if (!to.ended)
         close(Closing::Abortive);
+    return to.ended;
 }
 
 // One direction ends both. What was received before is on its way in the sockets, and closing a socket while unread
@@ -259,7 +300,8 @@ void RelaySession::close(Closing closing)
         for (const Side *side : {&m_client, &m_destination}) {
             if (closing == Closing::Abortive)
                 resetWhenClosed(side->socket.get());
-            CancelIoEx(reinterpret_cast<HANDLE>(side->socket.get()), nullptr);
+            if (side->receivePending || side->sendPending)
+                CancelIoEx(reinterpret_cast<HANDLE>(side->socket.get()), nullptr);
         }
     }
     m_onClosed();

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 namespace ruvo {
 
@@ -16,7 +17,8 @@ namespace ruvo {
 ///
 /// Each direction takes turns: a receive of up to 64 KiB, then the whole of it to the other socket, then the next
 /// receive. So each socket has at most one receive and one send in flight, and a side that does not read holds up the
-/// other side, not a worker.
+/// other side, not a worker. Where bytes are there already, the turn is taken on the spot instead of on the way
+/// through the completion port, up to a limit.
 ///
 /// Handlers run on the port's workers, two at a time at most (one for each direction). m_mutex guards the issuing of
 /// operations against closing. The sockets are closed by the last reference, when nobody can be inside a call on them
@@ -62,6 +64,8 @@ private:
         const Socket socket;
         /// How a failed receive is logged.
         const char *const receiveFailure;
+        /// What is done at once is not posted to the completion port.
+        bool skipsPort = false;
         ReceiveOperation receive;
         std::atomic<bool> receivePending = false;
         const PageBuffer<char> buffer;
@@ -77,16 +81,21 @@ private:
         bool finished = false;
     };
 
-    bool associate(const Side &side, const char *failure);
+    enum class Issued { InFlight, Done, Failed };
+
+    bool associate(Side &side, const char *failure);
     Side &sideOf(const ReceiveOperation *operation);
     Side &sideOf(const SendOperation *operation);
     Side &otherSide(const Side &side);
-    void postReceive(Side &side);
-    void postSend(Side &side);
+    void receiveFrom(Side &side);
+    std::optional<DWORD> postReceive(Side &side, bool throughPort);
+    bool sendRest(Side &to);
+    Issued postSend(Side &to);
     void onReceived(Side &from, DWORD bytes, DWORD error);
     void onSent(Side &to, DWORD bytes, DWORD error);
-    void forward(Side &from, DWORD bytes);
-    void onSendFailed(Side &to);
+    bool take(Side &from, DWORD bytes);
+    bool forward(Side &from, DWORD bytes);
+    bool outlivesFailedSend(Side &to);
     void end(Side &side);
     static bool isStillConnected(const Side &side);
     static void finish(Side &side);

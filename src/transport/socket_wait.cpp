@@ -34,27 +34,58 @@ bool SocketWait::attach(SOCKET socket, long events)
     return WSAEventSelect(socket, m_event.get(), events) == 0;
 }
 
-void SocketWait::detach(SOCKET socket)
+bool SocketWait::detach(SOCKET socket)
 {
-    WSAEventSelect(socket, nullptr, 0);
+    return WSAEventSelect(socket, nullptr, 0) == 0;
+}
+
+int SocketWait::waitForEvent(Clock::time_point deadline) const
+{
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    const HANDLE handles[] = {m_event.get(), m_stopEvent};
+    const DWORD result =
+        WaitForMultipleObjects(m_stopEvent ? 2 : 1, handles, FALSE, static_cast<DWORD>(std::max<long long>(0, left)));
+    switch (result) {
+    case WAIT_OBJECT_0: return NO_ERROR;
+    case WAIT_OBJECT_0 + 1: return WSAEINTR;
+    case WAIT_TIMEOUT: return WSAETIMEDOUT;
+    default: return static_cast<int>(GetLastError());
+    }
 }
 
 int SocketWait::wait(SOCKET socket, Clock::time_point deadline)
 {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    const HANDLE handles[] = {m_event.get(), m_stopEvent};
-    const DWORD result =
-        WaitForMultipleObjects(m_stopEvent ? 2 : 1, handles, FALSE, static_cast<DWORD>(std::max<long long>(0, left)));
-    if (result == WAIT_OBJECT_0 + 1)
-        return WSAEINTR;
-    if (result == WAIT_TIMEOUT)
-        return WSAETIMEDOUT;
-    if (result != WAIT_OBJECT_0)
-        return static_cast<int>(GetLastError());
+    if (const int error = waitForEvent(deadline); error != NO_ERROR)
+        return error;
     WSANETWORKEVENTS events;
     if (WSAEnumNetworkEvents(socket, m_event.get(), &events) != 0)
         return WSAGetLastError();
     return eventError(events);
+}
+
+int SocketWait::receive(SOCKET socket, std::span<std::uint8_t> room, Clock::time_point deadline, std::size_t &count)
+{
+    OVERLAPPED operation{};
+    operation.hEvent = m_event.get();
+    WSABUF buffer{.len = static_cast<ULONG>(room.size()), .buf = reinterpret_cast<char *>(room.data())};
+    DWORD bytes = 0;
+    DWORD flags = 0;
+    if (WSARecv(socket, &buffer, 1, &bytes, &flags, &operation, nullptr) != 0) {
+        int error = WSAGetLastError();
+        if (error != WSA_IO_PENDING)
+            return error;
+        error = waitForEvent(deadline);
+        if (error != NO_ERROR)
+            CancelIoEx(reinterpret_cast<HANDLE>(socket), &operation);
+        // Buffer and operation are this function's: it does not return before both are its own again.
+        const bool isReceived = WSAGetOverlappedResult(socket, &operation, &bytes, TRUE, &flags);
+        if (error != NO_ERROR)
+            return error;
+        if (!isReceived)
+            return WSAGetLastError();
+    }
+    count = bytes;
+    return NO_ERROR;
 }
 
 } // namespace ruvo

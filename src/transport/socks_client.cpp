@@ -120,7 +120,6 @@ void SocksClient::setNonBlocking(bool on)
 {
     if (!m_tcpSocket)
         return;
-    m_wait.detach(m_tcpSocket.get()); // Winsock keeps an event-selected socket non-blocking
     u_long mode = on ? 1 : 0;
     ioctlsocket(m_tcpSocket.get(), static_cast<long>(FIONBIO), &mode);
 }

@@ -33,7 +33,7 @@ public:
     bool authenticate();
     bool connectIPv4(std::uint32_t address, std::uint16_t port);
     bool connectDomain(std::string_view name, std::uint16_t port);
-    /// connectToProxy, authenticate and the request.
+    /// connectToProxy, authenticate and the request. The socket is non-blocking afterwards.
     bool connectTo(std::uint32_t address, std::uint16_t port);
     bool connectTo(std::string_view name, std::uint16_t port);
     void setNonBlocking(bool on);

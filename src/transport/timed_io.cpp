@@ -4,8 +4,6 @@ namespace ruvo {
 
 namespace {
 
-// A fresh connection can always be written to: asking for that, too, would end the first wait for an answer at once.
-constexpr long readingEvents = FD_READ | FD_CLOSE;
 constexpr long writingEvents = FD_WRITE | FD_CLOSE;
 
 } // namespace
@@ -21,7 +19,7 @@ int connectWithin(SocketWait &wait, SOCKET socket, const sockaddr_in &address, S
         if (error != NO_ERROR)
             return error;
     }
-    return wait.attach(socket, readingEvents) ? NO_ERROR : WSAGetLastError();
+    return wait.detach(socket) ? NO_ERROR : WSAGetLastError();
 }
 
 bool sendWithin(SocketWait &wait, SOCKET socket, socks5::ByteView bytes, SocketWait::Clock::time_point deadline)
@@ -42,7 +40,7 @@ bool sendWithin(SocketWait &wait, SOCKET socket, socks5::ByteView bytes, SocketW
         if (wait.wait(socket, deadline) != NO_ERROR)
             return false;
     }
-    return !waitsForRoom || wait.attach(socket, readingEvents);
+    return !waitsForRoom || wait.detach(socket);
 }
 
 std::size_t receiveWithin(SocketWait &wait, SOCKET socket, std::span<std::uint8_t> room,
@@ -50,12 +48,10 @@ std::size_t receiveWithin(SocketWait &wait, SOCKET socket, std::span<std::uint8_
 {
     std::size_t total = 0;
     while (total < room.size()) {
-        const int received =
-            recv(socket, reinterpret_cast<char *>(room.data() + total), static_cast<int>(room.size() - total), 0);
-        if (received > 0)
-            total += static_cast<std::size_t>(received);
-        else if (received == 0 || WSAGetLastError() != WSAEWOULDBLOCK || wait.wait(socket, deadline) != NO_ERROR)
+        std::size_t count = 0;
+        if (wait.receive(socket, room.subspan(total), deadline, count) != NO_ERROR || count == 0)
             break;
+        total += count;
     }
     return total;
 }

@@ -12,7 +12,7 @@ namespace ruvo {
 // Blocking work on a stream with a deadline, for a thread that waits with a SocketWait: each ends early on its stop
 // event. All leave the socket open.
 
-/// Connects and leaves the socket attached for reading, non-blocking. NO_ERROR, or the WSA error.
+/// Connects and leaves the socket non-blocking. NO_ERROR, or the WSA error.
 int connectWithin(SocketWait &wait, SOCKET socket, const sockaddr_in &address,
                   SocketWait::Clock::time_point deadline);
 /// Whether all of it went out.

@@ -69,10 +69,7 @@ bool UdpNatSession::connectControl(const std::wstring &proxyHost, HANDLE stopEve
         qCWarning(lcRuvod) << "[UDP-NAT] Failed to connect to SOCKS5 proxy:" << error;
         return false;
     }
-    if (!associateWithProxy(wait, ntohl(proxy.sin_addr.s_addr)))
-        return false;
-    wait.detach(m_control.get());
-    return true;
+    return associateWithProxy(wait, ntohl(proxy.sin_addr.s_addr));
 }
 
 bool UdpNatSession::associateWithProxy(SocketWait &wait, std::uint32_t proxyAddress)

@@ -374,5 +374,34 @@ TEST_F(DirectConnectTest, resetsTheClientWhenThereIsNoSocket)
     expectLine("WARNING [TCP-NAT] Failed to create direct socket: 10024");
 }
 
+TEST_F(DirectConnectTest, leavesThreadsForTheProxyWhereNobodyAnswers)
+{
+    std::atomic<int> calls = 0;
+    const std::uint16_t silent = m_route->port;
+    const ImportRedirection<IMPORT(connect)> unanswered([&](SOCKET socket, const sockaddr *address, int size) {
+        if (ntohs(reinterpret_cast<const sockaddr_in *>(address)->sin_port) != silent)
+            return unanswered.real(socket, address, size);
+        ++calls;
+        WSASetLastError(WSAEWOULDBLOCK);
+        return SOCKET_ERROR;
+    });
+    std::vector<Client> clients;
+    for (int i = 0; i < 300; ++i) // more than there are threads
+        clients.push_back(relay());
+    EXPECT_TRUE(waitUntil([&] { return calls == 256; }));
+
+    ParallelProxy proxy([](ProxyConnection &proxied, int) {
+        takeRequest(proxied, addressRequest.size());
+        proxied.send(connected + "proxied");
+        proxied.waitForEnd();
+    });
+    routeThrough(proxy.port());
+    Client live = relay();
+    EXPECT_EQ(receiveBytes(live.socket.get(), 7), "proxied");
+    live.socket.reset();
+    EXPECT_TRUE(waitUntil([&] { return m_connector->relays() == 0; }));
+    EXPECT_EQ(calls, 256) << "all of them still wait";
+}
+
 } // namespace
 } // namespace ruvo::test

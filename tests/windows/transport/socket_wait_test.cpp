@@ -1,9 +1,14 @@
 #include "transport/socket_wait.h"
 
+#include "support/wait_until.h"
+#include "transport/socket_options.h"
 #include "windows/support/call_journal.h"
 #include "windows/transport/winsock_test.h"
 
+#include <array>
 #include <chrono>
+#include <cstring>
+#include <thread>
 
 namespace ruvo::test {
 namespace {
@@ -18,7 +23,97 @@ protected:
     const SOCKET m_socket = m_pair.first.get();
     const KernelHandle m_stop{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     SocketWait m_wait{m_stop.get()};
+    std::array<std::uint8_t, 4> m_room{};
+    std::size_t m_count = 99;
+
+    int receive(SOCKET socket, std::chrono::milliseconds time)
+    {
+        return m_wait.receive(socket, m_room, Clock::now() + time, m_count);
+    }
+    /// What comes now comes to others, and not into a buffer of long ago.
+    void expectNothingInFlight()
+    {
+        m_room = {};
+        ASSERT_EQ(send(m_pair.second.get(), "late", 4, 0), 4);
+        std::array<char, 4> read{};
+        EXPECT_TRUE(waitUntil([&] { return recv(m_socket, read.data(), 4, 0) == 4; }));
+        EXPECT_EQ(m_room, (std::array<std::uint8_t, 4>{}));
+    }
 };
+
+TEST_F(SocketWaitTest, receivesWhatIsThereAndWhatIsStillToCome)
+{
+    ASSERT_EQ(send(m_pair.second.get(), "abcdef", 6, 0), 6);
+    EXPECT_EQ(receive(m_socket, 10s), NO_ERROR);
+    EXPECT_EQ(m_count, 4u);
+    EXPECT_EQ(std::memcmp(m_room.data(), "abcd", 4), 0);
+    EXPECT_EQ(receive(m_socket, 10s), NO_ERROR);
+    EXPECT_EQ(m_count, 2u);
+    EXPECT_EQ(std::memcmp(m_room.data(), "ef", 2), 0);
+    std::jthread later([this] {
+        Sleep(50);
+        send(m_pair.second.get(), "g", 1, 0);
+    });
+    EXPECT_EQ(receive(m_socket, 10s), NO_ERROR);
+    EXPECT_EQ(m_count, 1u);
+    EXPECT_EQ(m_room[0], 'g');
+}
+
+TEST_F(SocketWaitTest, receivesNothingAtTheEndOfTheStream)
+{
+    ASSERT_EQ(shutdown(m_pair.second.get(), SD_SEND), 0);
+    EXPECT_EQ(receive(m_socket, 10s), NO_ERROR);
+    EXPECT_EQ(m_count, 0u);
+}
+
+TEST_F(SocketWaitTest, takesItsReceiveBackAtTheDeadline)
+{
+    ASSERT_TRUE(setNonBlocking(m_socket));
+    const auto start = Clock::now();
+    EXPECT_EQ(receive(m_socket, 100ms), WSAETIMEDOUT);
+    EXPECT_GE(Clock::now() - start, 90ms);
+    expectNothingInFlight();
+}
+
+TEST_F(SocketWaitTest, takesItsReceiveBackOnTheStop)
+{
+    ASSERT_TRUE(setNonBlocking(m_socket));
+    SetEvent(m_stop.get());
+    EXPECT_EQ(receive(m_socket, 10s), WSAEINTR);
+    expectNothingInFlight();
+}
+
+TEST_F(SocketWaitTest, takesItsReceiveBackWhenItCannotWait)
+{
+    ASSERT_TRUE(setNonBlocking(m_socket));
+    {
+        CallJournal journal;
+        journal.watch<IMPORT(WaitForMultipleObjects)>(FailsWith::minusOne);
+        journal.fail("WaitForMultipleObjects", 1234);
+        EXPECT_EQ(receive(m_socket, 10s), 1234);
+    }
+    expectNothingInFlight();
+}
+
+TEST_F(SocketWaitTest, tellsHowAReceiveFailed)
+{
+    CallJournal journal;
+    journal.watch<IMPORT(WSARecv)>(FailsWith::minusOne);
+    journal.fail("WSARecv", WSAENOBUFS);
+    EXPECT_EQ(receive(m_socket, 10s), WSAENOBUFS);
+}
+
+TEST_F(SocketWaitTest, tellsHowAReceiveInFlightFailed)
+{
+    CallJournal journal;
+    journal.watch<IMPORT(WSAGetOverlappedResult)>(FailsWith::zero);
+    journal.fail("WSAGetOverlappedResult", WSAECONNRESET);
+    std::jthread later([this] {
+        Sleep(50);
+        send(m_pair.second.get(), "x", 1, 0);
+    });
+    EXPECT_EQ(receive(m_socket, 10s), WSAECONNRESET);
+}
 
 TEST_F(SocketWaitTest, endsWithWhatItWaitsFor)
 {
@@ -68,7 +163,7 @@ TEST_F(SocketWaitTest, tellsTheErrorThatAnEventCarries)
 TEST_F(SocketWaitTest, leavesADetachedSocketNonBlockingAndUnseen)
 {
     ASSERT_TRUE(m_wait.attach(m_socket, FD_READ));
-    m_wait.detach(m_socket);
+    EXPECT_TRUE(m_wait.detach(m_socket));
     ASSERT_EQ(send(m_pair.second.get(), "x", 1, 0), 1);
     EXPECT_EQ(m_wait.wait(m_socket, Clock::now() + 50ms), WSAETIMEDOUT);
 }
@@ -77,6 +172,8 @@ TEST_F(SocketWaitTest, refusesWhatIsNoSocket)
 {
     EXPECT_FALSE(m_wait.attach(INVALID_SOCKET, FD_READ));
     EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
+    EXPECT_FALSE(m_wait.detach(INVALID_SOCKET));
+    EXPECT_EQ(receive(INVALID_SOCKET, 10s), WSAENOTSOCK);
 }
 
 TEST_F(SocketWaitTest, hasAnErrorForAnEventThatCouldNotBeMade)

@@ -32,7 +32,8 @@ protected:
         m_journal.watch<IMPORT(WaitForMultipleObjects)>(FailsWith::minusOne);
         m_journal.watch<IMPORT(WSAEnumNetworkEvents)>(FailsWith::minusOne);
         m_journal.watch<IMPORT(send)>(FailsWith::minusOne);
-        m_journal.watch<IMPORT(recv)>(FailsWith::minusOne);
+        m_journal.watch<IMPORT(WSARecv)>(FailsWith::minusOne);
+        m_journal.watch<IMPORT(WSAGetOverlappedResult)>(FailsWith::zero);
         m_journal.watch<IMPORT(bind)>(FailsWith::minusOne);
     }
 

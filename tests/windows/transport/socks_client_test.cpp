@@ -232,14 +232,20 @@ TEST_F(SocksClientTest, takesAnswersThatAreSplitAtAnyByte)
     // What the client has taken out of its socket: the rest of an answer comes only after its start was read.
     std::atomic<qsizetype> taken = 0;
     const DWORD ownThread = GetCurrentThreadId();
-    const ImportRedirection<IMPORT(recv)> count([&](SOCKET socket, char *buffer, int size, int flags) -> int {
-        const int received = count.real(socket, buffer, size, flags);
-        const int error = WSAGetLastError();
-        if (GetCurrentThreadId() == ownThread && received > 0)
-            taken += received;
-        WSASetLastError(error);
-        return received;
-    });
+    const ImportRedirection<IMPORT(WSARecv)> countAtOnce(
+        [&](SOCKET socket, LPWSABUF room, DWORD rooms, LPDWORD count, auto... rest) -> int {
+            const int result = countAtOnce.real(socket, room, rooms, count, rest...);
+            if (GetCurrentThreadId() == ownThread && result == 0)
+                taken += *count;
+            return result;
+        });
+    const ImportRedirection<IMPORT(WSAGetOverlappedResult)> countAwaited(
+        [&](SOCKET socket, LPWSAOVERLAPPED operation, LPDWORD count, auto... rest) -> WINBOOL {
+            const bool isDone = countAwaited.real(socket, operation, count, rest...);
+            if (GetCurrentThreadId() == ownThread && isDone)
+                taken += *count;
+            return isDone;
+        });
     const auto waitUntilTaken = [&taken](qsizetype bytes) {
         for (int i = 0; i < 10000 && taken < bytes; ++i)
             Sleep(1);
