@@ -11,6 +11,10 @@ namespace ruvo {
 class SlimLock
 {
 public:
+    SlimLock() = default;
+    SlimLock(const SlimLock &) = delete;
+    SlimLock &operator=(const SlimLock &) = delete;
+
     void lock() { AcquireSRWLockExclusive(&m_lock); }
     void unlock() { ReleaseSRWLockExclusive(&m_lock); }
 
@@ -24,6 +28,10 @@ private:
 class SlimCondition
 {
 public:
+    SlimCondition() = default;
+    SlimCondition(const SlimCondition &) = delete;
+    SlimCondition &operator=(const SlimCondition &) = delete;
+
     /// Whether `predicate` has come true: false after `timeout`.
     template<typename Predicate>
     bool waitFor(std::unique_lock<SlimLock> &lock, std::chrono::milliseconds timeout, Predicate predicate)

@@ -47,8 +47,9 @@ void RelaySession::start()
     }
     setNoDelay(m_client.socket.get());
     setNoDelay(m_destination.socket.get());
-    receiveFrom(m_client);
-    receiveFrom(m_destination);
+    // Both are issued before anything is relayed: an end that one finds must not come before the other's first bytes.
+    receiveFrom(m_client, maxChunksAtOnce);
+    receiveFrom(m_destination, maxChunksAtOnce);
 }
 
 bool RelaySession::associate(Side &side, const char *failure)
@@ -62,17 +63,19 @@ bool RelaySession::associate(Side &side, const char *failure)
     return false;
 }
 
-void RelaySession::receiveFrom(Side &side)
+void RelaySession::receiveFrom(Side &side, int chunksBefore)
 {
-    for (int chunks = 0;; ++chunks) {
-        const std::optional<DWORD> bytes = postReceive(side, chunks == maxChunksAtOnce);
+    for (int chunks = chunksBefore;; ++chunks) {
+        // Nor does a worker wait several times in a row for one slow reader.
+        const bool isTurnOver = chunks >= maxChunksAtOnce || otherSide(side).delayed;
+        const std::optional<DWORD> bytes = postReceive(side, isTurnOver);
         if (!bytes || !take(side, *bytes))
             return;
     }
 }
 
-/// What has come at once; nothing if the receive is in flight (which it always is with `throughPort`), or if the
-/// relay has ended.
+/// What has come at once; nothing if the receive is in flight (with `throughPort` it is, unless the port refuses), or
+/// if the relay has ended.
 std::optional<DWORD> RelaySession::postReceive(Side &side, bool throughPort)
 {
     std::unique_lock lock(m_mutex);
@@ -190,6 +193,7 @@ bool RelaySession::forward(Side &from, DWORD bytes)
 {
     Side &to = otherSide(from);
     WSABUF rest{.len = bytes, .buf = from.buffer.get()};
+    to.delayed = false;
     for (int pauses = 0; rest.len > 0;) {
         const int sent = ::send(to.socket.get(), rest.buf, static_cast<int>(rest.len), 0);
         if (sent > 0) {
@@ -205,6 +209,7 @@ bool RelaySession::forward(Side &from, DWORD bytes)
             return sendRest(to);
         }
         shortPause();
+        to.delayed = true;
     }
     to.stalled = false;
     return true;

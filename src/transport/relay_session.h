@@ -17,8 +17,8 @@ namespace ruvo {
 ///
 /// Each direction takes turns: a receive of up to 64 KiB, then the whole of it to the other socket, then the next
 /// receive. So each socket has at most one receive and one send in flight, and a side that does not read holds up the
-/// other side, not a worker. Where bytes are there already, the turn is taken on the spot instead of on the way
-/// through the completion port, up to a limit.
+/// other side, not a worker. A worker that finds the next bytes there already goes on with them on the spot, without
+/// the way through the completion port, up to a limit.
 ///
 /// Handlers run on the port's workers, two at a time at most (one for each direction). m_mutex guards the issuing of
 /// operations against closing. The sockets are closed by the last reference, when nobody can be inside a call on them
@@ -75,6 +75,8 @@ private:
         std::atomic<bool> sendPending = false;
         WSABUF unsent{};
         bool stalled = false;
+        /// The last chunk for it had to wait.
+        bool delayed = false;
         /// Nothing comes from it any more.
         std::atomic<bool> ended = false;
         /// It has been told that nothing follows. Under m_mutex.
@@ -87,7 +89,7 @@ private:
     Side &sideOf(const ReceiveOperation *operation);
     Side &sideOf(const SendOperation *operation);
     Side &otherSide(const Side &side);
-    void receiveFrom(Side &side);
+    void receiveFrom(Side &side, int chunksBefore = 0);
     std::optional<DWORD> postReceive(Side &side, bool throughPort);
     bool sendRest(Side &to);
     Issued postSend(Side &to);

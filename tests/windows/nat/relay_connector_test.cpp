@@ -388,7 +388,7 @@ TEST_F(DirectConnectTest, leavesThreadsForTheProxyWhereNobodyAnswers)
     std::vector<Client> clients;
     for (int i = 0; i < 300; ++i) // more than there are threads
         clients.push_back(relay());
-    EXPECT_TRUE(waitUntil([&] { return calls == 256; }));
+    EXPECT_TRUE(waitUntil([&] { return calls >= 256; }));
 
     ParallelProxy proxy([](ProxyConnection &proxied, int) {
         takeRequest(proxied, addressRequest.size());
@@ -398,9 +398,9 @@ TEST_F(DirectConnectTest, leavesThreadsForTheProxyWhereNobodyAnswers)
     routeThrough(proxy.port());
     Client live = relay();
     EXPECT_EQ(receiveBytes(live.socket.get(), 7), "proxied");
+    EXPECT_LT(calls, 300) << "and not behind all of them";
     live.socket.reset();
     EXPECT_TRUE(waitUntil([&] { return m_connector->relays() == 0; }));
-    EXPECT_EQ(calls, 256) << "all of them still wait";
 }
 
 } // namespace

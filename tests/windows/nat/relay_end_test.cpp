@@ -58,6 +58,23 @@ TEST_F(RelayEndTest, endsBothConnectionsAfterTheServersLastByte)
     EXPECT_TRUE(waitForClosed(1));
 }
 
+TEST_F(RelayEndTest, deliversFirstWordsThatCameBeforeItsStartAndAnEnd)
+{
+    Ends ends = make();
+    ASSERT_TRUE(sendAll(ends.server.get(), "220 ready"));
+    ASSERT_TRUE(sendAll(ends.application.get(), "QUIT"));
+    ASSERT_EQ(shutdown(ends.application.get(), SD_SEND), 0);
+    ends.relay->start();
+    QByteArray received;
+    EXPECT_EQ(readToEnd(ends.server.get(), &received), Ending::Proper);
+    EXPECT_EQ(received, "QUIT");
+    EXPECT_EQ(receiveBytes(ends.application.get(), 9), "220 ready");
+    EXPECT_EQ(readToEnd(ends.application.get(), nullptr, false), Ending::Proper);
+    ends.relay.reset();
+    ends.server.reset();
+    EXPECT_TRUE(waitForClosed(1));
+}
+
 TEST_F(RelayEndTest, endsAtOnceWhenBothEndsDo)
 {
     for (int round = 1; round <= 50; ++round) {

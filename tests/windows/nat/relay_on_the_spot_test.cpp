@@ -1,86 +1,112 @@
-// Bytes that are there already are relayed by whoever finds them, not on the way through the completion port.
+// A worker that finds the next bytes there already relays them without the way through the completion port.
 
 #include "windows/nat/relay_session_fixture.h"
 
 #include "windows/support/import_redirection.h"
 
-#include <future>
+#include <vector>
 
 namespace ruvo::test {
 namespace {
 
-constexpr std::uint64_t chunk = 0x10000;
 constexpr int chunksInATurn = 16;
 
 class RelayOnTheSpotTest : public RelaySessionTest
 {
 protected:
-    /// Counts this thread's receives on relays.
-    std::atomic<int> m_receives = 0;
-    const DWORD m_thread = GetCurrentThreadId();
-    const ImportRedirection<IMPORT(WSARecv)> m_countReceives{[this](auto... arguments) {
-        if (GetCurrentThreadId() == m_thread)
-            ++m_receives;
-        return m_countReceives.real(arguments...);
-    }};
+    static constexpr int chunkSize = 1000;
+    static constexpr int chunks = 40;
 
-    /// Starts a relay whose application has sent more than a turn's chunks; all of it arrives.
-    void relayMuch()
+    /// Starts a relay whose application always has another chunk there at once, until it has said all of them. They
+    /// arrive in order.
+    Ends relayMuch()
     {
-        const Ends ends = make();
-        const QByteArray sent = sendUntilStalled(ends.application.get());
-        ASSERT_GT(static_cast<std::uint64_t>(sent.size()), (chunksInATurn + 4) * chunk);
-        auto read = std::async(std::launch::async, [&] { return receiveBytes(ends.server.get(), sent.size()); });
-        ends.relay->start();
-        EXPECT_TRUE(read.get() == sent);
-        EXPECT_EQ(ends.relay->bytesToDestination(), static_cast<std::uint64_t>(sent.size()));
+        Ends ends = start();
+        const QByteArray sent = pattern(chunks * chunkSize);
+        EXPECT_TRUE(receiveBytes(ends.server.get(), sent.size()) == sent);
         EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 2; })) << "one receive on each side";
+        EXPECT_EQ(ends.relay->bytesToDestination(), static_cast<std::uint64_t>(sent.size()));
+        return ends;
     }
+
+    std::atomic<int> m_taken = 0;
+    /// At which of the application's chunks the port was asked.
+    std::vector<int> m_posts;
+    bool m_portRefuses = false;
+
+private:
+    const QByteArray m_sent = pattern(chunks * chunkSize);
+    /// The application's socket: the first that is received from.
+    std::atomic<SOCKET> m_application = INVALID_SOCKET;
+    const ImportRedirection<IMPORT(WSARecv)> m_receive{
+        [this](SOCKET socket, LPWSABUF room, DWORD rooms, LPDWORD count, auto... rest) -> int {
+            SOCKET none = INVALID_SOCKET;
+            m_application.compare_exchange_strong(none, socket);
+            if (socket != m_application || m_taken == chunks)
+                return m_receive.real(socket, room, rooms, count, rest...);
+            std::memcpy(room->buf, m_sent.constData() + m_taken * chunkSize, chunkSize);
+            *count = chunkSize;
+            ++m_taken;
+            return 0;
+        }};
+    // One thread at a time has the turn.
+    const ImportRedirection<IMPORT(PostQueuedCompletionStatus)> m_post{
+        [this](HANDLE port, DWORD bytes, ULONG_PTR key, LPOVERLAPPED operation) -> WINBOOL {
+            if (operation)
+                m_posts.push_back(m_taken);
+            return (!operation || !m_portRefuses) && m_post.real(port, bytes, key, operation);
+        }};
 };
 
-TEST_F(RelayOnTheSpotTest, relaysWhatIsThereWithoutAWorker)
+TEST_F(RelayOnTheSpotTest, takesOneTurnAfterTheOther)
 {
-    std::atomic<int> sends = 0;
-    const ImportRedirection<IMPORT(send)> countSends([&](SOCKET socket, const char *bytes, int size, int flags) {
-        if (GetCurrentThreadId() == m_thread)
-            ++sends;
-        return countSends.real(socket, bytes, size, flags);
-    });
-    const Ends ends = make();
-    ASSERT_TRUE(sendAll(ends.application.get(), "hello"));
-    const int before = sends;
-    ends.relay->start();
-    EXPECT_EQ(sends - before, 1);
-    EXPECT_EQ(receiveBytes(ends.server.get(), 5), "hello");
+    relayMuch();
+    constexpr int turn = 1 + chunksInATurn; // what came through the port, and what was found there then
+    EXPECT_EQ(m_posts, (std::vector<int>{1, 1 + turn, 1 + 2 * turn}));
 }
 
-TEST_F(RelayOnTheSpotTest, leavesTheRestToAWorkerAfterItsTurn)
+TEST_F(RelayOnTheSpotTest, endsItsTurnWhenAReaderIsSlow)
 {
-    std::atomic<int> posted = 0;
-    const ImportRedirection<IMPORT(PostQueuedCompletionStatus)> countPosts(
+    std::atomic<bool> wouldBlock = false;
+    const ImportRedirection<IMPORT(send)> slow(
+        [&, own = GetCurrentThreadId()](SOCKET socket, const char *bytes, int size, int flags) {
+            // Each chunk goes out at the second attempt.
+            if (GetCurrentThreadId() == own || !(wouldBlock = !wouldBlock))
+                return slow.real(socket, bytes, size, flags);
+            WSASetLastError(WSAEWOULDBLOCK);
+            return SOCKET_ERROR;
+        });
+    relayMuch();
+    EXPECT_EQ(m_posts.size(), static_cast<std::size_t>(chunks));
+}
+
+TEST_F(RelayOnTheSpotTest, goesOnWhereThePortRefuses)
+{
+    m_portRefuses = true;
+    relayMuch();
+    EXPECT_FALSE(m_posts.empty());
+}
+
+class RelayThroughThePortTest : public RelaySessionTest
+{};
+
+TEST_F(RelayThroughThePortTest, carriesTheSameWhereNothingIsDoneOnTheSpot)
+{
+    std::atomic<int> posts = 0;
+    const ImportRedirection<IMPORT(PostQueuedCompletionStatus)> count(
         [&](HANDLE port, DWORD bytes, ULONG_PTR key, LPOVERLAPPED operation) {
-            posted += operation != nullptr;
-            return countPosts.real(port, bytes, key, operation);
+            posts += operation != nullptr;
+            return count.real(port, bytes, key, operation);
         });
-    relayMuch();
-    EXPECT_GE(posted, 1);
-    EXPECT_LE(m_receives, chunksInATurn + 1 + 1) << "the turn, the chunk that is handed over, the server's receive";
-}
-
-TEST_F(RelayOnTheSpotTest, goesOnWhereItCannotHandOver)
-{
-    const ImportRedirection<IMPORT(PostQueuedCompletionStatus)> none(
-        [&](HANDLE port, DWORD bytes, ULONG_PTR key, LPOVERLAPPED operation) -> WINBOOL {
-            return !operation && none.real(port, bytes, key, operation);
-        });
-    relayMuch();
-}
-
-TEST_F(RelayOnTheSpotTest, takesTheWayThroughThePortWhereItHasTo)
-{
     const ImportRedirection<IMPORT(SetFileCompletionNotificationModes)> none([](HANDLE, UCHAR) { return FALSE; });
-    relayMuch();
-    EXPECT_EQ(m_receives, 2) << "one on each side, at the start";
+    const Ends ends = make();
+    ASSERT_TRUE(sendAll(ends.application.get(), "early"));
+    ends.relay->start();
+    EXPECT_EQ(receiveBytes(ends.server.get(), 5), "early");
+    const QByteArray sent = sendUntilStalled(ends.server.get());
+    EXPECT_TRUE(receiveBytes(ends.application.get(), sent.size()) == sent);
+    EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 2; }));
+    EXPECT_EQ(posts, 0) << "Winsock posts everything";
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 #include "transport/completion_port.h"
 
 #include "windows/support/call_journal.h"
+#include "windows/support/child_process.h"
+#include "windows/support/import_redirection.h"
 #include "windows/transport/winsock_test.h"
 
 #include <atomic>
@@ -296,6 +298,34 @@ TEST_F(CompletionPortTest, sharesItsWorkAmongThreads)
     EXPECT_TRUE(m_port.drain(10s));
     records.clear();
     EXPECT_EQ(m_alive, 1) << "the fixture's";
+}
+
+/// What getsockopt tells of the provider is asked once in a process.
+bool skipsPortWithProvider(int result, DWORD serviceFlags)
+{
+    WSADATA data;
+    EXPECT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+    const ImportRedirection<IMPORT(getsockopt)> told([&](SOCKET, int, int, char *value, int *) {
+        reinterpret_cast<WSAPROTOCOL_INFOW *>(value)->dwServiceFlags1 = serviceFlags;
+        return result;
+    });
+    const Socket socket(WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED));
+    return skipPortOnSuccess(socket.get());
+}
+
+TEST_IN_OWN_PROCESS(SkipPortOnSuccess, needsSocketsThatAreHandles)
+{
+    EXPECT_FALSE(skipsPortWithProvider(0, XP1_GRACEFUL_CLOSE));
+}
+
+TEST_IN_OWN_PROCESS(SkipPortOnSuccess, doesNotTrustAProviderThatItCannotAskFor)
+{
+    EXPECT_FALSE(skipsPortWithProvider(SOCKET_ERROR, XP1_IFS_HANDLES));
+}
+
+TEST_IN_OWN_PROCESS(SkipPortOnSuccess, takesTheSystemsSockets)
+{
+    EXPECT_TRUE(skipsPortWithProvider(0, XP1_IFS_HANDLES | XP1_GRACEFUL_CLOSE));
 }
 
 } // namespace

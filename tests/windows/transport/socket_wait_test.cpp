@@ -66,6 +66,16 @@ TEST_F(SocketWaitTest, receivesNothingAtTheEndOfTheStream)
     EXPECT_EQ(m_count, 0u);
 }
 
+TEST_F(SocketWaitTest, receivesNothingAtAnEndThatItWaitsFor)
+{
+    std::jthread later([this] {
+        Sleep(50);
+        shutdown(m_pair.second.get(), SD_SEND);
+    });
+    EXPECT_EQ(receive(m_socket, 10s), NO_ERROR);
+    EXPECT_EQ(m_count, 0u);
+}
+
 TEST_F(SocketWaitTest, takesItsReceiveBackAtTheDeadline)
 {
     ASSERT_TRUE(setNonBlocking(m_socket));
@@ -164,6 +174,9 @@ TEST_F(SocketWaitTest, leavesADetachedSocketNonBlockingAndUnseen)
 {
     ASSERT_TRUE(m_wait.attach(m_socket, FD_READ));
     EXPECT_TRUE(m_wait.detach(m_socket));
+    char byte = 0;
+    EXPECT_EQ(recv(m_socket, &byte, 1, 0), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
     ASSERT_EQ(send(m_pair.second.get(), "x", 1, 0), 1);
     EXPECT_EQ(m_wait.wait(m_socket, Clock::now() + 50ms), WSAETIMEDOUT);
 }

@@ -367,7 +367,6 @@ TEST_F(SocksClientTest, switchesItsSocketToBlockingAndBack)
     client.setNonBlocking(true); // without a socket: nothing happens
     ASSERT_TRUE(client.connectTo(address, port));
     char byte = 0;
-    client.setNonBlocking(true);
     EXPECT_EQ(recv(client.tcpSocket(), &byte, 1, 0), SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAEWOULDBLOCK);
     client.setNonBlocking(false);
