@@ -48,8 +48,12 @@ void RelaySession::start()
     setNoDelay(m_client.socket.get());
     setNoDelay(m_destination.socket.get());
     // Both are issued before anything is relayed: an end that one finds must not come before the other's first bytes.
-    receiveFrom(m_client, maxChunksAtOnce);
-    receiveFrom(m_destination, maxChunksAtOnce);
+    const std::optional<DWORD> early = postReceive(m_client, false);
+    const std::optional<DWORD> firstWords = postReceive(m_destination, false);
+    if (early && take(m_client, *early))
+        receiveFrom(m_client);
+    if (firstWords && take(m_destination, *firstWords))
+        receiveFrom(m_destination);
 }
 
 bool RelaySession::associate(Side &side, const char *failure)
@@ -63,9 +67,9 @@ bool RelaySession::associate(Side &side, const char *failure)
     return false;
 }
 
-void RelaySession::receiveFrom(Side &side, int chunksBefore)
+void RelaySession::receiveFrom(Side &side)
 {
-    for (int chunks = chunksBefore;; ++chunks) {
+    for (int chunks = 0;; ++chunks) {
         // Nor does a worker wait several times in a row for one slow reader.
         const bool isTurnOver = chunks >= maxChunksAtOnce || otherSide(side).delayed;
         const std::optional<DWORD> bytes = postReceive(side, isTurnOver);

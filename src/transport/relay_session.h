@@ -17,12 +17,12 @@ namespace ruvo {
 ///
 /// Each direction takes turns: a receive of up to 64 KiB, then the whole of it to the other socket, then the next
 /// receive. So each socket has at most one receive and one send in flight, and a side that does not read holds up the
-/// other side, not a worker. A worker that finds the next bytes there already goes on with them on the spot, without
-/// the way through the completion port, up to a limit.
+/// other side, not a worker. Who finds the next bytes there already goes on with them on the spot, without the way
+/// through the completion port, up to a limit.
 ///
-/// Handlers run on the port's workers, two at a time at most (one for each direction). m_mutex guards the issuing of
-/// operations against closing. The sockets are closed by the last reference, when nobody can be inside a call on them
-/// any more: until then closing only cancels.
+/// Handlers run on the port's workers (what is there at the start: on its thread), two at a time at most (one for
+/// each direction). m_mutex guards the issuing of operations against closing. The sockets are closed by the last
+/// reference, when nobody can be inside a call on them any more: until then closing only cancels.
 class RelaySession : public std::enable_shared_from_this<RelaySession>
 {
 public:
@@ -33,7 +33,8 @@ public:
     RelaySession(std::uint64_t id, Socket client, Socket destination, bool isDirect, CompletionPort &completionPort,
                  std::function<void()> onClosed);
 
-    /// Puts both sockets on the completion port and starts receiving. Closes itself if that fails.
+    /// Puts both sockets on the completion port and starts receiving; relays what is there already. Closes itself if
+    /// that fails.
     void start();
     /// Ends both connections at once, so that neither end takes what it has for the whole.
     void abort();
@@ -89,7 +90,7 @@ private:
     Side &sideOf(const ReceiveOperation *operation);
     Side &sideOf(const SendOperation *operation);
     Side &otherSide(const Side &side);
-    void receiveFrom(Side &side, int chunksBefore = 0);
+    void receiveFrom(Side &side);
     std::optional<DWORD> postReceive(Side &side, bool throughPort);
     bool sendRest(Side &to);
     Issued postSend(Side &to);
