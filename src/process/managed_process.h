@@ -30,7 +30,7 @@ public:
     /// Asks a child that still runs to end (Ctrl+C, no deadline) and lets go of it.
     ~ManagedProcess() override;
 
-    /// Takes the specification and starts the first run. False (and logged) if it cannot be launched.
+    /// Takes the process specification and starts the first run. False (and logged) if it cannot be launched.
     bool start(const QJsonObject &spec);
     /// One run. Emits processStarted on success.
     bool launchWindowsProcess(const QJsonObject &spec);

@@ -11,11 +11,11 @@ namespace ruvo {
 /// A Windows HANDLE, in code that knows no Windows.
 using NativeHandle = void *;
 
-/// What is known of a supervised process: its settings from the specification, and its current run.
+/// What is known of a supervised process: its settings from its process specification, and its current run.
 /// A plain record, copied out by value; the handles are borrowed from the launch.
 struct ProcessInfo
 {
-    // From the specification.
+    // From the process specification.
     QString processId;
     QString executable;
     QStringList arguments;

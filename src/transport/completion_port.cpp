@@ -52,10 +52,9 @@ std::shared_ptr<void> CompletionPort::abandon(IoOperation &operation)
     return std::move(operation.m_record);
 }
 
-bool CompletionPort::post(IoOperation &operation, DWORD bytes)
+bool CompletionPort::post(IoOperation &operation, CompletionKey key, DWORD bytes)
 {
-    // Dispatch is by the operation: the key is only a name.
-    return PostQueuedCompletionStatus(m_port.get(), bytes, 0, &operation);
+    return PostQueuedCompletionStatus(m_port.get(), bytes, std::to_underlying(key), &operation);
 }
 
 CompletionPort::Outcome CompletionPort::runOne(std::chrono::milliseconds timeout)

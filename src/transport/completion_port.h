@@ -45,7 +45,7 @@ public:
     std::shared_ptr<void> abandon(IoOperation &operation);
     /// The call was done at once on such a socket: its handler is to run on a worker all the same, as if it had taken
     /// time. False: nothing will complete.
-    bool post(IoOperation &operation, DWORD bytes);
+    bool post(IoOperation &operation, CompletionKey key, DWORD bytes);
 
     enum class Outcome {
         Completed, ///< One operation was completed.

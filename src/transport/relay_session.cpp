@@ -92,7 +92,8 @@ std::optional<DWORD> RelaySession::postReceive(Side &side, bool throughPort)
     DWORD bytes = 0;
     DWORD flags = 0;
     if (WSARecv(side.socket.get(), &room, 1, &bytes, &flags, &side.receive, nullptr) == 0) {
-        if (!side.skipsPort || (throughPort && m_completionPort.post(side.receive, bytes)))
+        if (!side.skipsPort
+            || (throughPort && m_completionPort.post(side.receive, CompletionKey::RelayReceive, bytes)))
             return std::nullopt;
         const std::shared_ptr<void> self = m_completionPort.abandon(side.receive);
         side.receivePending = false;

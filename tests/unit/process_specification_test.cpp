@@ -25,7 +25,7 @@ ProcessInfo parsed(const QByteArray &spec)
     return info;
 }
 
-/// What `key` is, whatever else is missing: as the only key of a specification.
+/// What `key` is, whatever else is missing: as the only key of a process specification.
 ProcessInfo parsedWith(const char *key, const char *value)
 {
     return parsed(QByteArray("{\"") + key + "\": " + value + "}");

@@ -1,4 +1,4 @@
-"""The scripted child under supervision: specifications that run it, and what its answers and events say."""
+"""The scripted child under supervision: what starts it, and what its answers and events say."""
 
 import re
 import shutil
@@ -10,7 +10,7 @@ TIMESTAMP = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d$")
 
 
 def child(bench, process_id, *arguments, name="testchild.exe", **spec):
-    """A specification that runs the scripted child under a name of its own."""
+    """A process specification that runs the scripted child under a name of its own."""
     executable = bench.application / name
     if not executable.exists():
         shutil.copy2(TESTCHILD, executable)

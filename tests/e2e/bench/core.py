@@ -19,7 +19,7 @@ PROXY_PORT, DIRECT_PORT = core_config.DEFAULT_PORTS
 
 
 def install(bench, **options):
-    """Puts the core and its configuration (core_config.build) beside the product; the specification that starts it."""
+    """Puts the core and its configuration (core_config.build) beside the product; the process specification of it."""
     if not CORE.exists():
         raise RuntimeError(f"{CORE} is missing: run scripts/build-core first")
     folder = bench.application / "core"

@@ -52,8 +52,10 @@ private:
     // One thread at a time has the turn.
     const ImportRedirection<IMPORT(PostQueuedCompletionStatus)> m_post{
         [this](HANDLE port, DWORD bytes, ULONG_PTR key, LPOVERLAPPED operation) -> WINBOOL {
-            if (operation)
+            if (operation) {
                 m_posts.push_back(m_taken);
+                EXPECT_EQ(key, 5u) << "as if Winsock had posted it";
+            }
             return (!operation || !m_portRefuses) && m_post.real(port, bytes, key, operation);
         }};
 };

@@ -20,7 +20,7 @@ QString testChildPath();
 /// What launching testchild with `script` as its arguments takes.
 ProcessInfo childInfo(const QStringList &script);
 
-/// The specification of a client's "start" for testchild; `more` adds keys or replaces them.
+/// The process specification of a client's "start" for testchild; `more` adds keys or replaces them.
 QJsonObject childSpec(const QString &processId, const QStringList &script, const QJsonObject &more = {});
 
 /// Whether a process with this id runs.

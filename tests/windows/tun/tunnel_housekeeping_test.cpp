@@ -40,6 +40,15 @@ private:
     }};
 };
 
+/// The proxy's part of a handshake that succeeds.
+void acceptRequest(ProxyConnection &client)
+{
+    client.receive(3);
+    client.send(QByteArray::fromHex("0500"));
+    client.receive(10);
+    client.send(QByteArray::fromHex("05000001000000000000"));
+}
+
 class TunnelHousekeeping : public TunnelTest
 {
 protected:
@@ -49,10 +58,7 @@ protected:
 TEST_F(TunnelHousekeeping, acceptsThoughItCouldNotAtFirst)
 {
     const ScriptedProxy proxy([](ProxyConnection &client) {
-        client.receive(3);
-        client.send(QByteArray::fromHex("0500"));
-        client.receive(10);
-        client.send(QByteArray::fromHex("05000001000000000000"));
+        acceptRequest(client);
         client.send("you said " + client.receive(6));
         client.waitForEnd();
     });
@@ -95,10 +101,7 @@ TEST_F(TunnelHousekeeping, forgetsConnectionsThatNobodyAccepted)
 TEST_F(TunnelHousekeeping, endsARelayThatOnlyOneSideHasLeft)
 {
     const ScriptedProxy proxy([](ProxyConnection &client) {
-        client.receive(3);
-        client.send(QByteArray::fromHex("0500"));
-        client.receive(10);
-        client.send(QByteArray::fromHex("05000001000000000000"));
+        acceptRequest(client);
         client.receive(6); // and hangs up
     });
     ASSERT_NO_FATAL_FAILURE(startTowards(proxy.port()));

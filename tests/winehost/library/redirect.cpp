@@ -53,7 +53,7 @@ void **findSlot(const ImportTables &tables, const Redirection &row)
 {
     const IMAGE_IMPORT_DESCRIPTOR *library = tables.libraries();
     for (; library && library->Name != 0; ++library) {
-        if (_stricmp(tables.nameOf(*library), row.library) != 0)
+        if (_stricmp(tables.nameOf(*library), row.dll) != 0)
             continue;
         if (void **slot = tables.slotOf(*library, row.function))
             return slot;

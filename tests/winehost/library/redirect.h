@@ -9,7 +9,7 @@ namespace ruvo::winehost {
 /// One import of the program that gets another target.
 struct Redirection
 {
-    const char *library;
+    const char *dll;
     const char *function;
     const void *substitute;
 };

@@ -109,6 +109,7 @@ TEST_F(WintunAdapterTest, goesAwayWithTheProcessThatCreatedIt)
         "");
 }
 
+// Run by the test before it, in a process of its own that is killed.
 TEST_F(WintunAdapterTest, DISABLED_childHoldsAnAdapter)
 {
     ASSERT_TRUE(m_wintun.createAdapter(L"child", L"Bench", nullptr));
