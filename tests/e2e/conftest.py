@@ -21,6 +21,9 @@ def pytest_runtest_makereport(item, call):
     report = (yield).get_result()
     if call.when == "call":
         item.call_passed = report.passed
+    if report.failed and "bench" in getattr(item, "funcargs", {}):
+        # The files stay too, but not every machine that runs the tests can be looked at afterwards.
+        report.sections += item.funcargs["bench"].ends_of_logs()
 
 
 @pytest.fixture

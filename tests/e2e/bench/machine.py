@@ -81,6 +81,11 @@ class Bench(Service):
         else:
             shutil.rmtree(self.directory)
 
+    def ends_of_logs(self, lines=30):
+        """(title, text) of each log: what happened last."""
+        return [(path.name, "\n".join(path.read_text(encoding="utf-8", errors="replace").splitlines()[-lines:]))
+                for path in [self.journal.path, *self.log.files()] if path.exists()]
+
     def finish(self):
         """The last part of every test: the service stops in order if it runs, and left nothing unexpected behind."""
         if self.daemon_pids() and self.state() == RUNNING:

@@ -18,7 +18,8 @@ enum class SystemCall : std::int64_t {
     write = 1,
     open = 2,
     close = 3,
-    status = 5, // fstat
+    statusOfPath = 4, // stat
+    status = 5,       // fstat
     ioctl = 16,
     yield = 24,
     processId = 39,
@@ -30,6 +31,7 @@ enum class SystemCall : std::int64_t {
     setSocketOption = 54,
     readLink = 89,
     directoryEntries = 217, // getdents64
+    clockTime = 228,        // clock_gettime
     epollWait = 232,
     epollControl = 233,
     eventDescriptor = 290,

@@ -2,6 +2,9 @@
 
 #include "common/windows_handles.h"
 
+#include "text.h"
+
+#include <algorithm>
 #include <system_error>
 
 namespace ruvo::winehost {
@@ -51,6 +54,13 @@ std::optional<std::string> readBenchFile(const wchar_t *name)
         text.append(block, count);
     } while (count > 0);
     return text;
+}
+
+std::string linuxPathOf(const wchar_t *name)
+{
+    std::string path = toUtf8((benchFolder() / name).wstring());
+    std::ranges::replace(path, '\\', '/');
+    return path.starts_with("Z:") || path.starts_with("z:") ? path.substr(2) : path;
 }
 
 } // namespace ruvo::winehost

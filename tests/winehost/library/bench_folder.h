@@ -15,4 +15,7 @@ const std::filesystem::path &benchFolder();
 /// new one over them, so each is read in one go and never kept open.
 std::optional<std::string> readBenchFile(const wchar_t *name);
 
+/// The path of a file of that folder as Linux has it: the bench lies on the drive that stands for Linux's own tree.
+std::string linuxPathOf(const wchar_t *name);
+
 } // namespace ruvo::winehost

@@ -2,6 +2,7 @@
 
 #include "bench_folder.h"
 #include "journal.h"
+#include "kernel/file_version.h"
 #include "lock.h"
 #include "text.h"
 
@@ -25,6 +26,7 @@ struct PlannedFault
 
 struct Plan
 {
+    FileVersion version;
     std::string text;
     std::multimap<std::string, PlannedFault, std::less<>> faults;
     std::map<std::string, unsigned long, std::less<>> calls;
@@ -32,6 +34,7 @@ struct Plan
 
 Lock s_lock;
 Plan s_plan;
+std::string s_path;
 
 std::optional<PlannedFault> parseFault(const std::vector<std::string> &words)
 {
@@ -61,6 +64,12 @@ void complain(const std::vector<std::string> &words)
 /// Under the lock. A file that cannot be read changes nothing: an empty plan would let calls work that have to fail.
 void refreshPlan()
 {
+    if (s_path.empty())
+        s_path = linuxPathOf(L"faults.txt");
+    // Looked at before it is read: what is written in between then shows at the next call.
+    const FileVersion version = fileVersion(s_path);
+    if (version == s_plan.version && version.isSettled())
+        return;
     std::optional<std::string> text = readBenchFile(L"faults.txt");
     if (!text) {
         const DWORD error = GetLastError();
@@ -70,9 +79,10 @@ void refreshPlan()
         }
         text.emplace();
     }
+    s_plan.version = version;
     if (*text == s_plan.text)
         return;
-    s_plan = {std::move(*text), {}, {}};
+    s_plan = {version, std::move(*text), {}, {}};
     for (const auto &words : wordsOfLines(s_plan.text)) {
         if (const auto fault = parseFault(words))
             s_plan.faults.emplace(words[0], *fault);

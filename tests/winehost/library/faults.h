@@ -13,11 +13,12 @@ namespace ruvo::winehost {
 /// file's text changed, in each process (and each DLL of the bench in it) by itself; so a remark that changes
 /// starts the same plan anew.
 ///
-/// Called once for each call of `function`: the error that this call has to fail with, or nothing. Any thread.
+/// Called once for each call of `function`: the error that this call has to fail with, or nothing. Any thread. Costs
+/// a call of the kernel while the file is as it was.
 std::optional<DWORD> plannedFault(std::string_view function);
 
-/// The same for a function that is called for every packet: it looks at the file 20 times a second only, and a call
-/// counts once the file that names it has been seen.
+/// The same for a function that is called for every packet, which cannot afford that: it looks at the file 20 times a
+/// second only, and a call counts once the file that names it has been seen.
 class PacketFault
 {
 public:

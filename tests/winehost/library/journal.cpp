@@ -2,11 +2,8 @@
 
 #include "bench_folder.h"
 #include "kernel/system_call.h"
-#include "text.h"
 
 #include <windows.h>
-
-#include <algorithm>
 
 namespace ruvo::winehost {
 
@@ -22,14 +19,6 @@ unsigned long long nowMs()
     const unsigned long long ticks =
         (static_cast<unsigned long long>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
     return (ticks - ticksTo1970) / ticksPerMs;
-}
-
-/// The bench lies on the drive that stands for Linux's own tree.
-std::string linuxPath()
-{
-    std::string path = toUtf8((benchFolder() / L"journal.jsonl").wstring());
-    std::ranges::replace(path, '\\', '/');
-    return path.starts_with("Z:") || path.starts_with("z:") ? path.substr(2) : path;
 }
 
 } // namespace
@@ -48,7 +37,8 @@ JournalEntry::~JournalEntry()
     constexpr int appendTo =
         open_flags::writeOnly | open_flags::append | open_flags::create | open_flags::closeOnExec;
     constexpr int everybodyReads = 0644;
-    const Descriptor file(systemCall(SystemCall::open, linuxPath().c_str(), appendTo, everybodyReads));
+    const Descriptor file(
+        systemCall(SystemCall::open, linuxPathOf(L"journal.jsonl").c_str(), appendTo, everybodyReads));
     const std::string line = text() + '\n';
     systemCall(SystemCall::write, file.get(), line.data(), line.size());
 }

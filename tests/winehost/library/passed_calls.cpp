@@ -57,7 +57,6 @@ HANDLE WINAPI createIoCompletionPort(HANDLE file, HANDLE port, ULONG_PTR key, DW
 {
     if (port)
         return associateSocket(file, port, key, threads);
-    lookForSocketFaults();
     PlannedCall call("CreateIoCompletionPort");
     call.add("bound", file != INVALID_HANDLE_VALUE).add("threads", threads);
     HANDLE made = nullptr;

@@ -36,8 +36,6 @@ SOCKET WINAPI openSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW
 int WINAPI listenOnSocket(SOCKET socket, int backlog);
 /// createIoCompletionPort with a port that is there.
 HANDLE associateSocket(HANDLE socket, HANDLE port, ULONG_PTR key, DWORD threads);
-/// What is planned for sockets now holds from the next call on.
-void lookForSocketFaults();
 
 // netconfig/owner_process_calls.cpp
 HANDLE WINAPI openProcess(DWORD access, BOOL inherit, DWORD process);

@@ -1,5 +1,5 @@
 // The tables of IPv4 sockets with their owners: Wine's own have no owners, as its server holds the sockets.
-// They are called for each connection: no line in the journal, and failures are planned as for packets.
+// They are called for each connection: no line in the journal but for planned failures.
 
 #include "kernel/socket_table.h"
 #include "library/faults.h"
@@ -60,11 +60,11 @@ template<typename Table, typename Row, SocketKind kind>
 class OwnerTable
 {
 public:
-    explicit OwnerTable(std::string_view function) : m_function(function), m_fault(function) {}
+    explicit OwnerTable(std::string_view function) : m_function(function) {}
 
     DWORD call(void *buffer, DWORD *size, ULONG family, int tableClass, int wantedClass)
     {
-        if (const auto fault = m_fault.next()) {
+        if (const auto fault = plannedFault(m_function)) {
             JournalEntry(m_function).add("result", false).add("error", *fault).add("planned", true);
             return *fault;
         }
@@ -115,7 +115,6 @@ private:
     static constexpr std::size_t spareRows = 256;
     static constexpr ULONGLONG countHoldsMs = 50;
     const std::string_view m_function;
-    PacketFault m_fault;
     std::atomic<std::size_t> m_count = 0;
     std::atomic<ULONGLONG> m_counted = 0;
 };

@@ -20,12 +20,6 @@ namespace ruvo::winehost {
 
 namespace {
 
-// Called for every connection: no journal, and a plan that is looked at now and then.
-PacketFault s_socketFault("WSASocketW");
-PacketFault s_bindFault("bind");
-PacketFault s_listenFault("listen");
-PacketFault s_associateFault("CreateIoCompletionPort:associate");
-
 int bindToDevice(SOCKET socket, const Link &link)
 {
     constexpr int socketLevel = 1;         // SOL_SOCKET
@@ -60,7 +54,7 @@ int WINAPI setSocketOption(SOCKET socket, int level, int option, const char *val
 SOCKET WINAPI openSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW information, GROUP group,
                          DWORD flags)
 {
-    if (const auto error = s_socketFault.next()) {
+    if (const auto error = plannedFault("WSASocketW")) {
         WSASetLastError(static_cast<int>(*error));
         return INVALID_SOCKET;
     }
@@ -69,7 +63,7 @@ SOCKET WINAPI openSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW
 
 int WINAPI listenOnSocket(SOCKET socket, int backlog)
 {
-    if (const auto error = s_listenFault.next()) {
+    if (const auto error = plannedFault("listen")) {
         WSASetLastError(static_cast<int>(*error));
         return SOCKET_ERROR;
     }
@@ -78,17 +72,11 @@ int WINAPI listenOnSocket(SOCKET socket, int backlog)
 
 HANDLE associateSocket(HANDLE socket, HANDLE port, ULONG_PTR key, DWORD threads)
 {
-    if (const auto error = s_associateFault.next()) {
+    if (const auto error = plannedFault("CreateIoCompletionPort:associate")) {
         SetLastError(*error);
         return nullptr;
     }
     return CreateIoCompletionPort(socket, port, key, threads);
-}
-
-void lookForSocketFaults()
-{
-    for (PacketFault *fault : {&s_socketFault, &s_bindFault, &s_listenFault, &s_associateFault})
-        fault->lookNow();
 }
 
 int WINAPI connectSocket(SOCKET socket, const sockaddr *address, int size)
@@ -99,7 +87,7 @@ int WINAPI connectSocket(SOCKET socket, const sockaddr *address, int size)
 
 int WINAPI bindSocket(SOCKET socket, const sockaddr *address, int size)
 {
-    if (const auto error = s_bindFault.next()) {
+    if (const auto error = plannedFault("bind")) {
         WSASetLastError(static_cast<int>(*error));
         return SOCKET_ERROR;
     }
