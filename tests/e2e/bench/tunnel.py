@@ -23,8 +23,13 @@ def guid_of(name):
 
 
 def _setting(bench, interface, name):
+    """None: the interface has gone."""
     words = [*bench.network.enter("host"), "sysctl", "-n", f"net.ipv4.conf.{interface}.{name}"]
-    return int(subprocess.run(words, capture_output=True, text=True, timeout=20, check=True).stdout)
+    result = subprocess.run(words, capture_output=True, text=True, timeout=20, check=False)
+    if result.returncode != 0 and "No such file or directory" in result.stderr:
+        return None
+    assert result.returncode == 0, result.stderr
+    return int(result.stdout)
 
 
 def adapters(bench):
@@ -38,11 +43,13 @@ def adapters(bench):
             continue
         guid, kind, name = identity
         interface = link["ifname"]
-        tag = _setting(bench, interface, "tag")
+        tag, forwarding = _setting(bench, interface, "tag"), _setting(bench, interface, "forwarding")
+        if None in (tag, forwarding):
+            continue
         found.append(Adapter(
             name, kind, guid, interface, "UP" in link["flags"], link["mtu"],
             [f"{each['local']}/{each['prefixlen']}" for each in ipv4.get(interface, [])],
-            tag - 1 if tag else None, bool(_setting(bench, interface, "forwarding"))))
+            tag - 1 if tag else None, bool(forwarding)))
     return found
 
 
