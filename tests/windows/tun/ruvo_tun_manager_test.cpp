@@ -176,6 +176,8 @@ TEST_F(RuvoTunManagerTest, refusesAnAddressThatIsNoneAndCreatesNothing)
 TEST_F(RuvoTunManagerTest, doesNotStartWhatRuns)
 {
     ASSERT_EQ(m_manager->start({}), started());
+    // The last call of a start, in the reader's own thread.
+    ASSERT_TRUE(waitUntil([] { return !journal("\"WintunGetReadWaitEvent\"").empty(); }));
     clearBenchFolder();
     EXPECT_EQ(m_manager->start({{"adapter-name", "another"}}), failed("TUN already running"));
     EXPECT_EQ(m_manager->start({{"tunnel-ip", "no address"}}), failed("TUN already running"));
