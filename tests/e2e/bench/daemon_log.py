@@ -48,7 +48,7 @@ class DaemonLog:
         return next(iter(sorted(base.glob(pattern))), base / pattern)
 
     def lines(self):
-        return [line for file in self.files() for line in parse(_read(file))]
+        return [line for file in self.files() for line in parse(read_log(file))]
 
     def texts(self):
         return [line.text for line in self.lines()]
@@ -82,7 +82,8 @@ class DaemonLog:
         assert not missing, f"missing in the daemon's log: {missing}"
 
 
-def _read(file):
+def read_log(file):
+    """Its text so far; none if it has just been moved away or removed."""
     try:
         return file.read_text(encoding="utf-8", errors="replace")
     except FileNotFoundError:

@@ -6,7 +6,7 @@ import shutil
 
 from . import processes
 from .client import Client
-from .daemon_log import DaemonLog
+from .daemon_log import DaemonLog, read_log
 from .journal import Journal
 from .network import Network
 from .paths import BUILD, OUTPUT, PRODUCT, WINEHOST, WINTUN, windows_path
@@ -83,8 +83,8 @@ class Bench(Service):
 
     def ends_of_logs(self, lines=30):
         """(title, text) of each log: what happened last."""
-        return [(path.name, "\n".join(path.read_text(encoding="utf-8", errors="replace").splitlines()[-lines:]))
-                for path in [self.journal.path, *self.log.files()] if path.exists()]
+        return [(path.name, "\n".join(read_log(path).splitlines()[-lines:]))
+                for path in [self.journal.path, *self.log.files()]]
 
     def finish(self):
         """The last part of every test: the service stops in order if it runs, and left nothing unexpected behind."""

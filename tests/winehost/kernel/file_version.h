@@ -14,8 +14,8 @@ struct FileVersion
 
     bool operator==(const FileVersion &) const = default;
 
-    /// Linux stamps files by a clock that ticks every few milliseconds: of a file that changed just now, the next
-    /// change may leave the same version.
+    /// Before 6.13, Linux stamps files by a clock that ticks every few milliseconds: of a file that changed just now,
+    /// the next change may leave the same version.
     bool isSettled() const;
 };
 

@@ -1,8 +1,8 @@
 #include "bench_folder.h"
 
-#include "common/windows_handles.h"
-
 #include "text.h"
+
+#include "common/windows_handles.h"
 
 #include <algorithm>
 #include <system_error>

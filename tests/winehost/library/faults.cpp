@@ -34,7 +34,7 @@ struct Plan
 
 Lock s_lock;
 Plan s_plan;
-std::string s_path;
+std::string s_path; // of the plan, as Linux has it
 
 std::optional<PlannedFault> parseFault(const std::vector<std::string> &words)
 {
