@@ -3,11 +3,11 @@
 // that is asked for the same one again and again would sit in the cache.
 
 #include "common/log_category.h"
-#include "transport/tcp_nat_table.h"
-#include "tun/packet_builder.h"
+#include "nat/tcp_nat_table.h"
+#include "packet/packet_builder.h"
+#include "packet/packet_headers.h"
+#include "packet/packet_rewrite.h"
 #include "tun/packet_dispatcher.h"
-#include "tun/packet_headers.h"
-#include "tun/packet_rewrite.h"
 
 #include <benchmark/benchmark.h>
 

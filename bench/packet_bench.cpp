@@ -5,11 +5,11 @@
 // slower than that makes it larger or smaller.
 
 #include "common/log_category.h"
-#include "tun/packet_builder.h"
-#include "tun/packet_checksum.h"
-#include "tun/packet_headers.h"
-#include "tun/packet_parser.h"
-#include "tun/packet_rewrite.h"
+#include "packet/packet_builder.h"
+#include "packet/packet_checksum.h"
+#include "packet/packet_headers.h"
+#include "packet/packet_parser.h"
+#include "packet/packet_rewrite.h"
 
 #include <benchmark/benchmark.h>
 #include <lwip/inet_chksum.h>

@@ -3,7 +3,7 @@
 #include "common/log_category.h"
 #include "common/quit.h"
 #include "common/windows_handles.h"
-#include "process/network_adapters.h"
+#include "netcfg/network_adapters.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

@@ -3,9 +3,9 @@
 #include "common/capped_log.h"
 #include "common/ipv4.h"
 #include "common/log_category.h"
-#include "tun/packet_builder.h"
-#include "tun/packet_filter.h"
-#include "tun/packet_headers.h"
+#include "packet/packet_builder.h"
+#include "packet/packet_filter.h"
+#include "packet/packet_headers.h"
 
 #include <utility>
 

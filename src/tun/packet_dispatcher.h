@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tun/packet_parser.h"
+#include "packet/packet_parser.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,11 +1,11 @@
 #pragma once
 
 #include "common/windows_handles.h"
+#include "io/completion_port.h"
+#include "nat/relay_connector.h"
+#include "nat/tcp_nat_listener.h"
+#include "nat/udp_nat_relay.h"
 #include "netcfg/wintun_adapter.h"
-#include "transport/completion_port.h"
-#include "transport/relay_connector.h"
-#include "transport/tcp_nat_listener.h"
-#include "transport/udp_nat_relay.h"
 #include "tun/learned_names.h"
 #include "tun/packet_dispatcher.h"
 #include "tun/upstream_choice.h"

@@ -6,7 +6,7 @@
 #include "common/ipv4.h"
 #include "common/log_category.h"
 #include "netcfg/port_owner_lookup.h"
-#include "tun/packet_rewrite.h"
+#include "packet/packet_rewrite.h"
 
 #include <QString>
 

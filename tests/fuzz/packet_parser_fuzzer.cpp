@@ -4,9 +4,9 @@
 // Input: the packet.
 
 #include "fuzz_check.h"
-#include "tun/packet_filter.h"
-#include "tun/packet_parser.h"
-#include "unit/packet_reference.h"
+#include "packet/packet_filter.h"
+#include "packet/packet_parser.h"
+#include "unit/packet/packet_reference.h"
 
 #include <cstdint>
 #include <cstring>

@@ -4,12 +4,12 @@
 // Input: 12 bytes of new addresses and ports, then the packet.
 
 #include "fuzz_check.h"
-#include "tun/packet_builder.h"
-#include "tun/packet_checksum.h"
-#include "tun/packet_headers.h"
-#include "tun/packet_parser.h"
-#include "tun/packet_rewrite.h"
-#include "unit/packet_reference.h"
+#include "packet/packet_builder.h"
+#include "packet/packet_checksum.h"
+#include "packet/packet_headers.h"
+#include "packet/packet_parser.h"
+#include "packet/packet_rewrite.h"
+#include "unit/packet/packet_reference.h"
 
 #include <algorithm>
 #include <cstdint>

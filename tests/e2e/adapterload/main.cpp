@@ -5,7 +5,7 @@
 // it counted as a JSON object.
 
 #include "netcfg/wintun_adapter.h"
-#include "tun/packet_builder.h"
+#include "packet/packet_builder.h"
 
 #include <QByteArray>
 #include <QString>

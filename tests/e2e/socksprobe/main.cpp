@@ -4,9 +4,9 @@
 // Prints what came of it as a JSON object, with the warnings of the product's code. Every wait is bounded.
 
 #include "common/ipv4.h"
-#include "transport/completion_port.h"
-#include "transport/socks_client.h"
-#include "transport/udp_nat_session.h"
+#include "io/completion_port.h"
+#include "nat/udp_nat_session.h"
+#include "socks5/socks_client.h"
 
 #include <QCoreApplication>
 #include <QCryptographicHash>

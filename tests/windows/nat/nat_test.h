@@ -1,11 +1,11 @@
 #pragma once
 
-#include "windows/transport/scripted_proxy.h"
-#include "windows/transport/winsock_test.h"
+#include "windows/io/winsock_test.h"
+#include "windows/socks5/scripted_proxy.h"
 
+#include "io/completion_port.h"
 #include "support/log_capture.h"
 #include "support/wait_until.h"
-#include "transport/completion_port.h"
 
 #include <QByteArray>
 

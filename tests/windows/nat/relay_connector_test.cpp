@@ -1,6 +1,6 @@
 #include "windows/nat/nat_test.h"
 
-#include "transport/relay_connector.h"
+#include "nat/relay_connector.h"
 #include "windows/support/call_journal.h"
 
 #include <future>

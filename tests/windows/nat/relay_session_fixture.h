@@ -2,7 +2,7 @@
 
 #include "windows/nat/nat_test.h"
 
-#include "transport/relay_table.h"
+#include "nat/relay_table.h"
 
 #include <atomic>
 #include <memory>

@@ -2,8 +2,8 @@
 
 #include "windows/nat/nat_test.h"
 
-#include "transport/socket_options.h"
-#include "transport/tcp_nat_listener.h"
+#include "io/socket_options.h"
+#include "nat/tcp_nat_listener.h"
 
 #include <mutex>
 #include <optional>

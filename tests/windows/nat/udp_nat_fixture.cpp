@@ -1,6 +1,6 @@
 #include "windows/nat/udp_nat_fixture.h"
 
-#include "tun/packet_parser.h"
+#include "packet/packet_parser.h"
 
 namespace ruvo::test {
 

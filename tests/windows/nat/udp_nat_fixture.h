@@ -2,7 +2,7 @@
 
 #include "windows/nat/nat_test.h"
 
-#include "transport/udp_nat_relay.h"
+#include "nat/udp_nat_relay.h"
 
 #include <functional>
 #include <memory>

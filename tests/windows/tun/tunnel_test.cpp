@@ -1,12 +1,12 @@
 #include "windows/tun/tunnel_test.h"
 
+#include "packet/packet_builder.h"
+#include "packet/packet_headers.h"
 #include "support/qt_printers.h"
 #include "support/wait_until.h"
-#include "tun/packet_builder.h"
-#include "tun/packet_headers.h"
+#include "windows/io/winsock_test.h"
 #include "windows/support/import_redirection.h"
 #include "windows/support/own_resources.h"
-#include "windows/transport/winsock_test.h"
 #include "windows/tun/sends_of_this_thread.h"
 
 #include <gmock/gmock.h>

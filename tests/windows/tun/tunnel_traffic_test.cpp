@@ -4,8 +4,8 @@
 
 #include "support/qt_printers.h"
 #include "support/wait_until.h"
-#include "windows/transport/scripted_proxy.h"
-#include "windows/transport/winsock_test.h"
+#include "windows/io/winsock_test.h"
+#include "windows/socks5/scripted_proxy.h"
 
 #include <gmock/gmock.h>
 

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "io/socket_wait.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace ruvo {
+
+// Blocking work on a stream with a deadline, for a thread that waits with a SocketWait: each ends early on its stop
+// event. All leave the socket open.
+
+/// Connects and leaves the socket non-blocking. NO_ERROR, or the WSA error.
+int connectWithin(SocketWait &wait, SOCKET socket, const sockaddr_in &address,
+                  SocketWait::Clock::time_point deadline);
+/// Whether all of it went out.
+bool sendWithin(SocketWait &wait, SOCKET socket, std::span<const std::uint8_t> bytes,
+                SocketWait::Clock::time_point deadline);
+/// How many bytes came: fewer than there is room for at the end of the stream, an error or the deadline.
+std::size_t receiveWithin(SocketWait &wait, SOCKET socket, std::span<std::uint8_t> room,
+                          SocketWait::Clock::time_point deadline);
+
+} // namespace ruvo

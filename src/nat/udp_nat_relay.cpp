@@ -1,0 +1,207 @@
+#include "nat/udp_nat_relay.h"
+
+#include "common/ipv4.h"
+#include "common/log_category.h"
+#include "packet/packet_builder.h"
+
+#include <QString>
+
+#include <iterator>
+#include <optional>
+#include <utility>
+
+namespace ruvo {
+
+namespace {
+
+constexpr std::uint16_t dnsPort = 53;
+
+} // namespace
+
+bool UdpNatRelay::initialize(std::uint32_t tunnelValue, const std::string &proxyHost, std::uint16_t proxyPort,
+                             std::uint16_t directPort, CompletionPort &completionPort, PacketOutput packetOutput)
+{
+    m_tunnelValue = tunnelValue;
+    const QString host = QString::fromStdString(proxyHost);
+    m_proxyHost = host.toStdWString();
+    m_proxyPort = proxyPort;
+    m_directPort = directPort;
+    m_completionPort = &completionPort;
+    m_packetOutput = std::move(packetOutput);
+    m_initialized = true;
+    qCDebug(lcRuvod).nospace().noquote() << "[UDP-NAT] Initialized with proxy " << host << ":" << proxyPort
+                                         << " (proxy) / " << directPort << " (direct)";
+    return true;
+}
+
+bool UdpNatRelay::forward(std::uint32_t clientAddress, std::uint16_t clientPort, std::uint32_t requestedAddress,
+                          std::uint16_t requestedPort, std::uint32_t targetAddress, std::uint16_t targetPort,
+                          const std::uint8_t *payload, std::uint16_t length)
+{
+    const UdpFlowKey key{clientAddress, clientPort, requestedAddress, requestedPort};
+    const std::span bytes(payload, length);
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_initialized)
+            return false;
+        const auto found = m_flows.find(key);
+        if (found != m_flows.end() && found->second->isActive()) {
+            if (!found->second->send(bytes))
+                return false;
+            touch(*found->second);
+            return true;
+        }
+        const bool isNew = m_waiting.add(key, {targetAddress, targetPort}, bytes);
+        if (!isNew || m_opening == maxOpeners)
+            return true;
+        ++m_opening;
+    }
+    if (!m_openers.post([this] { openWaiting(); })) {
+        const std::lock_guard lock(m_mutex);
+        --m_opening; // the next new flow tries again
+    }
+    return true;
+}
+
+/// On an opener's thread: one flow after another until none waits.
+void UdpNatRelay::openWaiting()
+{
+    for (;;) {
+        std::optional<UdpWaitingFlows::Opening> flow;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_initialized)
+                flow = m_waiting.beginOpening();
+            if (!flow) {
+                --m_opening;
+                return;
+            }
+        }
+        open(*flow);
+    }
+}
+
+void UdpNatRelay::open(const UdpWaitingFlows::Opening &flow)
+{
+    const auto session = std::make_shared<UdpNatSession>(flow.key, flow.target,
+                                                         flow.target.port == dnsPort ? m_directPort : m_proxyPort);
+    if (!session->open(m_proxyHost, m_stopEvent, *m_completionPort))
+        return giveUp(flow);
+    if (insert(session)) {
+        session->startReceiving(
+            *m_completionPort,
+            [this](UdpNatSession &answered, std::span<const std::uint8_t> payload) { onAnswer(answered, payload); });
+    }
+}
+
+void UdpNatRelay::giveUp(const UdpWaitingFlows::Opening &flow)
+{
+    UdpWaitingFlows::Datagrams datagrams;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_initialized)
+            return;
+        datagrams = m_waiting.take(flow.key);
+    }
+    qCWarning(lcRuvod).nospace().noquote() << "[UDP-NAT] Failed to create SOCKS5 UDP session for "
+                                           << formatIpv4(flow.target.address) << ":" << flow.target.port;
+    if (!m_fallback)
+        return;
+    for (const std::vector<std::uint8_t> &datagram : datagrams)
+        m_fallback(flow.key, datagram);
+}
+
+/// Puts an open session into the maps and sends what waits for it. Nothing overtakes that: it happens under the
+/// mutex.
+bool UdpNatRelay::insert(const UdpNatSessionPtr &session)
+{
+    const std::lock_guard lock(m_mutex);
+    if (!m_initialized)
+        return false;
+    if (const auto stale = m_flows.find(session->key()); stale != m_flows.end())
+        remove(UdpNatSessionPtr(stale->second));
+    if (m_flows.size() >= m_sessionLimit)
+        remove(UdpNatSessionPtr(m_byActivity.front()));
+    m_flows.emplace(session->key(), session);
+    session->lastActivity = m_clock();
+    session->position = m_byActivity.insert(m_byActivity.end(), session);
+    for (const std::vector<std::uint8_t> &datagram : m_waiting.take(session->key()))
+        session->send(datagram);
+    return true;
+}
+
+/// On a worker.
+void UdpNatRelay::onAnswer(UdpNatSession &session, std::span<const std::uint8_t> payload)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto found = m_flows.find(session.key());
+        if (!m_initialized || found == m_flows.end() || found->second.get() != &session)
+            return;
+        touch(session);
+    }
+    const UdpFlowKey &key = session.key();
+    const PacketBytes packet = buildUdpPacket(key.requestedAddress, key.requestedPort, key.clientAddress,
+                                              key.clientPort, payload.data(), payload.size());
+    if (m_packetOutput && !packet.empty())
+        m_packetOutput(packet.data(), packet.size());
+}
+
+void UdpNatRelay::touch(UdpNatSession &session)
+{
+    session.lastActivity = m_clock();
+    m_byActivity.splice(m_byActivity.end(), m_byActivity, session.position);
+}
+
+void UdpNatRelay::remove(const UdpNatSessionPtr &session)
+{
+    session->close();
+    forget(*session);
+}
+
+void UdpNatRelay::forget(const UdpNatSession &session)
+{
+    const UdpFlowKey key = session.key();
+    m_byActivity.erase(session.position);
+    m_flows.erase(key);
+}
+
+void UdpNatRelay::expireIdle()
+{
+    // Closed after the lock: they may be thousands after a burst, and the reader thread sends under it.
+    std::vector<UdpNatSessionPtr> expired;
+    {
+        const std::lock_guard lock(m_mutex);
+        const std::int64_t now = m_clock();
+        while (!m_byActivity.empty() && now - m_byActivity.front()->lastActivity >= idleTime) {
+            expired.push_back(m_byActivity.front());
+            forget(*expired.back());
+        }
+    }
+    for (const UdpNatSessionPtr &session : expired)
+        session->close();
+}
+
+void UdpNatRelay::shutdown()
+{
+    if (!m_initialized.exchange(false))
+        return;
+    m_openers.stop();
+    {
+        const std::lock_guard lock(m_mutex);
+        for (const UdpNatSessionPtr &session : m_byActivity)
+            session->close();
+        m_flows.clear();
+        m_byActivity.clear();
+        m_waiting.clear();
+    }
+    qCDebug(lcRuvod) << "[UDP-NAT] Shutdown complete";
+}
+
+std::size_t UdpNatRelay::sessions() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_flows.size();
+}
+
+} // namespace ruvo

@@ -1,0 +1,231 @@
+#include "nat/udp_nat_session.h"
+
+#include "common/log_category.h"
+#include "io/socket_options.h"
+#include "io/timed_io.h"
+
+#include <mswsock.h>
+
+#include <chrono>
+#include <cstdint>
+#include <utility>
+
+namespace ruvo {
+
+namespace {
+
+constexpr std::size_t bufferSize = 0x10000;
+constexpr std::chrono::seconds connectTimeout{10};
+constexpr std::chrono::seconds replyTimeout{5};
+
+constexpr std::size_t replyAddressType = 3; // RFC 1928 section 6
+
+SocketWait::Clock::time_point within(std::chrono::seconds time)
+{
+    return SocketWait::Clock::now() + time;
+}
+
+/// A datagram that its receiver refused (ICMP "port unreachable") fails the next receive otherwise, and with it all
+/// that is still to come.
+void keepReceivingAfterRefusals(SOCKET socket)
+{
+    BOOL off = FALSE;
+    DWORD size = 0;
+    WSAIoctl(socket, SIO_UDP_CONNRESET, &off, sizeof(off), nullptr, 0, &size, nullptr, nullptr);
+}
+
+/// Winsock has one structure for both directions; what is sent from it is only read.
+WSABUF sendBuffer(std::span<const std::uint8_t> bytes)
+{
+    return {.len = static_cast<ULONG>(bytes.size()),
+            .buf = const_cast<char *>(reinterpret_cast<const char *>(bytes.data()))};
+}
+
+} // namespace
+
+UdpNatSession::UdpNatSession(const UdpFlowKey &key, socks5::Endpoint target, std::uint16_t socksPort)
+    : m_key(key)
+    , m_target(target)
+    , m_socksPort(socksPort)
+    , m_header(socks5::udpHeader(target.address, target.port))
+    , m_buffer(makePageBuffer<std::uint8_t>(bufferSize))
+{}
+
+bool UdpNatSession::open(const std::wstring &proxyHost, HANDLE stopEvent, CompletionPort &completionPort)
+{
+    return connectControl(proxyHost, stopEvent) && openUdpSocket(completionPort);
+}
+
+bool UdpNatSession::connectControl(const std::wstring &proxyHost, HANDLE stopEvent)
+{
+    m_control.reset(openSocket(SOCK_STREAM, IPPROTO_TCP));
+    if (!m_control)
+        return false;
+    sockaddr_in proxy = socketAddress(0, m_socksPort);
+    if (InetPtonW(AF_INET, proxyHost.c_str(), &proxy.sin_addr) != 1)
+        return false;
+    SocketWait wait(stopEvent);
+    if (const int error = connectWithin(wait, m_control.get(), proxy, within(connectTimeout)); error != NO_ERROR) {
+        qCWarning(lcRuvod) << "[UDP-NAT] Failed to connect to SOCKS5 proxy:" << error;
+        return false;
+    }
+    return associateWithProxy(wait, ntohl(proxy.sin_addr.s_addr));
+}
+
+bool UdpNatSession::associateWithProxy(SocketWait &wait, std::uint32_t proxyAddress)
+{
+    const SOCKET control = m_control.get();
+    std::array<std::uint8_t, socks5::methodReplySize> method{};
+    if (!sendWithin(wait, control, socks5::greeting, within(replyTimeout))
+        || receiveWithin(wait, control, method, within(replyTimeout)) < method.size()) {
+        return false;
+    }
+    if (!socks5::isMethodAccepted(method)) {
+        qCWarning(lcRuvod) << "[UDP-NAT] SOCKS5 auth failed:" << method[0] << method[1];
+        return false;
+    }
+    if (!sendWithin(wait, control, socks5::udpAssociateRequest, within(replyTimeout)))
+        return false;
+    std::array<std::uint8_t, socks5::minReplySize> reply{};
+    const std::size_t received = receiveWithin(wait, control, reply, within(replyTimeout));
+    if (received < reply.size()) {
+        qCWarning(lcRuvod) << "[UDP-NAT] Invalid UDP ASSOCIATE response, got" << received << "bytes";
+        return false;
+    }
+    if (const auto failure = socks5::replyFailure(reply)) {
+        qCWarning(lcRuvod) << "[UDP-NAT] UDP ASSOCIATE failed:" << *failure;
+        return false;
+    }
+    const std::optional<socks5::Endpoint> relay = socks5::parseUdpAssociateReply(reply, proxyAddress);
+    if (!relay) {
+        qCWarning(lcRuvod) << "[UDP-NAT] Unexpected ATYP in response:" << reply[replyAddressType];
+        return false;
+    }
+    m_relay = socketAddress(relay->address, relay->port);
+    return true;
+}
+
+bool UdpNatSession::openUdpSocket(CompletionPort &completionPort)
+{
+    m_udp.reset(openSocket(SOCK_DGRAM, IPPROTO_UDP));
+    const sockaddr_in any = socketAddress(INADDR_ANY, 0);
+    if (!m_udp || bind(m_udp.get(), reinterpret_cast<const sockaddr *>(&any), sizeof(any)) != 0) {
+        const int error = WSAGetLastError();
+        qCWarning(lcRuvod) << "[UDP-NAT] Failed to bind UDP socket:" << error;
+        return false;
+    }
+    keepReceivingAfterRefusals(m_udp.get());
+    if (!completionPort.associate(m_udp.get(), CompletionKey::UdpNatReceive)
+        || !completionPort.associate(m_control.get(), CompletionKey::UdpNatReceive)) {
+        const DWORD error = GetLastError();
+        qCWarning(lcRuvod) << "[UDP-NAT] Failed to associate socket with IOCP:" << error;
+        return false;
+    }
+    return true;
+}
+
+void UdpNatSession::startReceiving(CompletionPort &completionPort, AnswerCallback answer)
+{
+    m_completionPort = &completionPort;
+    m_answer = std::move(answer);
+    postReceive();
+    watchControl();
+}
+
+void UdpNatSession::postReceive()
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_closed || m_receivePending.exchange(true))
+        return;
+    m_completionPort->begin(m_receive, shared_from_this());
+    m_senderSize = sizeof(m_sender);
+    WSABUF room{.len = bufferSize, .buf = reinterpret_cast<char *>(m_buffer.get())};
+    DWORD flags = 0;
+    if (WSARecvFrom(m_udp.get(), &room, 1, nullptr, &flags, reinterpret_cast<sockaddr *>(&m_sender), &m_senderSize,
+                    &m_receive, nullptr)
+        == 0) {
+        return;
+    }
+    const int error = WSAGetLastError();
+    if (error == WSA_IO_PENDING)
+        return;
+    const std::shared_ptr<void> self = m_completionPort->abandon(m_receive);
+    m_receivePending = false;
+    qCWarning(lcRuvod) << "[UDP-NAT] WSARecvFrom failed:" << error;
+}
+
+/// RFC 1928 section 7: an association ends with the connection that its request came on. The proxy sends nothing on
+/// it, so a receive there completes when it ends.
+void UdpNatSession::watchControl()
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_closed)
+        return;
+    m_completionPort->begin(m_controlWatch, shared_from_this());
+    WSABUF room{.len = sizeof(m_controlByte), .buf = &m_controlByte};
+    DWORD flags = 0;
+    if (WSARecv(m_control.get(), &room, 1, nullptr, &flags, &m_controlWatch, nullptr) == 0
+        || WSAGetLastError() == WSA_IO_PENDING) {
+        return;
+    }
+    const std::shared_ptr<void> self = m_completionPort->abandon(m_controlWatch);
+    m_active = false;
+}
+
+void UdpNatSession::ControlOperation::completed(const std::shared_ptr<void> &record, DWORD bytes,
+                                                DWORD error) noexcept
+{
+    const UdpNatSessionPtr session = std::static_pointer_cast<UdpNatSession>(record);
+    if (error == NO_ERROR && bytes > 0)
+        session->watchControl();
+    else
+        session->m_active = false;
+}
+
+void UdpNatSession::ReceiveOperation::completed(const std::shared_ptr<void> &record, DWORD bytes,
+                                                DWORD error) noexcept
+{
+    std::static_pointer_cast<UdpNatSession>(record)->onReceiveCompleted(bytes, error);
+}
+
+void UdpNatSession::onReceiveCompleted(DWORD bytes, DWORD error)
+{
+    m_receivePending = false;
+    if (error != NO_ERROR || bytes == 0)
+        return; // silent from now on, but still of use for sending
+    const std::span<const std::uint8_t> datagram(m_buffer.get(), bytes);
+    const std::optional<std::size_t> headerSize = socks5::udpHeaderSize(datagram);
+    if (!headerSize)
+        qCWarning(lcRuvod) << "[UDP-NAT] Failed to parse SOCKS5 UDP header";
+    else if (*headerSize < bytes)
+        m_answer(*this, datagram.subspan(*headerSize));
+    postReceive();
+}
+
+bool UdpNatSession::send(std::span<const std::uint8_t> payload)
+{
+    // Header and payload in one datagram, without putting them into one buffer first.
+    WSABUF parts[] = {sendBuffer(m_header), sendBuffer(payload)};
+    DWORD sent = 0;
+    if (WSASendTo(m_udp.get(), parts, 2, &sent, 0, reinterpret_cast<const sockaddr *>(&m_relay), sizeof(m_relay),
+                  nullptr, nullptr)
+        == 0) {
+        return true;
+    }
+    const int error = WSAGetLastError();
+    qCWarning(lcRuvod) << "[UDP-NAT] Failed to send to relay:" << error;
+    return false;
+}
+
+void UdpNatSession::close()
+{
+    const std::lock_guard lock(m_mutex);
+    if (std::exchange(m_closed, true))
+        return;
+    for (const Socket *socket : {&m_control, &m_udp}) {
+        if (*socket)
+            CancelIoEx(reinterpret_cast<HANDLE>(socket->get()), nullptr);
+    }
+}
+
+} // namespace ruvo

@@ -1,0 +1,101 @@
+#pragma once
+
+#include "common/windows_handles.h"
+#include "io/completion_port.h"
+#include "io/page_buffer.h"
+#include "io/socket_wait.h"
+#include "nat/udp_flow_key.h"
+#include "socks5/socks5_messages.h"
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+
+namespace ruvo {
+
+/// A flow's association with the proxy: a control connection, which it lasts as long as, and a UDP socket.
+///
+/// open blocks and belongs to the thread that opens it; send is called by one thread at a time; answers arrive on the
+/// port's workers. m_mutex guards the issuing of receives against close; the sockets themselves are closed by the
+/// last reference.
+class UdpNatSession : public std::enable_shared_from_this<UdpNatSession>
+{
+public:
+    /// Gets each answer's payload on a worker.
+    using AnswerCallback = std::function<void(UdpNatSession &session, std::span<const std::uint8_t> payload)>;
+
+    /// `target` is where the proxy shall send; `socksPort` the inbound that it is asked on.
+    UdpNatSession(const UdpFlowKey &key, socks5::Endpoint target, std::uint16_t socksPort);
+
+    const UdpFlowKey &key() const { return m_key; }
+    socks5::Endpoint target() const { return m_target; }
+
+    /// Connects to the proxy, asks for the association, and puts the UDP socket on the port. Every failure but the
+    /// silent ones (no socket, no host address, an end in the middle of a reply) is logged.
+    bool open(const std::wstring &proxyHost, HANDLE stopEvent, CompletionPort &completionPort);
+    /// From here on answers come, and the end of the control connection makes the session inactive.
+    void startReceiving(CompletionPort &completionPort, AnswerCallback answer);
+    /// False, and logged, if the datagram cannot be sent.
+    bool send(std::span<const std::uint8_t> payload);
+    /// Nothing is received any more.
+    void close();
+
+    /// Whether the proxy still keeps the association.
+    bool isActive() const { return m_active; }
+
+    /// Of UdpNatRelay, under its mutex.
+    std::int64_t lastActivity = 0;
+    std::list<std::shared_ptr<UdpNatSession>>::iterator position;
+
+private:
+    class ReceiveOperation : public IoOperation
+    {
+    protected:
+        void completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept override;
+    };
+    /// Completes when the control connection ends.
+    class ControlOperation : public IoOperation
+    {
+    protected:
+        void completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept override;
+    };
+
+    bool connectControl(const std::wstring &proxyHost, HANDLE stopEvent);
+    bool associateWithProxy(SocketWait &wait, std::uint32_t proxyAddress);
+    bool openUdpSocket(CompletionPort &completionPort);
+    void postReceive();
+    void watchControl();
+    void onReceiveCompleted(DWORD bytes, DWORD error);
+
+    const UdpFlowKey m_key;
+    const socks5::Endpoint m_target;
+    const std::uint16_t m_socksPort;
+    const std::array<std::uint8_t, socks5::udpHeaderSizeIpv4> m_header;
+    std::atomic<bool> m_active = true;
+
+    std::mutex m_mutex;
+    bool m_closed = false;
+    Socket m_control;
+    Socket m_udp;
+    sockaddr_in m_relay{};
+    CompletionPort *m_completionPort = nullptr;
+    AnswerCallback m_answer;
+
+    std::atomic<bool> m_receivePending = false;
+    ReceiveOperation m_receive;
+    const PageBuffer<std::uint8_t> m_buffer;
+    sockaddr_in m_sender{};
+    int m_senderSize = sizeof(m_sender);
+    ControlOperation m_controlWatch;
+    char m_controlByte = 0;
+};
+
+using UdpNatSessionPtr = std::shared_ptr<UdpNatSession>;
+
+} // namespace ruvo

@@ -1,0 +1,56 @@
+#include "nat/udp_waiting_flows.h"
+
+#include <iterator>
+#include <utility>
+
+namespace ruvo {
+
+bool UdpWaitingFlows::add(const UdpFlowKey &key, socks5::Endpoint target, std::span<const std::uint8_t> payload)
+{
+    auto found = m_flows.find(key);
+    const bool isNew = found == m_flows.end();
+    if (isNew) {
+        if (m_flows.size() >= maxFlows && !m_unopened.empty()) {
+            m_flows.erase(m_unopened.front());
+            m_unopened.pop_front();
+        }
+        m_unopened.push_back(key);
+        found = m_flows.emplace(key, Flow{target, {}, std::prev(m_unopened.end())}).first;
+    }
+    Datagrams &datagrams = found->second.datagrams;
+    if (datagrams.size() == maxDatagrams)
+        datagrams.pop_front();
+    datagrams.emplace_back(payload.begin(), payload.end());
+    return isNew;
+}
+
+std::optional<UdpWaitingFlows::Opening> UdpWaitingFlows::beginOpening()
+{
+    if (m_unopened.empty())
+        return std::nullopt;
+    const UdpFlowKey key = m_unopened.front();
+    m_unopened.pop_front();
+    Flow &flow = m_flows.at(key);
+    flow.unopened = m_unopened.end();
+    return Opening{key, flow.target};
+}
+
+UdpWaitingFlows::Datagrams UdpWaitingFlows::take(const UdpFlowKey &key)
+{
+    const auto found = m_flows.find(key);
+    if (found == m_flows.end())
+        return {};
+    Datagrams datagrams = std::move(found->second.datagrams);
+    if (found->second.unopened != m_unopened.end())
+        m_unopened.erase(found->second.unopened);
+    m_flows.erase(found);
+    return datagrams;
+}
+
+void UdpWaitingFlows::clear()
+{
+    m_flows.clear();
+    m_unopened.clear();
+}
+
+} // namespace ruvo

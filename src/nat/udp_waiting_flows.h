@@ -1,0 +1,56 @@
+#pragma once
+
+#include "nat/udp_flow_key.h"
+#include "socks5/socks5_messages.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <map>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace ruvo {
+
+/// Datagrams that wait for their flow's association, in order. Bounded both ways: a proxy that does not answer costs
+/// nothing but the oldest of them. Not locked.
+class UdpWaitingFlows
+{
+public:
+    static constexpr std::size_t maxDatagrams = 64; // of one flow
+    static constexpr std::size_t maxFlows = 1024;
+
+    using Datagrams = std::deque<std::vector<std::uint8_t>>;
+    struct Opening
+    {
+        UdpFlowKey key;
+        socks5::Endpoint target;
+    };
+
+    /// Copies the payload. Whether the flow is new here, and somebody has to open its association. Makes room by
+    /// dropping the oldest flow whose opening has not begun: one that is being opened must not come back here and be
+    /// opened a second time.
+    bool add(const UdpFlowKey &key, socks5::Endpoint target, std::span<const std::uint8_t> payload);
+    /// The oldest flow that nobody opens yet; from now on somebody does.
+    std::optional<Opening> beginOpening();
+    /// Takes a flow out, and gives what has waited. Nothing if it is not here.
+    Datagrams take(const UdpFlowKey &key);
+    void clear();
+    std::size_t size() const { return m_flows.size(); }
+
+private:
+    struct Flow
+    {
+        socks5::Endpoint target;
+        Datagrams datagrams;
+        /// Its place in m_unopened; the end of it once it is being opened.
+        std::list<UdpFlowKey>::iterator unopened;
+    };
+    std::map<UdpFlowKey, Flow> m_flows;
+    /// The oldest first.
+    std::list<UdpFlowKey> m_unopened;
+};
+
+} // namespace ruvo
