@@ -38,6 +38,40 @@ public:
 
     bool associate(SOCKET socket, CompletionKey key);
 
+    /// How a call that was issued went.
+    struct Issued
+    {
+        enum class State {
+            InFlight, ///< Its handler runs on a worker.
+            Done,     ///< It was done at once, on a socket with skipPortOnSuccess: its handler will not run.
+            Failed,   ///< It was refused: its handler will not run.
+        };
+        State state = State::Failed;
+        DWORD bytes = 0; ///< of what is Done
+        int error = 0;   ///< of what has Failed: WSAGetLastError()
+    };
+    /// Issues one overlapped call. `call` gets the count of bytes to fill in, makes the call with `&operation`, and
+    /// returns whether it was done at once; if not, WSAGetLastError() tells whether it is pending. `skipsPort` is what
+    /// skipPortOnSuccess said of the socket.
+    ///
+    /// While the call is in flight the operation holds `record`; after anything else the reference is given back
+    /// before this returns, so the caller holds one of its own.
+    template<typename Call>
+    Issued issue(IoOperation &operation, std::shared_ptr<void> record, bool skipsPort, Call &&call)
+    {
+        begin(operation, std::move(record));
+        Issued issued;
+        if (call(issued.bytes)) {
+            issued.state = skipsPort ? Issued::State::Done : Issued::State::InFlight;
+        } else {
+            issued.error = WSAGetLastError();
+            issued.state = issued.error == WSA_IO_PENDING ? Issued::State::InFlight : Issued::State::Failed;
+        }
+        if (issued.state != Issued::State::InFlight)
+            abandon(operation);
+        return issued;
+    }
+
     /// Right before a call is issued with `operation`: it is in flight from here on.
     void begin(IoOperation &operation, std::shared_ptr<void> record);
     /// The call was refused, or it was done at once on a socket with skipPortOnSuccess: nothing will complete. Gives

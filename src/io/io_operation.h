@@ -28,4 +28,27 @@ private:
     std::shared_ptr<void> m_record;
 };
 
+/// An operation whose completions go to a member function of its owner, which is the record or a part of it:
+///
+///     void onReceived(DWORD bytes, DWORD error);
+///     MemberOperation<&Connection::onReceived> m_receive{*this};
+template<auto Handler>
+class MemberOperation;
+
+template<typename Owner, void (Owner::*Handler)(DWORD bytes, DWORD error)>
+class MemberOperation<Handler> final : public IoOperation
+{
+public:
+    explicit MemberOperation(Owner &owner) : m_owner(owner) {}
+
+protected:
+    void completed(const std::shared_ptr<void> &, DWORD bytes, DWORD error) noexcept override
+    {
+        (m_owner.*Handler)(bytes, error);
+    }
+
+private:
+    Owner &m_owner;
+};
+
 } // namespace ruvo
