@@ -20,10 +20,10 @@ namespace ruvo {
 struct PortExchangePlan
 {
     /// The proxy; or the destination itself, without a request.
-    Endpoint peer;
+    Endpoint peer = {};
     /// What is asked of the proxy (socks5::requestBytes). Nothing: it is over once the connection stands. Empty: once
     /// the proxy has accepted the method.
-    std::optional<socks5::Bytes> request;
+    std::optional<socks5::Bytes> request = {};
     /// Of the socket, for all of its operations.
     CompletionKey key = CompletionKey::TcpConnection;
     /// Small segments go out at once (TCP_NODELAY).
