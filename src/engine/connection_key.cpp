@@ -1,6 +1,9 @@
 #include "engine/connection_key.h"
 
 #include "common/dns_redirect.h"
+#include "common/ipv4.h"
+
+#include <QStringList>
 
 namespace ruvo {
 
@@ -19,6 +22,16 @@ ConnectionKey connectionKeyOf(const ParsedPacket &packet, std::uint32_t tunnelIp
         key.destinationIp6 = packet.dstIp6;
     }
     return key;
+}
+
+QString destinationText(const ConnectionKey &key)
+{
+    if (key.family == 4)
+        return formatIpv4(key.destinationIp);
+    QStringList groups;
+    for (std::size_t i = 0; i < key.destinationIp6.size(); i += 2)
+        groups += QString::number(key.destinationIp6[i] << 8 | key.destinationIp6[i + 1], 16);
+    return groups.join(u':');
 }
 
 } // namespace ruvo
