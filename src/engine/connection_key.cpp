@@ -24,14 +24,17 @@ ConnectionKey connectionKeyOf(const ParsedPacket &packet, std::uint32_t tunnelIp
     return key;
 }
 
+QString ipv6Text(const Ipv6Bytes &address)
+{
+    QStringList groups;
+    for (std::size_t i = 0; i < address.size(); i += 2)
+        groups += QString::number(address[i] << 8 | address[i + 1], 16);
+    return groups.join(u':');
+}
+
 QString destinationText(const ConnectionKey &key)
 {
-    if (key.family == 4)
-        return formatIpv4(key.destinationIp);
-    QStringList groups;
-    for (std::size_t i = 0; i < key.destinationIp6.size(); i += 2)
-        groups += QString::number(key.destinationIp6[i] << 8 | key.destinationIp6[i + 1], 16);
-    return groups.join(u':');
+    return key.family == 4 ? formatIpv4(key.destinationIp) : ipv6Text(key.destinationIp6);
 }
 
 } // namespace ruvo

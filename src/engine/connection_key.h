@@ -31,6 +31,8 @@ struct ConnectionKey
 /// The key of the connection or flow that a packet from the application belongs to. `tunnelIp` in host order.
 ConnectionKey connectionKeyOf(const ParsedPacket &packet, std::uint32_t tunnelIp);
 
+/// RFC 4291 section 2.2, in its long form.
+QString ipv6Text(const Ipv6Bytes &address);
 /// The destination's address as log lines name it.
 QString destinationText(const ConnectionKey &key);
 

@@ -16,6 +16,7 @@ constexpr std::array<TcpNoteCap, noteCount> caps{{
     {TcpNote::ClientSyn, 10, 0},
     {TcpNote::Established, 20, 0},
     {TcpNote::SocketFailed, 10, 0},
+    {TcpNote::BindFailed, 10, 100},
     {TcpNote::AssociateFailed, 10, 0},
     {TcpNote::NoConnectEx, 10, 0},
     {TcpNote::ConnectRefused, 10, 0},

@@ -9,6 +9,7 @@ enum class TcpNote {
     ClientSyn,
     Established,
     SocketFailed,
+    BindFailed,
     AssociateFailed,
     NoConnectEx,
     ConnectRefused,
