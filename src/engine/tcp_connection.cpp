@@ -177,7 +177,8 @@ void TcpConnection::receiveMore(bool throughPort)
     }
 }
 
-/// What has come at once; nothing if the receive is in flight (with `throughPort` it is), or if the connection is over.
+/// What has come at once; nothing if the receive is in flight (with `throughPort` it is), or if the connection is
+/// over.
 std::optional<DWORD> TcpConnection::issueReceive(bool throughPort)
 {
     using State = CompletionPort::Issued::State;

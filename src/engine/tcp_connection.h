@@ -49,8 +49,8 @@ public:
     /// The upstream has finished: what the application sent before still goes out.
     void endDownload();
     enum class Closing { Graceful, Abortive };
-    /// No call is issued any more, and what is in flight is cancelled. Abortively, the upstream sees a reset, so that it
-    /// does not take what it has for the whole.
+    /// No call is issued any more, and what is in flight is cancelled. Abortively, the upstream sees a reset, so that
+    /// it does not take what it has for the whole.
     void close(Closing closing);
     /// Whether nothing is left to be done for a connection that has left the table.
     bool isDone();

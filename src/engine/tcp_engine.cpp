@@ -41,10 +41,10 @@ void logSyn(const ConnectionKey &key, const ParsedPacket &packet, const TcpSegme
         return;
     const QString source = key.family == 4 ? formatIpv4(packet.srcIp) : ipv6Text(packet.srcIp6);
     const QString destination = key.family == 4 ? formatIpv4(packet.dstIp) : ipv6Text(packet.dstIp6);
-    qCInfo(lcRuvod).nospace().noquote()
-        << "[CLIENT-SYN] " << source << ":" << packet.srcPort << " -> " << destination << ":" << packet.dstPort
-        << " MSS: " << readSynOptions(syn.options).maximumSegmentSize.value_or(0)
-        << " Options: " << hexBytes(syn.options);
+    qCInfo(lcRuvod).nospace().noquote() << "[CLIENT-SYN] " << source << ":" << packet.srcPort << " -> " << destination
+                                        << ":" << packet.dstPort
+                                        << " MSS: " << readSynOptions(syn.options).maximumSegmentSize.value_or(0)
+                                        << " Options: " << hexBytes(syn.options);
 }
 
 TcpSender::Opening openingOf(const ParsedPacket &packet, const TcpSegment &syn)

@@ -18,9 +18,10 @@ namespace ruvo {
 /// Terminates, in user space, the connections that do not come from this host: plays the server's side of TCP towards
 /// the application, and relays the bytes over a connection of its own to the proxy.
 ///
-/// Packets come on the reader thread, completions on the port's workers, `drainWaiting` and `housekeeping` on the flow
-/// control thread. m_mutex guards the tables and is held only to find, insert and collect; m_waitingMutex the list of
-/// connections with packets that wait. Lock order: table, connection, stream; the waiting list is taken with no other.
+/// Packets come on the reader thread, completions on the port's workers, `drainWaiting` and `housekeeping` on the
+/// flow control thread. m_mutex guards the tables and is held only to find, insert and collect; m_waitingMutex the
+/// list of connections with packets that wait. Lock order: table, connection, stream; the waiting list is taken with
+/// no other.
 class TcpEngine
 {
 public:
