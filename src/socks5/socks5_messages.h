@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/endpoint.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -13,6 +15,7 @@ namespace ruvo::socks5 {
 // The bytes of SOCKS5 (RFC 1928) that the daemon sends and accepts: no authentication, CONNECT and UDP ASSOCIATE.
 // Addresses and ports are in host order here, in network order in the bytes. Nothing is logged.
 
+using ruvo::Endpoint;
 using Bytes = std::vector<std::uint8_t>;
 using ByteView = std::span<const std::uint8_t>;
 using Ipv6Address = std::array<std::uint8_t, 16>; // as on the wire
@@ -46,12 +49,6 @@ std::size_t replySize(ByteView start);
 /// minReplySize bytes.
 std::optional<std::uint8_t> replyFailure(ByteView reply);
 
-struct Endpoint
-{
-    std::uint32_t address = 0;
-    std::uint16_t port = 0;
-    bool operator==(const Endpoint &) const = default;
-};
 /// Where the proxy takes datagrams, from its reply to UDP ASSOCIATE. An address of 0.0.0.0 means the proxy's own.
 /// Nothing if the reply is short, means failure, or names no IPv4 address.
 std::optional<Endpoint> parseUdpAssociateReply(ByteView reply, std::uint32_t proxyAddress);
