@@ -1,6 +1,7 @@
 #include "tun/ruvo_tun_manager.h"
 
 #include "common/log_category.h"
+#include "netcfg/resolver_cache.h"
 
 #include <QCoreApplication>
 

@@ -5,6 +5,7 @@
 
 #include "common/ipv4.h"
 #include "common/log_category.h"
+#include "netcfg/resolver_cache.h"
 
 #include <QString>
 
