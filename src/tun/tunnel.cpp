@@ -133,10 +133,4 @@ void Tunnel::dispatchPacket(const std::uint8_t *data, std::size_t len)
         m_dispatcher->dispatch(data, len, m_proxyReady);
 }
 
-std::uint16_t Tunnel::chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp,
-                                         std::uint16_t dstPort) const
-{
-    return m_upstreamChoice.chooseUpstreamPort(processPath, dstIp, dstPort);
-}
-
 } // namespace ruvo

@@ -62,8 +62,16 @@ public:
     std::uint32_t adapterIndex() const { return m_adapter ? m_adapter->interfaceIndex() : 0; }
 
     void dispatchPacket(const std::uint8_t *data, std::size_t len);
+    /// As UpstreamChoice::decide; from any thread.
+    UpstreamDecision decide(const std::wstring &processPath, std::uint32_t dstIp, std::uint16_t dstPort) const
+    {
+        return m_upstreamChoice.decide(processPath, dstIp, dstPort);
+    }
     std::uint16_t chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp,
-                                     std::uint16_t dstPort) const;
+                                     std::uint16_t dstPort) const
+    {
+        return decide(processPath, dstIp, dstPort).port;
+    }
 
     /// Names that applications have looked up: connections to their addresses ask the proxy for the name.
     LearnedNames &learnedNames() { return m_learnedNames; }

@@ -3,6 +3,7 @@
 #include "tun/tunnel.h"
 
 #include "common/capped_log.h"
+#include "common/dns_redirect.h"
 #include "common/ipv4.h"
 #include "common/log_category.h"
 #include "netcfg/port_owner_lookup.h"
@@ -66,10 +67,11 @@ void Tunnel::openDispatcher()
     paths.tcpNat = tcpNatPath();
     if (m_udpNatRelay) {
         paths.udpNat = [this](const UdpDatagram &datagram) {
-            return datagram.payloadLen <= std::numeric_limits<std::uint16_t>::max()
-                   && m_udpNatRelay->forward(datagram.srcIp, datagram.srcPort, datagram.dstIp, datagram.dstPort,
-                                             datagram.realDstIp, datagram.realDstPort, datagram.payload,
-                                             static_cast<std::uint16_t>(datagram.payloadLen));
+            const auto &[source, destination] = datagram.flow;
+            return datagram.payload.size() <= std::numeric_limits<std::uint16_t>::max()
+                   && m_udpNatRelay->forward(source.address, source.port, destination.address, destination.port,
+                                             datagram.target.address, datagram.target.port, datagram.payload.data(),
+                                             static_cast<std::uint16_t>(datagram.payload.size()));
         };
     }
     m_dispatcher = std::make_unique<PacketDispatcher>(m_tunnelIp, std::move(paths));
@@ -80,30 +82,32 @@ TcpNatPath Tunnel::tcpNatPath()
     TcpNatTable &table = m_natListener->table();
     return {
         .listenPort = m_natListener->listenPort(),
-        .findByNatPort = [&table](std::uint16_t natPort) -> std::optional<TcpEndpoints> {
+        .findByNatPort = [&table](std::uint16_t natPort) -> std::optional<FlowKey> {
             const TcpNatSessionPtr session = table.findByNatPort(natPort);
             if (!session)
                 return std::nullopt;
-            return TcpEndpoints{session->clientAddress, session->clientPort, session->destinationAddress,
-                                session->destinationPort};
+            return FlowKey{{session->clientAddress, session->clientPort},
+                           {session->destinationAddress, session->destinationPort}};
         },
         .allocateNatPort =
-            [&table](const TcpEndpoints &connection) {
-                return table.allocateNatPort(connection.srcIp, connection.srcPort, connection.dstIp,
-                                             connection.dstPort);
+            [&table](const FlowKey &connection) {
+                const auto &[source, destination] = connection;
+                return table.allocateNatPort(source.address, source.port, destination.address, destination.port);
             },
         .findNatPort =
-            [&table](const TcpEndpoints &connection) {
-                return table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort);
+            [&table](const FlowKey &connection) {
+                const auto &[source, destination] = connection;
+                return table.findNatPort(source.address, source.port, destination.address, destination.port);
             },
         .sendRewritten =
-            [this](const ParsedPacket &packet, const TcpEndpoints &to) {
+            [this](const ParsedPacket &packet, const FlowKey &to) {
                 if (!isRewritableTcp(packet.raw, packet.rawLen))
                     return false;
                 // Straight into the adapter's ring, and rewritten there.
                 if (std::uint8_t *copy = m_adapter->allocatePacket(static_cast<std::uint32_t>(packet.rawLen))) {
                     std::memcpy(copy, packet.raw, packet.rawLen);
-                    rewriteTcpAddresses(copy, packet.rawLen, to.srcIp, to.srcPort, to.dstIp, to.dstPort);
+                    rewriteTcpAddresses(copy, packet.rawLen, to.source.address, to.source.port,
+                                        to.destination.address, to.destination.port);
                     m_adapter->sendAllocated(copy);
                 }
                 return true;
@@ -127,13 +131,13 @@ std::optional<RelayRoute> Tunnel::routeFor(const TcpNatSession &session) const
         return std::nullopt;
     }
     const std::wstring image = owner == 0 ? std::wstring() : PortOwnerLookup::processImage(owner);
-    const std::uint32_t address = realDestination(session.destinationAddress, session.destinationPort, m_tunnelIp);
-    const std::uint16_t port = chooseUpstreamPort(image, address, session.destinationPort);
+    const Endpoint target = realDestination({session.destinationAddress, session.destinationPort}, m_tunnelIp);
+    const UpstreamDecision upstream = decide(image, target.address, target.port);
     return RelayRoute{
-        .address = address,
-        .port = session.destinationPort,
-        .isDirect = port == m_directPort,
-        .proxyPort = port,
+        .address = target.address,
+        .port = target.port,
+        .isDirect = upstream.isDirect,
+        .proxyPort = upstream.port,
     };
 }
 
