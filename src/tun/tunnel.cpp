@@ -1,6 +1,7 @@
 #include "tun/tunnel.h"
 
 #include "common/log_category.h"
+#include "common/steady_clock.h"
 
 #include <algorithm>
 #include <utility>
@@ -23,21 +24,21 @@ unsigned workerCount()
 
 } // namespace
 
-Tunnel::Tunnel(const std::wstring &proxyHost, std::uint16_t proxyPort)
-    : m_proxyHost(proxyHost), m_proxyPort(proxyPort), m_stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
-{}
+Tunnel::Tunnel(TunnelSettings settings)
+    : m_settings(std::move(settings)), m_stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
+{
+    m_upstreamChoice.setPorts(m_settings.proxyPort, m_settings.directPort);
+    for (const std::uint32_t address : m_settings.bypassIps)
+        addBypassIp(address);
+    for (const std::wstring &name : m_settings.proxyProcesses)
+        addProxyProcess(name);
+    for (const std::wstring &name : m_settings.directProcesses)
+        addDirectProcess(name);
+}
 
 Tunnel::~Tunnel()
 {
     stop();
-}
-
-void Tunnel::setPorts(std::uint16_t proxyPort, std::uint16_t secondPort, std::uint16_t directPort)
-{
-    m_proxyPort = proxyPort;
-    m_secondPort = secondPort;
-    m_directPort = directPort;
-    m_upstreamChoice.setPorts(proxyPort, directPort);
 }
 
 void Tunnel::setHealthCheckFailedCallback(std::function<void()> callback)
@@ -106,12 +107,12 @@ void Tunnel::runWorker(unsigned index)
 
 void Tunnel::runFlowControl()
 {
-    auto nextHousekeeping = std::chrono::steady_clock::now() + housekeepingInterval;
+    SteadyTime nextHousekeeping = steadyNow() + housekeepingInterval;
     while (WaitForSingleObject(m_stopEvent.get(), flowControlInterval) == WAIT_TIMEOUT) {
-        if (std::chrono::steady_clock::now() < nextHousekeeping)
+        if (steadyNow() < nextHousekeeping)
             continue;
         housekeeping();
-        nextHousekeeping = std::chrono::steady_clock::now() + housekeepingInterval;
+        nextHousekeeping = steadyNow() + housekeepingInterval;
     }
 }
 

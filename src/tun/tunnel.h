@@ -8,6 +8,7 @@
 #include "netcfg/wintun_adapter.h"
 #include "tun/learned_names.h"
 #include "tun/packet_dispatcher.h"
+#include "tun/tunnel_settings.h"
 #include "tun/upstream_choice.h"
 #include "tun/worker_housekeeping.h"
 
@@ -30,16 +31,13 @@ namespace ruvo {
 class Tunnel
 {
 public:
-    explicit Tunnel(const std::wstring &proxyHost = L"127.0.0.1", std::uint16_t proxyPort = 10808);
+    explicit Tunnel(TunnelSettings settings = {});
     /// As stop(); also lets go of what a failed start left behind.
     ~Tunnel();
     Tunnel(const Tunnel &) = delete;
     Tunnel &operator=(const Tunnel &) = delete;
 
-    // Before start.
-    void setPorts(std::uint16_t proxyPort, std::uint16_t secondPort, std::uint16_t directPort);
-    /// The proxy server's own address, which has its way outside the tunnel.
-    void setProxyIp(std::uint32_t address) { m_proxyIp = address; }
+    // Before start: more of what the settings had.
     void addBypassIp(std::uint32_t address) { m_upstreamChoice.addBypassIp(address); }
     void addProxyProcess(const std::wstring &name) { m_upstreamChoice.addProxyProcess(name); }
     void addDirectProcess(const std::wstring &name) { m_upstreamChoice.addDirectProcess(name); }
@@ -97,11 +95,8 @@ private:
     void runFlowControl();
     void joinThreads();
 
-    const std::wstring m_proxyHost;
-    std::uint16_t m_proxyPort;
-    std::uint16_t m_secondPort = 10809;
-    std::uint16_t m_directPort = 20808;
-    std::uint32_t m_proxyIp = 0;
+    /// Its addresses and processes stand in m_upstreamChoice.
+    const TunnelSettings m_settings;
     std::uint32_t m_tunnelIp = 0;
     std::atomic<std::uint32_t> m_physicalInterface = 0;
     UpstreamChoice m_upstreamChoice;

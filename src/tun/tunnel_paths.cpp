@@ -20,7 +20,7 @@ Tunnel::Result Tunnel::openTcpNat()
 {
     m_natListener = std::make_shared<TcpNatListener>();
     m_relayConnector = std::make_unique<RelayConnector>(
-        m_proxyHost, m_stopEvent.get(), m_completionPort, m_natListener->table(),
+        m_settings.proxyHost, m_stopEvent.get(), m_completionPort, m_natListener->table(),
         RelayConnector::Questions{
             .routeFor = [this](const TcpNatSession &session) { return routeFor(session); },
             .nameOf = [this](std::uint32_t address) { return m_learnedNames.nameOf(address); },
@@ -47,14 +47,14 @@ void Tunnel::openUdpNat()
     const auto send = [this](const std::uint8_t *packet, std::size_t length) {
         m_adapter->sendPacket(packet, static_cast<std::uint32_t>(length));
     };
-    if (!m_udpNatRelay->initialize(m_tunnelIp, QString::fromStdWString(m_proxyHost).toStdString(), m_proxyPort,
-                                   m_directPort, m_completionPort, send)) {
+    if (!m_udpNatRelay->initialize(m_tunnelIp, QString::fromStdWString(m_settings.proxyHost).toStdString(),
+                                   m_settings.proxyPort, m_settings.directPort, m_completionPort, send)) {
         qCWarning(lcRuvod) << "[UDP-NAT] Failed to initialize (UDP forwarding disabled)";
         m_udpNatRelay.reset();
         return;
     }
-    qCDebug(lcRuvod).nospace() << "[UDP-NAT] Initialized for SOCKS5 UDP forwarding (proxy:" << m_proxyPort
-                               << ", direct:" << m_directPort << ")";
+    qCDebug(lcRuvod).nospace() << "[UDP-NAT] Initialized for SOCKS5 UDP forwarding (proxy:" << m_settings.proxyPort
+                               << ", direct:" << m_settings.directPort << ")";
 }
 
 void Tunnel::openDispatcher()

@@ -41,7 +41,8 @@ std::expected<void, std::string> Tunnel::start(const std::wstring &adapterName, 
     startThreads();
     qCDebug(lcRuvod) << "Tunnel started on" << QString::fromStdWString(adapterName);
     qCDebug(lcRuvod).nospace().noquote() << "Tunnel IP: " << formatIpv4(m_tunnelIp) << "/" << prefixLength;
-    qCDebug(lcRuvod).nospace().noquote() << "Proxy: " << QString::fromStdWString(m_proxyHost) << ":" << m_proxyPort;
+    qCDebug(lcRuvod).nospace().noquote()
+        << "Proxy: " << QString::fromStdWString(m_settings.proxyHost) << ":" << m_settings.proxyPort;
     qCDebug(lcRuvod) << "IOCP workers:" << m_workers.size() << "(fully async)";
     return {};
 }
