@@ -37,17 +37,19 @@ UdpDestination destinationOf(const ConnectionKey &key)
 
 StoredDatagram storeDatagram(const UdpDestination &destination, std::span<const std::uint8_t> payload)
 {
-    StoredDatagram stored;
-    stored.reserve(ipv6HeaderSize + payload.size());
-    if (destination.family == 6) {
-        stored.push_back(ipv6Type);
-        stored.insert(stored.end(), destination.ip6.begin(), destination.ip6.end());
+    const bool isIpv6 = destination.family == 6;
+    StoredDatagram stored((isIpv6 ? ipv6HeaderSize : ipv4HeaderSize) + payload.size());
+    auto next = stored.begin();
+    *next++ = isIpv6 ? ipv6Type : ipv4Type;
+    if (isIpv6) {
+        next = std::ranges::copy(destination.ip6, next).out;
     } else {
-        const std::uint32_t ip = destination.ip;
-        stored.insert(stored.end(), {ipv4Type, byteOf(ip, 24), byteOf(ip, 16), byteOf(ip, 8), byteOf(ip, 0)});
+        for (const int shift : {24, 16, 8, 0})
+            *next++ = byteOf(destination.ip, shift);
     }
-    stored.insert(stored.end(), {byteOf(destination.port, 8), byteOf(destination.port, 0)});
-    stored.insert(stored.end(), payload.begin(), payload.end());
+    *next++ = byteOf(destination.port, 8);
+    *next++ = byteOf(destination.port, 0);
+    std::ranges::copy(payload, next);
     return stored;
 }
 
