@@ -53,20 +53,20 @@ StoredDatagram storeDatagram(const UdpDestination &destination, std::span<const 
     return stored;
 }
 
-std::optional<UdpDatagram> readStoredDatagram(std::span<const std::uint8_t> stored)
+std::optional<FlowDatagram> readStoredDatagram(std::span<const std::uint8_t> stored)
 {
     if (stored.size() >= ipv4HeaderSize && stored[0] == ipv4Type) {
         UdpDestination destination;
         for (const std::uint8_t byte : stored.subspan(addressOffset, 4))
             destination.ip = destination.ip << 8 | byte;
         destination.port = readPort(stored.subspan(ipv4HeaderSize - portSize));
-        return UdpDatagram{destination, stored.subspan(ipv4HeaderSize)};
+        return FlowDatagram{destination, stored.subspan(ipv4HeaderSize)};
     }
     if (stored.size() >= ipv6HeaderSize && stored[0] == ipv6Type) {
         UdpDestination destination{.family = 6};
         std::ranges::copy(stored.subspan(addressOffset, destination.ip6.size()), destination.ip6.begin());
         destination.port = readPort(stored.subspan(ipv6HeaderSize - portSize));
-        return UdpDatagram{destination, stored.subspan(ipv6HeaderSize)};
+        return FlowDatagram{destination, stored.subspan(ipv6HeaderSize)};
     }
     return std::nullopt;
 }

@@ -31,13 +31,13 @@ using StoredDatagram = std::vector<std::uint8_t>;
 StoredDatagram storeDatagram(const UdpDestination &destination, std::span<const std::uint8_t> payload);
 
 /// What was stored; `payload` points into it.
-struct UdpDatagram
+struct FlowDatagram
 {
     UdpDestination destination;
     std::span<const std::uint8_t> payload;
 };
 /// Nothing if it is shorter than its address (7 bytes with IPv4, 19 with IPv6), or of an unknown type.
-std::optional<UdpDatagram> readStoredDatagram(std::span<const std::uint8_t> stored);
+std::optional<FlowDatagram> readStoredDatagram(std::span<const std::uint8_t> stored);
 
 /// The datagrams of one flow that wait for its association, in order. Bounded: of those that a proxy keeps waiting,
 /// the newest are the ones that somebody still waits for.

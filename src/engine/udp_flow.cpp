@@ -77,7 +77,7 @@ std::optional<UdpFlow::SetupFailure> UdpFlow::establish(EstablishedExchange esta
     m_exchange.reset();
     // Under the mutex: nothing overtakes what has waited.
     for (const StoredDatagram &stored : m_waiting.take()) {
-        if (const std::optional<UdpDatagram> datagram = readStoredDatagram(stored))
+        if (const std::optional<FlowDatagram> datagram = readStoredDatagram(stored))
             sendNow(*datagram);
     }
     return std::nullopt;
@@ -118,7 +118,7 @@ void UdpFlow::send(std::span<const std::uint8_t> payload)
         sendNow({destination, payload});
 }
 
-void UdpFlow::sendNow(const UdpDatagram &datagram)
+void UdpFlow::sendNow(const FlowDatagram &datagram)
 {
     const UdpDestination &to = datagram.destination;
     if (to.family == 6)
@@ -184,11 +184,7 @@ bool UdpFlow::watchControl()
         return true;
     if (issued.state == State::Failed || issued.bytes == 0)
         return false;
-    m_context.completionPort.begin(m_controlWatch, self);
-    if (m_context.completionPort.post(m_controlWatch, CompletionKey::UdpFlow, issued.bytes))
-        return true;
-    m_context.completionPort.abandon(m_controlWatch);
-    return false;
+    return m_context.completionPort.post(m_controlWatch, self, CompletionKey::UdpFlow, issued.bytes);
 }
 
 void UdpFlow::onControlRead(DWORD bytes, DWORD error)

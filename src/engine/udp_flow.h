@@ -121,7 +121,7 @@ private:
     std::optional<SetupFailure> openRelaySocket(const std::optional<Endpoint> &bound);
     Posted issueReceive();
     bool watchControl();
-    void sendNow(const UdpDatagram &datagram);
+    void sendNow(const FlowDatagram &datagram);
     void cancelIo();
 
     void onReceived(DWORD bytes, DWORD error);

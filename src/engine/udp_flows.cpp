@@ -161,7 +161,7 @@ void UdpFlows::onControlCompleted(const UdpFlowPtr &flow, PortExchange::Outcome 
 
 void UdpFlows::onReceived(const UdpFlowPtr &flow, DWORD bytes, DWORD error)
 {
-    // A relay that cannot be reached any more is the end of the association, as its proxy sees it or not.
+    // A relay that cannot be reached any more is the end of the association, whether its proxy sees it or not.
     if (error == NO_ERROR)
         onDatagramReceived(flow, bytes);
     else
