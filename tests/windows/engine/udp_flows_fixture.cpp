@@ -3,6 +3,8 @@
 #include "common/dns_redirect.h"
 #include "packet/packet_builder.h"
 
+#include <QRegularExpression>
+
 #include <utility>
 
 namespace ruvo::test {
@@ -218,6 +220,15 @@ void UdpFlowsTest::expectLine(const QString &line)
 {
     EXPECT_TRUE(waitUntil([&] { return m_log.lines().contains(line); })) << line.toStdString() << "\nin\n"
                                                                          << m_log.lines().join('\n').toStdString();
+}
+
+QStringList UdpFlowsTest::withoutNumbers(QStringList lines)
+{
+    static const QRegularExpression s_socket("(?<!TCP )(?<!UDP )socket: \\d+");
+    static const QRegularExpression s_port("iocp: 0x[0-9a-f]+");
+    for (QString &line : lines)
+        line.replace(s_socket, "socket: %").replace(s_port, "iocp: %");
+    return lines;
 }
 
 void UdpFlowsTest::pass(std::chrono::seconds time)
