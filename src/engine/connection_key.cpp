@@ -1,6 +1,9 @@
 #include "engine/connection_key.h"
 
 #include "common/dns_redirect.h"
+#include "common/ipv4.h"
+
+#include <QStringList>
 
 namespace ruvo {
 
@@ -19,6 +22,19 @@ ConnectionKey connectionKeyOf(const ParsedPacket &packet, std::uint32_t tunnelIp
         key.destinationIp6 = packet.dstIp6;
     }
     return key;
+}
+
+QString ipv6Text(const Ipv6Bytes &address)
+{
+    QStringList groups;
+    for (std::size_t i = 0; i < address.size(); i += 2)
+        groups += QString::number(address[i] << 8 | address[i + 1], 16);
+    return groups.join(u':');
+}
+
+QString destinationText(const ConnectionKey &key)
+{
+    return key.family == 4 ? formatIpv4(key.destinationIp) : ipv6Text(key.destinationIp6);
 }
 
 } // namespace ruvo

@@ -12,8 +12,8 @@ namespace ruvo {
 /// As on the wire.
 using Ipv6Bytes = std::array<std::uint8_t, 16>;
 
-/// What a connection or flow of the engine is known by: who talks to whom, of either IP version. Addresses and ports of
-/// IPv4 in host order; what belongs to the other version is zero.
+/// What a connection or flow of the engine is known by: who talks to whom, of either IP version. Addresses and ports
+/// of IPv4 in host order; what belongs to the other version is zero.
 struct ConnectionKey
 {
     std::uint8_t family = 4; ///< 4 or 6
@@ -30,5 +30,10 @@ struct ConnectionKey
 
 /// The key of the connection or flow that a packet from the application belongs to. `tunnelIp` in host order.
 ConnectionKey connectionKeyOf(const ParsedPacket &packet, std::uint32_t tunnelIp);
+
+/// RFC 4291 section 2.2, in its long form.
+QString ipv6Text(const Ipv6Bytes &address);
+/// The destination's address as log lines name it.
+QString destinationText(const ConnectionKey &key);
 
 } // namespace ruvo

@@ -20,8 +20,8 @@ struct DnsAnswer
     std::uint32_t timeToLive = 0;
 };
 
-/// The addresses that the DNS message gives to the name that was asked for (RFC 1035 section 4). Whatever cannot be read
-/// ends the list; any thread, no state.
+/// The addresses that the DNS message gives to the name that was asked for (RFC 1035 section 4). Whatever cannot be
+/// read ends the list; any thread, no state.
 std::vector<DnsAnswer> parseDnsAnswers(std::span<const std::uint8_t> message);
 
 } // namespace ruvo

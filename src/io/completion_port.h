@@ -33,6 +33,8 @@ public:
     /// Not bound to any handle yet; as many threads as there are processors. GetLastError() on failure.
     bool open();
     bool isOpen() const { return static_cast<bool>(m_port); }
+    /// For diagnostics.
+    HANDLE handle() const { return m_port.get(); }
     /// Nothing may be in flight any more.
     void close() { m_port.reset(); }
 

@@ -100,6 +100,15 @@ std::uint16_t udpChecksum(const std::uint8_t *ipHeader, const std::uint8_t *udpH
     return checksum == 0 ? 0xffff : checksum;
 }
 
+bool isTcpChecksumRight(std::span<const std::uint8_t> addresses, std::span<const std::uint8_t> segment)
+{
+    // IPv6's length has 32 bits and its protocol a word of its own; summed as 16-bit words both come out the same.
+    const std::uint64_t sum = sumWords(addresses.data(), addresses.size()) + qToBigEndian<quint16>(protocolTcp)
+                              + qToBigEndian(static_cast<quint16>(segment.size()))
+                              + sumWords(segment.data(), segment.size());
+    return fold(sum) == 0xffff;
+}
+
 void storeChecksum(std::uint16_t checksum, std::uint8_t *field)
 {
     std::memcpy(field, &checksum, sizeof checksum);

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace ruvo {
 
@@ -22,6 +23,11 @@ std::uint16_t tcpChecksum(const std::uint8_t *ipHeader, const std::uint8_t *tcpH
 /// The same for UDP. A result of 0 becomes 0xFFFF, as 0 in a datagram means that it has no checksum.
 std::uint16_t udpChecksum(const std::uint8_t *ipHeader, const std::uint8_t *udpHeader, const std::uint8_t *payload,
                           std::size_t payloadLen);
+
+/// Whether the checksum of a TCP segment fits its bytes and the pseudo-header of its packet, IPv4 or IPv6 (RFC 8200
+/// section 8.1). `segment` is header and payload; `addresses` is where the source's address stands in the packet,
+/// with the destination's behind it.
+bool isTcpChecksumRight(std::span<const std::uint8_t> addresses, std::span<const std::uint8_t> segment);
 
 /// Writes a checksum of this file to its place.
 void storeChecksum(std::uint16_t checksum, std::uint8_t *field);

@@ -24,6 +24,8 @@ inline constexpr std::size_t ipv6HeaderSize = 40;
 inline constexpr std::size_t tcpHeaderSize = 20;
 inline constexpr std::size_t udpHeaderSize = 8;
 
+inline constexpr std::size_t ipv6SourceOffset = 8;
+
 inline constexpr std::size_t ipv4TotalLengthOffset = 2;
 inline constexpr std::size_t ipv4ProtocolOffset = 9;
 inline constexpr std::size_t ipv4ChecksumOffset = 10;

@@ -15,7 +15,6 @@ namespace {
 using Rest = std::span<const std::uint8_t>;
 
 constexpr std::size_t ipv6NextHeaderOffset = 6;
-constexpr std::size_t ipv6SourceOffset = 8;
 constexpr std::size_t ipv6DestinationOffset = 24;
 constexpr std::size_t shortestExtensionHeader = 2;
 
@@ -35,6 +34,7 @@ void setPayload(ParsedPacket &packet, Rest payload)
 
 void readPorts(ParsedPacket &packet, Rest header)
 {
+    packet.transport = header.data();
     packet.srcPort = qFromBigEndian<quint16>(&header[sourcePortOffset]);
     packet.dstPort = qFromBigEndian<quint16>(&header[destinationPortOffset]);
 }

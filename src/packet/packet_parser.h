@@ -35,6 +35,8 @@ struct ParsedPacket
     /// The whole buffer.
     const std::uint8_t *raw = nullptr;
     std::size_t rawLen = 0;
+    /// The TCP or UDP header, without which there are no ports; else null.
+    const std::uint8_t *transport = nullptr;
 };
 
 /// Reads the packet of `len` bytes at `data`. Any thread; allocates nothing, verifies no checksum.

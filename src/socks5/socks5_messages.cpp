@@ -65,9 +65,15 @@ std::array<std::uint8_t, 10> connectRequest(std::uint32_t address, std::uint16_t
     return {protocolVersion, connectCommand, 0, ipv4Type, a[0], a[1], a[2], a[3], p[0], p[1]};
 }
 
-std::optional<Bytes> connectRequest(std::string_view domain, std::uint16_t port)
+Bytes connectRequest(const Ipv6Address &address, std::uint16_t port)
 {
-    if (domain.empty() || domain.size() > maxDomainLength)
+    return concatenate({std::array<std::uint8_t, addressOffset>{protocolVersion, connectCommand, 0, ipv6Type},
+                        address, portBytes(port)});
+}
+
+std::optional<Bytes> connectRequest(std::string_view domain, std::uint16_t port, std::size_t maxLength)
+{
+    if (domain.empty() || domain.size() > maxLength)
         return std::nullopt;
     const std::array<std::uint8_t, 5> head = {protocolVersion, connectCommand, 0, domainType,
                                               static_cast<std::uint8_t>(domain.size())};

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/endpoint.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -36,8 +38,11 @@ inline constexpr std::array<std::uint8_t, 10> udpAssociateRequest = {protocolVer
 bool isMethodAccepted(ByteView reply);
 
 std::array<std::uint8_t, 10> connectRequest(std::uint32_t address, std::uint16_t port);
-/// Nothing if the name is empty or longer than maxDomainLength.
-std::optional<Bytes> connectRequest(std::string_view domain, std::uint16_t port);
+Bytes connectRequest(const Ipv6Address &address, std::uint16_t port);
+/// Nothing if the name is empty or longer than `maxLength`. The request has one byte for the length: of a name that
+/// is longer than maxDomainLength it holds the low bits only.
+std::optional<Bytes> connectRequest(std::string_view domain, std::uint16_t port,
+                                    std::size_t maxLength = maxDomainLength);
 
 /// How long the whole reply is, from its first minReplySize bytes. At least minReplySize: a shorter one does not
 /// count as a reply.
@@ -46,12 +51,7 @@ std::size_t replySize(ByteView start);
 /// minReplySize bytes.
 std::optional<std::uint8_t> replyFailure(ByteView reply);
 
-struct Endpoint
-{
-    std::uint32_t address = 0;
-    std::uint16_t port = 0;
-    bool operator==(const Endpoint &) const = default;
-};
+using ruvo::Endpoint;
 /// Where the proxy takes datagrams, from its reply to UDP ASSOCIATE. An address of 0.0.0.0 means the proxy's own.
 /// Nothing if the reply is short, means failure, or names no IPv4 address.
 std::optional<Endpoint> parseUdpAssociateReply(ByteView reply, std::uint32_t proxyAddress);

@@ -1,0 +1,416 @@
+#include "engine/tcp_engine.h"
+
+#include "common/ipv4.h"
+#include "common/log_category.h"
+#include "engine/tcp_notes.h"
+#include "packet/packet_headers.h"
+
+#include <QRandomGenerator>
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <new>
+#include <utility>
+#include <vector>
+
+namespace ruvo {
+
+namespace {
+
+/// The first number of ours is as small as that.
+constexpr std::uint32_t initialSequences = 32'768;
+
+bool isOpening(const TcpSegment &segment)
+{
+    return (segment.flags & (tcpSyn | tcpAck)) == tcpSyn;
+}
+
+QString hexBytes(std::span<const std::uint8_t> bytes)
+{
+    QString text;
+    for (const std::uint8_t byte : bytes)
+        text += QString::asprintf("%02x ", byte);
+    return text.trimmed();
+}
+
+void logSyn(const ConnectionKey &key, const ParsedPacket &packet, const TcpSegment &syn)
+{
+    constexpr std::size_t smallestWithOptions = 41;
+    if (!isDue(TcpNote::ClientSyn) || packet.rawLen < smallestWithOptions || syn.options.empty())
+        return;
+    const QString source = key.family == 4 ? formatIpv4(packet.srcIp) : ipv6Text(packet.srcIp6);
+    const QString destination = key.family == 4 ? formatIpv4(packet.dstIp) : ipv6Text(packet.dstIp6);
+    qCInfo(lcRuvod).nospace().noquote() << "[CLIENT-SYN] " << source << ":" << packet.srcPort << " -> " << destination
+                                        << ":" << packet.dstPort
+                                        << " MSS: " << readSynOptions(syn.options).maximumSegmentSize.value_or(0)
+                                        << " Options: " << hexBytes(syn.options);
+}
+
+TcpSender::Opening openingOf(const ParsedPacket &packet, const TcpSegment &syn)
+{
+    TcpSender::Opening opening;
+    if (packet.version == 4)
+        opening.path = FlowKey{{packet.dstIp, packet.dstPort}, {packet.srcIp, packet.srcPort}};
+    opening.initialSequence = QRandomGenerator::global()->bounded(initialSequences);
+    opening.synSequence = syn.seq;
+    opening.window = syn.window;
+    opening.windowShift = readSynOptions(syn.options).windowShift.value_or(0);
+    return opening;
+}
+
+} // namespace
+
+TcpEngine::TcpEngine(EngineServices services)
+    : m_services(std::move(services)), m_drainEvent(CreateEventW(nullptr, FALSE, FALSE, nullptr))
+{}
+
+TcpEngine::~TcpEngine()
+{
+    close();
+}
+
+void TcpEngine::handleTcpPacket(const ParsedPacket &packet)
+{
+    const std::optional<TcpSegment> segment = readTcpSegment(packet);
+    if (!segment)
+        return;
+    const ConnectionKey key = connectionKeyOf(packet, m_services.tunnelIp);
+    const TcpConnectionPtr connection = find(m_connections, key);
+    try {
+        if (!connection) {
+            handleClosing(key, *segment);
+            if (isOpening(*segment))
+                open(key, packet, *segment);
+            return;
+        }
+        if (isOpening(*segment)) // sent again: the answer is on its way, or has been given
+            return;
+        takeNumbers(connection, *segment);
+        if (segment->flags & tcpFin)
+            handleFin(connection, *segment);
+        else if (segment->flags & tcpRst)
+            cleanupConnection(connection);
+        else if (!segment->payload.empty())
+            handleData(connection, *segment);
+    } catch (const std::bad_alloc &) {
+        if (connection)
+            cleanupConnection(connection);
+    }
+}
+
+TcpConnectionPtr TcpEngine::find(const Table &table, const ConnectionKey &key) const
+{
+    const std::lock_guard lock(m_mutex);
+    const auto found = table.find(key);
+    return found == table.end() ? nullptr : found->second;
+}
+
+void TcpEngine::open(const ConnectionKey &key, const ParsedPacket &packet, const TcpSegment &syn)
+{
+    const auto connection = std::make_shared<TcpConnection>(key, openingOf(packet, syn), *this);
+    if (!insert(connection))
+        return;
+    logSyn(key, packet, syn);
+    connection->startUpstreamConnect();
+}
+
+bool TcpEngine::insert(const TcpConnectionPtr &connection)
+{
+    std::size_t total = 0;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_isClosed || m_connections.size() >= maxConnections)
+            return false;
+        m_connections.emplace(connection->key(), connection);
+        total = m_connections.size();
+    }
+    qCDebug(lcRuvod) << "[TCP-CONN] Created new connection, total active:" << total;
+    return true;
+}
+
+/// False if the table holds another one of this key, or none: a successor is left alone.
+bool TcpEngine::remove(const TcpConnectionPtr &connection, bool isClosing)
+{
+    std::size_t total = 0;
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto found = m_connections.find(connection->key());
+        if (found == m_connections.end() || found->second != connection)
+            return false;
+        m_connections.erase(found);
+        if (isClosing)
+            m_closing.insert_or_assign(connection->key(), connection);
+        countOut(*connection);
+        total = m_connections.size();
+    }
+    qCDebug(lcRuvod) << "[TCP-CONN] Cleaned up connection, total active:" << total;
+    return true;
+}
+
+void TcpEngine::onEstablished(const TcpConnectionPtr &connection)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto found = m_connections.find(connection->key());
+        connection->isCounted = found != m_connections.end() && found->second == connection;
+        m_established += connection->isCounted ? 1 : 0;
+    }
+    watch(connection);
+}
+
+void TcpEngine::countOut(TcpConnection &connection)
+{
+    if (std::exchange(connection.isCounted, false))
+        --m_established;
+}
+
+/// What still comes for a connection that has left the table.
+void TcpEngine::handleClosing(const ConnectionKey &key, const TcpSegment &segment)
+{
+    const TcpConnectionPtr connection = find(m_closing, key);
+    if (!connection)
+        return;
+    // A reset, or a new connection from the same port: the application knows nothing of the old one any more.
+    if ((segment.flags & tcpRst) || isOpening(segment))
+        return cleanupConnection(connection);
+    takeNumbers(connection, segment);
+}
+
+void TcpEngine::takeNumbers(const TcpConnectionPtr &connection, const TcpSegment &segment)
+{
+    connection->noteHeard();
+    const TcpSender::Acknowledged acknowledged = connection->stream().acknowledge(segment);
+    if (acknowledged != TcpSender::Acknowledged::Nothing)
+        connection->noteProgress(m_services.clock());
+    if (acknowledged == TcpSender::Acknowledged::Room)
+        SetEvent(m_drainEvent.get());
+}
+
+void TcpEngine::handleFin(const TcpConnectionPtr &connection, const TcpSegment &segment)
+{
+    if (!connection->stream().finish(segment))
+        return;
+    beginClosing(connection);
+    watch(connection);
+    connection->endUpload();
+}
+
+void TcpEngine::handleData(const TcpConnectionPtr &connection, const TcpSegment &segment)
+{
+    using Verdict = TcpReceiver::Verdict;
+    const std::optional<TcpStream::Received> received = connection->stream().receive(segment);
+    if (!received)
+        return;
+    const std::uint16_t port = connection->port();
+    switch (received->verdict) {
+    case Verdict::Queued:
+        if (isDue(TcpNote::UploadStarted)) {
+            qCCritical(lcRuvod) << "[DATA-UPLOAD] Queuing"
+                                << hexBytes(segment.payload.first(std::min<std::size_t>(16, segment.payload.size())));
+        }
+        noteDrained(*connection, received->drained);
+        connection->postSend();
+        acknowledge(connection);
+        break;
+    case Verdict::Refused:
+        if (isDue(TcpNote::UploadRefused)) {
+            qCWarning(lcRuvod) << "[UPLOAD BACKPRESSURE] Queue full - port:" << port
+                               << "queueSize:" << received->queuedBytes;
+        }
+        break;
+    case Verdict::Duplicate:
+        if (isDue(TcpNote::OldDropped)) {
+            qCWarning(lcRuvod) << "[DUP-DROP] Dropping duplicate/old packet - port:" << port
+                               << "got_seq:" << segment.seq << "expected_seq:" << received->expected;
+        }
+        break;
+    case Verdict::Kept:
+        if (isDue(TcpNote::EarlyKept)) {
+            qCWarning(lcRuvod) << "[OOO-BUFFERED] Buffering future packet - port:" << port
+                               << "got_seq:" << segment.seq << "expected_seq:" << received->expected
+                               << "diff:" << segment.seq - received->expected;
+        }
+        break;
+    case Verdict::Dropped: break;
+    }
+}
+
+void TcpEngine::noteDrained(const TcpConnection &connection, unsigned segments)
+{
+    for (unsigned i = 0; i < segments && isDue(TcpNote::EarlyQueued); ++i)
+        qCWarning(lcRuvod) << "[OOO-PROCESSED] Processing buffered packet - port:" << connection.port();
+}
+
+void TcpEngine::acknowledge(const TcpConnectionPtr &connection)
+{
+    connection->stream().sendAck();
+    watch(connection);
+}
+
+void TcpEngine::watch(const TcpConnectionPtr &connection)
+{
+    if (!connection->stream().hasWork())
+        return;
+    const std::lock_guard lock(m_waitingMutex);
+    if (!std::exchange(connection->isListed, true))
+        m_waiting.push_back(connection);
+}
+
+void TcpEngine::drainWaiting(const std::function<bool()> &isRunning)
+{
+    std::size_t left = 0;
+    {
+        const std::lock_guard lock(m_waitingMutex);
+        left = m_waiting.size();
+    }
+    for (; left > 0 && isRunning(); --left) {
+        TcpConnectionPtr connection;
+        {
+            const std::lock_guard lock(m_waitingMutex);
+            if (m_waiting.empty())
+                return;
+            connection = std::move(m_waiting.front());
+            m_waiting.pop_front();
+            connection->isListed = false;
+        }
+        const TcpSender::Drained drained = connection->stream().drain(m_services.clock());
+        if (drained.packets > 0)
+            noteResumed(*connection, drained);
+        if (drained.resumes)
+            resumeReceiving(connection);
+        watch(connection); // behind all others
+        endIfDone(connection);
+        if (drained.isRefused)
+            return;
+    }
+}
+
+void TcpEngine::noteResumed(const TcpConnection &connection, const TcpSender::Drained &drained)
+{
+    const std::uint64_t number = ++m_drains;
+    if (isDue(TcpNote::PacketsDrained)) {
+        qCDebug(lcRuvod).nospace() << "[FLOW] Resumed connection #" << number << " port=" << connection.port()
+                                   << " drained=" << drained.packets << " packets " << drained.bytes;
+    }
+}
+
+void TcpEngine::resumeReceiving(const TcpConnectionPtr &connection)
+{
+    if (isDue(TcpNote::ReceiveResumed)) {
+        qCWarning(lcRuvod).nospace() << "[BACKPRESSURE] Resuming recv - queue drained: port=" << connection->port()
+                                     << " queue=" << connection->stream().waitingPackets();
+    }
+    connection->postReceive();
+}
+
+void TcpEngine::beginClosing(const TcpConnectionPtr &connection)
+{
+    if (remove(connection, true))
+        endIfDone(connection);
+}
+
+void TcpEngine::endIfDone(const TcpConnectionPtr &connection)
+{
+    if (!connection->isDone())
+        return;
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_closing.find(connection->key());
+    if (found != m_closing.end() && found->second == connection)
+        m_closing.erase(found);
+}
+
+void TcpEngine::cleanupConnection(const TcpConnectionPtr &connection)
+{
+    connection->close(TcpConnection::Closing::Abortive);
+    if (remove(connection, false))
+        return;
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_closing.find(connection->key());
+    if (found != m_closing.end() && found->second == connection)
+        m_closing.erase(found);
+}
+
+void TcpEngine::housekeeping()
+{
+    std::vector<TcpConnectionPtr> all;
+    {
+        const std::lock_guard lock(m_mutex);
+        all.reserve(m_connections.size() + m_closing.size());
+        for (const Table *table : {&m_connections, &m_closing}) {
+            for (const auto &[key, connection] : *table)
+                all.push_back(connection);
+        }
+    }
+    const SteadyTime now = m_services.clock();
+    for (const TcpConnectionPtr &connection : all) {
+        connection->expireExchange(now);
+        if (connection->isOverdue(now))
+            cleanupConnection(connection);
+        else
+            endIfDone(connection);
+    }
+}
+
+void TcpEngine::logConnectionStates()
+{
+    std::array<unsigned, 7> count{};
+    std::size_t total = 0;
+    {
+        const std::lock_guard lock(m_mutex);
+        total = m_connections.size();
+        for (const auto &[key, connection] : m_connections) {
+            if (const auto state = static_cast<std::size_t>(connection->state()); state < count.size())
+                ++count[state];
+        }
+    }
+    if (total == 0)
+        return;
+    qCDebug(lcRuvod) << "[TCP-DIAG] Total connections:" << total << "CONNECTING:" << count[1]
+                     << "H_GREETING:" << count[2] << "H_AUTH:" << count[3] << "H_REQUEST:" << count[4]
+                     << "H_RESPONSE:" << count[5] << "ESTABLISHED:" << count[6];
+}
+
+void TcpEngine::resetAll()
+{
+    endAll(false);
+}
+
+void TcpEngine::close()
+{
+    endAll(true);
+}
+
+void TcpEngine::endAll(bool forGood)
+{
+    Table ended;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_isClosed = m_isClosed || forGood;
+        ended.swap(m_connections);
+        ended.merge(m_closing);
+        m_closing.clear();
+        for (const auto &[key, connection] : ended)
+            countOut(*connection);
+    }
+    for (const auto &[key, connection] : ended)
+        connection->close(TcpConnection::Closing::Abortive);
+    const std::lock_guard lock(m_waitingMutex);
+    for (const TcpConnectionPtr &connection : m_waiting)
+        connection->isListed = false;
+    m_waiting.clear();
+}
+
+std::size_t TcpEngine::connections() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_connections.size();
+}
+
+std::size_t TcpEngine::closingConnections() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_closing.size();
+}
+
+} // namespace ruvo

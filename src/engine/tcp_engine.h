@@ -1,0 +1,106 @@
+#pragma once
+
+#include "common/windows_handles.h"
+#include "engine/engine_services.h"
+#include "engine/tcp_connection.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <span>
+
+namespace ruvo {
+
+/// Terminates, in user space, the connections that do not come from this host: plays the server's side of TCP towards
+/// the application, and relays the bytes over a connection of its own to the proxy.
+///
+/// Packets come on the reader thread, completions on the port's workers, `drainWaiting` and `housekeeping` on the
+/// flow control thread. m_mutex guards the tables and is held only to find, insert and collect; m_waitingMutex the
+/// list of connections with packets that wait. Lock order: table, connection, stream; the waiting list is taken with
+/// no other.
+class TcpEngine
+{
+public:
+    static constexpr std::size_t maxConnections = 4096;
+
+    /// `services` are copied. What they refer to has to outlive this; this has to outlive all operations in flight.
+    explicit TcpEngine(EngineServices services);
+    ~TcpEngine();
+    TcpEngine(const TcpEngine &) = delete;
+    TcpEngine &operator=(const TcpEngine &) = delete;
+
+    /// A packet from the application. Reader thread.
+    void handleTcpPacket(const ParsedPacket &packet);
+
+    /// Set when a packet that has waited may be written now. For the flow control thread to wait for.
+    HANDLE drainEvent() const { return m_drainEvent.get(); }
+    /// Writes what waits, until the adapter refuses or `isRunning` says no.
+    void drainWaiting(const std::function<bool()> &isRunning);
+    /// Once a second: ends what nothing else would.
+    void housekeeping();
+    /// The connections by state, for the log.
+    void logConnectionStates();
+
+    /// Ends every connection at once; packets for them are dropped from now on. New ones may still be opened.
+    void resetAll();
+    /// The same, for good.
+    void close();
+
+    std::size_t connections() const;
+    std::size_t establishedConnections() const { return m_established; }
+    std::size_t closingConnections() const;
+
+    // For its connections, from any thread without a lock.
+
+    const EngineServices &services() const { return m_services; }
+    OutOfOrderBudget &outOfOrderBudget() { return m_outOfOrderBudget; }
+    void onEstablished(const TcpConnectionPtr &connection);
+    /// Sends a bare acknowledgement.
+    void acknowledge(const TcpConnectionPtr &connection);
+    /// Early segments of it have been queued.
+    void noteDrained(const TcpConnection &connection, unsigned segments);
+    /// Has what waits for the application looked after, if anything does.
+    void watch(const TcpConnectionPtr &connection);
+    /// Takes it out of the table; what is left to be done for it is done.
+    void beginClosing(const TcpConnectionPtr &connection);
+    void endIfDone(const TcpConnectionPtr &connection);
+    /// Ends it at once.
+    void cleanupConnection(const TcpConnectionPtr &connection);
+
+private:
+    using Table = std::map<ConnectionKey, TcpConnectionPtr>;
+
+    TcpConnectionPtr find(const Table &table, const ConnectionKey &key) const;
+    void open(const ConnectionKey &key, const ParsedPacket &packet, const TcpSegment &syn);
+    bool insert(const TcpConnectionPtr &connection);
+    bool remove(const TcpConnectionPtr &connection, bool isClosing);
+    void handleClosing(const ConnectionKey &key, const TcpSegment &segment);
+    void takeNumbers(const TcpConnectionPtr &connection, const TcpSegment &segment);
+    void handleFin(const TcpConnectionPtr &connection, const TcpSegment &segment);
+    void handleData(const TcpConnectionPtr &connection, const TcpSegment &segment);
+    void noteResumed(const TcpConnection &connection, const TcpSender::Drained &drained);
+    void resumeReceiving(const TcpConnectionPtr &connection);
+    void countOut(TcpConnection &connection);
+    void endAll(bool forGood);
+
+    const EngineServices m_services;
+    const KernelHandle m_drainEvent;
+    OutOfOrderBudget m_outOfOrderBudget;
+    std::atomic<std::size_t> m_established = 0;
+
+    mutable std::mutex m_mutex;
+    bool m_isClosed = false;
+    Table m_connections;
+    /// What has left the table and is not done yet: packets that wait, or bytes for the upstream.
+    Table m_closing;
+
+    std::mutex m_waitingMutex;
+    std::deque<TcpConnectionPtr> m_waiting;
+    std::atomic<std::uint64_t> m_drains = 0;
+};
+
+} // namespace ruvo

@@ -1,0 +1,164 @@
+#include "engine/tcp_stream.h"
+
+#include "packet/packet_headers.h"
+
+#include <utility>
+
+namespace ruvo {
+
+TcpStream::TcpStream(const TcpSender::Opening &opening, OutOfOrderBudget &budget, TcpSender::Write write)
+    : m_write(std::move(write))
+    , m_opening(opening)
+    , m_acknowledgement(opening.synSequence + 1)
+    , m_receiver(opening.synSequence + 1, budget)
+    , m_sender(opening, m_acknowledgement, m_write)
+{}
+
+bool TcpStream::establish()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_state >= TcpState::Established)
+            return false;
+        // Before the SYN is answered: the first bytes may come before this returns.
+        m_state = TcpState::Established;
+    }
+    send(tcpSyn | tcpAck, {});
+    return true;
+}
+
+void TcpStream::refuse()
+{
+    if (!m_opening.path)
+        return;
+    const auto &[from, to] = *m_opening.path;
+    const PacketBytes packet = buildTcpPacket(from.address, from.port, to.address, to.port, 0,
+                                              m_opening.synSequence + 1, tcpRst | tcpAck, nullptr, 0);
+    const std::lock_guard lock(m_pendingMutex);
+    m_write(packet.data(), packet.size());
+}
+
+TcpSender::Acknowledged TcpStream::acknowledge(const TcpSegment &segment)
+{
+    const std::lock_guard lock(m_pendingMutex);
+    return m_sender.acknowledge(segment);
+}
+
+std::optional<TcpStream::Received> TcpStream::receive(const TcpSegment &segment)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_state != TcpState::Established)
+        return std::nullopt;
+    const std::uint32_t expected = m_receiver.next();
+    const TcpReceiver::Outcome outcome = m_receiver.receive(segment.seq, segment.payload);
+    m_acknowledgement = m_receiver.next();
+    return Received{outcome, expected, m_receiver.queuedBytes()};
+}
+
+bool TcpStream::finish(const TcpSegment &segment)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_state > TcpState::Established || (m_state != TcpState::Established && !segment.payload.empty())
+            || !m_receiver.finish(segment.seq, segment.payload)) {
+            return false;
+        }
+        m_acknowledgement = m_receiver.next();
+        m_state = TcpState::ClosedByApplication;
+    }
+    const std::lock_guard lock(m_pendingMutex);
+    m_sender.send(tcpFin | tcpAck, {});
+    // Where our FIN has to wait, the application's is acknowledged by itself, or it would come again and again.
+    if (m_sender.waiting() > 0)
+        m_sender.send(tcpAck, {});
+    return true;
+}
+
+std::optional<TcpStream::Chunk> TcpStream::beginUpload()
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_isUploading || m_receiver.queuedBytes() == 0)
+        return std::nullopt;
+    Chunk chunk;
+    m_chunk = m_receiver.takeQueued(chunk.drained);
+    m_chunkSent = 0;
+    m_isUploading = true;
+    m_acknowledgement = m_receiver.next();
+    chunk.bytes = m_chunk;
+    return chunk;
+}
+
+std::span<const std::uint8_t> TcpStream::advanceUpload(std::size_t bytes)
+{
+    const std::lock_guard lock(m_mutex);
+    m_chunkSent += bytes;
+    if (m_chunkSent < m_chunk.size())
+        return std::span(m_chunk).subspan(m_chunkSent);
+    m_isUploading = false;
+    m_chunk = {};
+    return {};
+}
+
+void TcpStream::abandonUpload()
+{
+    const std::lock_guard lock(m_mutex);
+    m_isUploading = false;
+    m_chunk = {};
+}
+
+std::size_t TcpStream::queuedBytes() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_receiver.queuedBytes();
+}
+
+bool TcpStream::isUploadIdle() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_receiver.queuedBytes() == 0 && !m_isUploading;
+}
+
+TcpStream::Downloaded TcpStream::download(std::span<const std::uint8_t> bytes)
+{
+    const std::lock_guard lock(m_pendingMutex);
+    const bool isKept = m_sender.send(tcpPsh | tcpAck, bytes);
+    return {isKept, m_sender.pauseIfFull()};
+}
+
+bool TcpStream::finishDownload()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_state != TcpState::Established)
+            return false;
+        m_state = TcpState::ClosedByUpstream;
+    }
+    send(tcpFin | tcpAck, {});
+    return true;
+}
+
+bool TcpStream::send(std::uint8_t flags, std::span<const std::uint8_t> payload)
+{
+    const std::lock_guard lock(m_pendingMutex);
+    return m_sender.send(flags, payload);
+}
+
+TcpSender::Drained TcpStream::drain(SteadyTime now)
+{
+    const std::lock_guard lock(m_pendingMutex);
+    return m_sender.drain(now);
+}
+
+bool TcpStream::hasWork() const
+{
+    const std::lock_guard lock(m_pendingMutex);
+    return m_sender.hasWork();
+}
+
+std::size_t TcpStream::waitingPackets() const
+{
+    const std::lock_guard lock(m_pendingMutex);
+    return m_sender.waiting();
+}
+
+} // namespace ruvo
