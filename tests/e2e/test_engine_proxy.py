@@ -34,6 +34,7 @@ def slow_to_read():
 
 def test_a_proxy_that_is_not_there_refuses_the_guests_connection(running):
     tunnel.expect_in_log(running)
+    guest.allow(running, guest.ORDINARY_LINES)
     fail5 = f"[FAIL-5] ConnectEx to proxy FAILED on completion - socket error: 10061 {REFUSED}"
     running.log.expect("^" + re.escape(fail5))
     client = running.client()
