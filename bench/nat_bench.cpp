@@ -24,10 +24,10 @@ using namespace ruvo;
 constexpr std::uint32_t tunnel = 0x0a060701;
 constexpr std::uint16_t listenPort = 4444;
 
-TcpEndpoints connectionOf(std::size_t number)
+FlowKey connectionOf(std::size_t number)
 {
     const auto n = static_cast<std::uint32_t>(number);
-    return {tunnel, static_cast<std::uint16_t>(1024 + n), 0xc6336400 + n % 200, 443};
+    return {{tunnel, static_cast<std::uint16_t>(1024 + n)}, {0xc6336400 + n % 200, 443}};
 }
 
 /// A table with as many connections as the benchmark's argument says, and an order in which they take turns.
@@ -38,9 +38,8 @@ struct Connections
         const auto count = static_cast<std::size_t>(state.range(0));
         std::minstd_rand random(1);
         for (std::size_t number = 0; number < count; ++number) {
-            const TcpEndpoints connection = connectionOf(number);
-            const std::uint16_t natPort =
-                table.allocateNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort);
+            const FlowKey connection = connectionOf(number);
+            const std::uint16_t natPort = table.allocateNatPort(connection);
             if (!table.accept(natPort))
                 std::abort();
             connections.push_back(connection);
@@ -52,7 +51,7 @@ struct Connections
     std::size_t next() { return order[++turn % order.size()]; }
 
     TcpNatTable table;
-    std::vector<TcpEndpoints> connections;
+    std::vector<FlowKey> connections;
     std::vector<std::uint16_t> natPorts;
     std::array<std::uint32_t, 65536> order{};
     std::size_t turn = 0;
@@ -62,9 +61,7 @@ void natFindByClient(benchmark::State &state)
 {
     Connections all(state);
     for ([[maybe_unused]] auto iteration : state) {
-        const TcpEndpoints &connection = all.connections[all.next()];
-        benchmark::DoNotOptimize(
-            all.table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort));
+        benchmark::DoNotOptimize(all.table.findNatPort(all.connections[all.next()]));
     }
 }
 
@@ -81,7 +78,7 @@ void natOpenAndEnd(benchmark::State &state)
     Connections all(state);
     std::uint16_t port = 0;
     for ([[maybe_unused]] auto iteration : state) {
-        const std::uint16_t natPort = all.table.allocateNatPort(tunnel + 1, ++port, 0x01010101, 80);
+        const std::uint16_t natPort = all.table.allocateNatPort({{tunnel + 1, ++port}, {0x01010101, 80}});
         all.table.end(all.table.accept(natPort));
     }
 }
@@ -96,25 +93,21 @@ struct Dispatch
         PacketPaths result;
         result.tcpNat = TcpNatPath{
             .listenPort = listenPort,
-            .findByNatPort = [this](std::uint16_t natPort) -> std::optional<TcpEndpoints> {
+            .findByNatPort = [this](std::uint16_t natPort) -> std::optional<FlowKey> {
                 const TcpNatSessionPtr session = all.table.findByNatPort(natPort);
                 if (!session)
                     return std::nullopt;
-                return TcpEndpoints{session->clientAddress, session->clientPort, session->destinationAddress,
-                                    session->destinationPort};
+                return session->flow;
             },
-            .allocateNatPort = [](const TcpEndpoints &) { return std::uint16_t(0); },
-            .findNatPort =
-                [this](const TcpEndpoints &connection) {
-                    return all.table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp,
-                                                 connection.dstPort);
-                },
+            .allocateNatPort = [](const FlowKey &) { return std::uint16_t(0); },
+            .findNatPort = [this](const FlowKey &connection) { return all.table.findNatPort(connection); },
             .sendRewritten =
-                [this](const ParsedPacket &packet, const TcpEndpoints &to) {
+                [this](const ParsedPacket &packet, const FlowKey &to) {
                     if (!isRewritableTcp(packet.raw, packet.rawLen))
                         return false;
                     std::memcpy(ring.data(), packet.raw, packet.rawLen);
-                    rewriteTcpAddresses(ring.data(), packet.rawLen, to.srcIp, to.srcPort, to.dstIp, to.dstPort);
+                    rewriteTcpAddresses(ring.data(), packet.rawLen, to.source.address, to.source.port,
+                                        to.destination.address, to.destination.port);
                     benchmark::ClobberMemory();
                     ++sent;
                     return true;
@@ -140,17 +133,18 @@ struct Dispatch
 };
 
 /// 40 bytes, so that the copy of the payload does not hide the look-up.
-PacketBytes acknowledgement(const TcpEndpoints &connection)
+PacketBytes acknowledgement(const FlowKey &connection)
 {
-    return buildTcpPacket(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort, 1, 2, tcpAck,
-                          nullptr, 0);
+    const auto &[source, destination] = connection;
+    return buildTcpPacket(source.address, source.port, destination.address, destination.port, 1, 2, tcpAck, nullptr,
+                          0);
 }
 
 void natDispatchToListener(benchmark::State &state)
 {
     Dispatch dispatch(state);
     std::vector<PacketBytes> packets;
-    for (const TcpEndpoints &connection : dispatch.all.connections)
+    for (const FlowKey &connection : dispatch.all.connections)
         packets.push_back(acknowledgement(connection));
     dispatch.run(state, packets);
 }
@@ -160,7 +154,7 @@ void natDispatchToClient(benchmark::State &state)
     Dispatch dispatch(state);
     std::vector<PacketBytes> packets;
     for (const std::uint16_t natPort : dispatch.all.natPorts)
-        packets.push_back(acknowledgement({tunnel, listenPort, tunnel + 1, natPort}));
+        packets.push_back(acknowledgement({{tunnel, listenPort}, {tunnel + 1, natPort}}));
     dispatch.run(state, packets);
 }
 

@@ -1,6 +1,7 @@
-#include "netcfg/wintun_adapter.h"
+#include "netcfg/resolver_cache.h"
 
 #include "common/log_category.h"
+#include "common/windows_handles.h"
 
 #include <bit>
 

@@ -28,9 +28,6 @@ WintunAdapter::WintunAdapter() : m_quitEvent(CreateEventW(nullptr, TRUE, FALSE, 
 WintunAdapter::~WintunAdapter()
 {
     stopReading();
-    endSession();
-    if (m_adapter)
-        m_library.closeAdapter(m_adapter);
 }
 
 bool WintunAdapter::load(const std::wstring &libraryPath)
@@ -48,11 +45,11 @@ bool WintunAdapter::createAdapter(const std::wstring &name, const std::wstring &
     const GUID guid = deterministicGuid(name);
     qCDebug(lcRuvod) << "Using deterministic GUID for adapter" << printedName << ":" << guidText(guid);
 
-    m_adapter = m_library.openAdapter(name.c_str());
+    m_adapter = {m_library.openAdapter(name.c_str()), {m_library.closeAdapter}};
     if (m_adapter) {
         qCDebug(lcRuvod) << "Opened existing Wintun adapter:" << printedName;
     } else {
-        m_adapter = m_library.createAdapter(name.c_str(), tunnelType.c_str(), &guid);
+        m_adapter = {m_library.createAdapter(name.c_str(), tunnelType.c_str(), &guid), {m_library.closeAdapter}};
         if (!m_adapter) {
             const DWORD error = GetLastError();
             qCCritical(lcRuvod) << "Failed to create adapter" << printedName << ":" << error;
@@ -65,7 +62,7 @@ bool WintunAdapter::createAdapter(const std::wstring &name, const std::wstring &
         qCDebug(lcRuvod) << "Created new Wintun adapter:" << printedName;
     }
 
-    m_library.getAdapterLuid(m_adapter, &m_luid);
+    m_library.getAdapterLuid(m_adapter.get(), &m_luid);
     const DWORD driver = m_library.getRunningDriverVersion();
     qCDebug(lcRuvod).nospace() << "Wintun v" << ((driver >> 16) & 0xFF) << "." << (driver & 0xFF) << " loaded";
     return true;
@@ -83,7 +80,7 @@ bool WintunAdapter::startSession(std::uint32_t capacity)
 {
     if (!requireAdapter())
         return false;
-    m_session = m_library.startSession(m_adapter, capacity);
+    m_session = {m_library.startSession(m_adapter.get(), capacity), {m_library.endSession}};
     if (!m_session) {
         const DWORD error = GetLastError();
         qCWarning(lcRuvod) << "Failed to start session:" << error;
@@ -94,8 +91,7 @@ bool WintunAdapter::startSession(std::uint32_t capacity)
 
 void WintunAdapter::endSession()
 {
-    if (const wintun::SessionHandle session = std::exchange(m_session, nullptr))
-        m_library.endSession(session);
+    m_session.reset();
 }
 
 void WintunAdapter::setPacketCallback(PacketCallback callback)
@@ -131,13 +127,13 @@ void WintunAdapter::stopReading()
 
 void WintunAdapter::readPackets()
 {
-    const HANDLE handles[] = {m_library.getReadWaitEvent(m_session), m_quitEvent.get()};
+    const HANDLE handles[] = {m_library.getReadWaitEvent(m_session.get()), m_quitEvent.get()};
     while (m_running) {
         DWORD size = 0;
-        if (BYTE *packet = m_library.receivePacket(m_session, &size)) {
+        if (BYTE *packet = m_library.receivePacket(m_session.get(), &size)) {
             if (m_packetCallback)
                 m_packetCallback(packet, size);
-            m_library.releaseReceivePacket(m_session, packet);
+            m_library.releaseReceivePacket(m_session.get(), packet);
             continue;
         }
         const DWORD error = GetLastError();
@@ -158,25 +154,46 @@ bool WintunAdapter::sendPacket(const std::uint8_t *data, std::uint32_t size)
     std::uint8_t *packet = allocatePacket(size);
     if (!packet)
         return false;
+    sendCopy(packet, data, size);
+    return true;
+}
+
+bool WintunAdapter::trySendPacket(const std::uint8_t *data, std::uint32_t size)
+{
+    std::uint8_t *packet = tryAllocate(size).packet;
+    if (!packet)
+        return false;
+    sendCopy(packet, data, size);
+    return true;
+}
+
+void WintunAdapter::sendCopy(std::uint8_t *packet, const std::uint8_t *data, std::uint32_t size)
+{
     std::memcpy(packet, data, size);
     sendAllocated(packet);
-    return true;
+}
+
+WintunAdapter::Allocation WintunAdapter::tryAllocate(std::uint32_t size)
+{
+    if (!m_session) {
+        qCWarning(lcRuvod) << "[WINTUN-SEND] No session!";
+        return {};
+    }
+    if (BYTE *packet = m_library.allocateSendPacket(m_session.get(), size))
+        return {.packet = packet};
+    const DWORD error = GetLastError();
+    if (error == ERROR_BUFFER_OVERFLOW || error == ERROR_HANDLE_EOF)
+        return {.isFull = true};
+    qCWarning(lcRuvod) << "Failed to allocate send packet:" << error;
+    return {};
 }
 
 std::uint8_t *WintunAdapter::allocatePacket(std::uint32_t size)
 {
-    if (!m_session) {
-        qCWarning(lcRuvod) << "[WINTUN-SEND] No session!";
-        return nullptr;
-    }
     for (int attempt = 0;; ++attempt) {
-        if (BYTE *packet = m_library.allocateSendPacket(m_session, size))
-            return packet;
-        const DWORD error = GetLastError();
-        if (error != ERROR_BUFFER_OVERFLOW && error != ERROR_HANDLE_EOF) {
-            qCWarning(lcRuvod) << "Failed to allocate send packet:" << error;
-            return nullptr;
-        }
+        const Allocation allocation = tryAllocate(size);
+        if (!allocation.isFull)
+            return allocation.packet;
         if (attempt >= sendAttempts - 1) {
             qCWarning(lcRuvod) << "[WINTUN] Send buffer full after" << sendAttempts
                                << "retries, dropping packet size=" << size;
@@ -189,7 +206,7 @@ std::uint8_t *WintunAdapter::allocatePacket(std::uint32_t size)
 
 void WintunAdapter::sendAllocated(std::uint8_t *packet)
 {
-    m_library.sendPacket(m_session, packet);
+    m_library.sendPacket(m_session.get(), packet);
 }
 
 std::uint32_t WintunAdapter::interfaceIndex() const

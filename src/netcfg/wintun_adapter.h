@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/windows_handles.h"
+#include "netcfg/wintun_handles.h"
 #include "netcfg/wintun_library.h"
 
 #include <atomic>
@@ -46,6 +47,9 @@ public:
 
     /// Copies one packet into the ring. False as for allocatePacket.
     bool sendPacket(const std::uint8_t *data, std::uint32_t size);
+    /// The same in one attempt, without a wait: for who keeps what there is no room for. False, in silence, while the
+    /// ring is full or the session is ending.
+    bool trySendPacket(const std::uint8_t *data, std::uint32_t size);
     /// Room in the ring for a packet that is written there. While the ring is full it tries again, for about 95 ms in
     /// all; then null. What was allocated has to be sent: the ring keeps the order of allocation.
     std::uint8_t *allocatePacket(std::uint32_t size);
@@ -66,22 +70,29 @@ public:
     bool setIpv6DnsServers(const std::string &primary, const std::string &secondary);
 
 private:
+    /// What one attempt gives: a place in the ring, or none as the ring is full. Neither of them: it has failed.
+    struct Allocation
+    {
+        std::uint8_t *packet = nullptr;
+        bool isFull = false;
+    };
+
+    Allocation tryAllocate(std::uint32_t size);
+    void sendCopy(std::uint8_t *packet, const std::uint8_t *data, std::uint32_t size);
     void readPackets();
     bool requireAdapter() const;
 
-    // The order matters: what goes last comes first. The library is unloaded before all else.
+    // The order matters: what goes last comes first. The session ends, the adapter is closed, the library is
+    // unloaded.
     PacketCallback m_packetCallback;
     const KernelHandle m_quitEvent;
     WintunLibrary m_library;
-    wintun::AdapterHandle m_adapter = nullptr;
-    wintun::SessionHandle m_session = nullptr;
+    WintunAdapterOwner m_adapter;
+    WintunSessionOwner m_session;
     NET_LUID m_luid{};
     std::atomic<bool> m_running = false;
     std::atomic<bool> m_reading = false;
     std::thread m_readerThread;
 };
-
-/// Makes Windows forget the names that it has resolved. False (and logged) if it does not.
-bool flushDnsCache();
 
 } // namespace ruvo

@@ -1,69 +1,50 @@
 #include "tun/learned_names.h"
 
-#include <algorithm>
-#include <iterator>
-#include <utility>
-
 namespace ruvo {
 
-namespace {
-
-constexpr std::int64_t second = 1'000'000'000; // ns
-
-} // namespace
-
-void LearnedNames::learn(std::uint32_t address, const std::string &name, std::uint32_t timeToLive)
-{
-    if (name.empty() || name.size() > maxNameLength)
-        return;
-    const std::lock_guard lock(m_mutex);
-    if (const auto known = m_entries.find(address); known != m_entries.end())
-        erase(known);
-    else if (m_entries.size() == maxEntries)
-        erase(m_entries.find(m_order.front()));
-    m_order.push_back(address);
-    const std::int64_t lifetime = std::clamp(timeToLive, minTimeToLive, maxTimeToLive) * second;
-    m_entries.emplace(address, Entry{name, m_clock() + lifetime, std::prev(m_order.end())});
-}
-
-void LearnedNames::erase(Entries::iterator entry)
-{
-    m_order.erase(entry->second.position);
-    m_entries.erase(entry);
-}
-
-std::string LearnedNames::nameOf(std::uint32_t address) const
+void LearnedNames::learn(Ipv4Address address, const std::string &name, std::uint32_t timeToLive)
 {
     const std::lock_guard lock(m_mutex);
-    const auto found = m_entries.find(address);
-    if (found == m_entries.end() || found->second.expires <= m_clock())
-        return {};
-    return found->second.name;
+    m_ipv4.learn(address, name, timeToLive, m_clock());
+}
+
+void LearnedNames::learn(const Ipv6Address &address, const std::string &name, std::uint32_t timeToLive)
+{
+    const std::lock_guard lock(m_mutex);
+    m_ipv6.learn(address, name, timeToLive, m_clock());
+}
+
+std::string LearnedNames::nameOf(Ipv4Address address) const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_ipv4.nameOf(address, m_clock());
+}
+
+std::string LearnedNames::nameOf(const Ipv6Address &address) const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_ipv6.nameOf(address, m_clock());
 }
 
 void LearnedNames::expire()
 {
     const std::lock_guard lock(m_mutex);
-    const std::int64_t now = m_clock();
-    for (auto entry = m_entries.begin(); entry != m_entries.end();) {
-        const auto next = std::next(entry);
-        if (entry->second.expires <= now)
-            erase(entry);
-        entry = next;
-    }
+    const SteadyTime now = m_clock();
+    m_ipv4.expire(now);
+    m_ipv6.expire(now);
 }
 
 void LearnedNames::clear()
 {
     const std::lock_guard lock(m_mutex);
-    m_entries.clear();
-    m_order.clear();
+    m_ipv4.clear();
+    m_ipv6.clear();
 }
 
 std::size_t LearnedNames::size() const
 {
     const std::lock_guard lock(m_mutex);
-    return m_entries.size();
+    return m_ipv4.size() + m_ipv6.size();
 }
 
 } // namespace ruvo

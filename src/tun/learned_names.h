@@ -1,60 +1,52 @@
 #pragma once
 
 #include "common/steady_clock.h"
+#include "tun/name_table.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <list>
 #include <mutex>
 #include <string>
-#include <unordered_map>
+#include <utility>
 
 namespace ruvo {
 
-/// The names that applications have looked up, by the IPv4 address (host order) that they got: the proxy is asked for
-/// the name then, and resolves it where it is.
+/// The names that applications have looked up, by the address that they got: the proxy is asked for the name then,
+/// and resolves it where it is. IPv4 addresses in host order, IPv6 addresses as on the wire; each kind has a table of
+/// its own.
 ///
-/// From any thread; one mutex. Bounded: an entry lasts as long as the DNS record that it came from, the oldest makes
-/// room for a new one.
+/// From any thread; one mutex. Bounded: an entry lasts as long as the DNS record that it came from, the oldest of its
+/// table makes room for a new one.
 class LearnedNames
 {
 public:
-    static constexpr std::size_t maxEntries = 65536;
-    static constexpr std::size_t maxNameLength = 253; // RFC 1035 section 2.3.4, as text
-    /// What a record's time to live is clamped to, in seconds.
-    static constexpr std::uint32_t minTimeToLive = 60;
-    static constexpr std::uint32_t maxTimeToLive = 86'400;
+    using Ipv4Address = std::uint32_t;
+    using Ipv6Address = std::array<std::uint8_t, 16>;
 
-    using Clock = std::function<std::int64_t()>;
+    /// Of each table.
+    static constexpr std::size_t maxEntries = NameTable<Ipv4Address>::maxEntries;
 
-    explicit LearnedNames(Clock clock = steadyNanoseconds) : m_clock(std::move(clock)) {}
+    explicit LearnedNames(SteadyClock clock = steadyNow) : m_clock(std::move(clock)) {}
 
-    /// An earlier name of the address is replaced. An empty name, or one that is too long, is none.
-    void learn(std::uint32_t address, const std::string &name, std::uint32_t timeToLive);
+    /// `timeToLive` in seconds, as the record has it. An earlier name of the address is replaced; an empty name, or
+    /// one of more than 253 bytes, is none.
+    void learn(Ipv4Address address, const std::string &name, std::uint32_t timeToLive);
+    void learn(const Ipv6Address &address, const std::string &name, std::uint32_t timeToLive);
     /// Empty if no name is known, or not any more.
-    std::string nameOf(std::uint32_t address) const;
+    std::string nameOf(Ipv4Address address) const;
+    std::string nameOf(const Ipv6Address &address) const;
     /// Forgets what is out of date.
     void expire();
     void clear();
+    /// Of both tables.
     std::size_t size() const;
 
 private:
-    struct Entry
-    {
-        std::string name;
-        std::int64_t expires;
-        std::list<std::uint32_t>::iterator position;
-    };
-    using Entries = std::unordered_map<std::uint32_t, Entry>;
-
-    void erase(Entries::iterator entry);
-
-    const Clock m_clock;
+    const SteadyClock m_clock;
     mutable std::mutex m_mutex;
-    Entries m_entries;
-    /// The addresses, the longest known first.
-    std::list<std::uint32_t> m_order;
+    NameTable<Ipv4Address> m_ipv4;
+    NameTable<Ipv6Address> m_ipv6;
 };
 
 } // namespace ruvo

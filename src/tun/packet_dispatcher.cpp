@@ -1,6 +1,7 @@
 #include "tun/packet_dispatcher.h"
 
 #include "common/capped_log.h"
+#include "common/dns_redirect.h"
 #include "common/ipv4.h"
 #include "common/log_category.h"
 #include "packet/packet_builder.h"
@@ -13,10 +14,6 @@ namespace ruvo {
 
 namespace {
 
-constexpr std::uint16_t dnsPort = 53;
-/// Where queries to the tunnel's own DNS address are answered.
-constexpr std::uint32_t dnsServer = 0x08080808; // 8.8.8.8
-
 bool isTcp(const ParsedPacket &packet)
 {
     return packet.protocol == protocolTcp;
@@ -27,17 +24,12 @@ bool isOpening(const ParsedPacket &packet)
     return isTcp(packet) && (packet.tcpFlags & (tcpSyn | tcpAck)) == tcpSyn;
 }
 
-TcpEndpoints endpointsOf(const ParsedPacket &packet)
+FlowKey flowOf(const ParsedPacket &packet)
 {
-    return {packet.srcIp, packet.srcPort, packet.dstIp, packet.dstPort};
+    return {.source = {packet.srcIp, packet.srcPort}, .destination = {packet.dstIp, packet.dstPort}};
 }
 
 } // namespace
-
-std::uint32_t realDestination(std::uint32_t address, std::uint16_t port, std::uint32_t tunnelIp)
-{
-    return address == tunnelIp + 1 && port == dnsPort ? dnsServer : address;
-}
 
 PacketDispatcher::PacketDispatcher(std::uint32_t tunnelIp, PacketPaths paths)
     : m_tunnelIp(tunnelIp), m_paths(std::move(paths))
@@ -93,7 +85,7 @@ bool PacketDispatcher::dispatchToTcpNat(const ParsedPacket &packet)
     }
     if (packet.srcIp != m_tunnelIp)
         return false;
-    const TcpEndpoints connection = endpointsOf(packet);
+    const FlowKey connection = flowOf(packet);
     const std::uint16_t natPort = isOpening(packet) ? nat.allocateNatPort(connection) : nat.findNatPort(connection);
     if (natPort == 0)
         return false;
@@ -103,16 +95,17 @@ bool PacketDispatcher::dispatchToTcpNat(const ParsedPacket &packet)
 
 void PacketDispatcher::returnToClient(const ParsedPacket &packet)
 {
-    const std::optional<TcpEndpoints> client = m_paths.tcpNat->findByNatPort(packet.dstPort);
+    const std::optional<FlowKey> client = m_paths.tcpNat->findByNatPort(packet.dstPort);
     if (!client)
         return;
-    m_paths.tcpNat->sendRewritten(packet, {client->dstIp, client->dstPort, client->srcIp, client->srcPort});
+    m_paths.tcpNat->sendRewritten(packet, {.source = client->destination, .destination = client->source});
 }
 
 void PacketDispatcher::sendToListener(const ParsedPacket &packet, std::uint16_t natPort)
 {
     const TcpNatPath &nat = *m_paths.tcpNat;
-    if (!nat.sendRewritten(packet, {m_tunnelIp + 1, natPort, m_tunnelIp, nat.listenPort}))
+    const FlowKey rewritten{.source = {m_tunnelIp + 1, natPort}, .destination = {m_tunnelIp, nat.listenPort}};
+    if (!nat.sendRewritten(packet, rewritten))
         qCWarning(lcRuvod) << "[NAT-ERROR] Packet rewriting failed for NAT port" << natPort;
 }
 
@@ -129,15 +122,11 @@ void PacketDispatcher::dispatchToProtocol(const ParsedPacket &packet)
 void PacketDispatcher::dispatchUdp(const ParsedPacket &packet)
 {
     if (packet.version == 4 && m_paths.udpNat) {
+        const FlowKey flow = flowOf(packet);
         const UdpDatagram datagram{
-            .srcIp = packet.srcIp,
-            .srcPort = packet.srcPort,
-            .dstIp = packet.dstIp,
-            .dstPort = packet.dstPort,
-            .realDstIp = realDestination(packet.dstIp, packet.dstPort, m_tunnelIp),
-            .realDstPort = packet.dstPort,
-            .payload = packet.payload,
-            .payloadLen = packet.payloadLen,
+            .flow = flow,
+            .target = realDestination(flow.destination, m_tunnelIp),
+            .payload = {packet.payload, packet.payloadLen},
         };
         if (m_paths.udpNat(datagram))
             return;

@@ -1,6 +1,7 @@
 #include "tun/ruvo_tun_manager.h"
 
 #include "common/log_category.h"
+#include "netcfg/resolver_cache.h"
 
 #include <QCoreApplication>
 
@@ -9,20 +10,8 @@ namespace ruvo {
 namespace {
 
 constexpr std::uint8_t prefixLength = 30;
-/// Kept beside the proxy port; nothing uses it.
-constexpr std::uint16_t secondPort = 10809;
 /// On-link.
 constexpr std::uint32_t splitNextHop = 0;
-
-/// Public resolvers: what applications ask there directly stays on its way.
-constexpr std::uint32_t bypassResolvers[] = {
-    0x08080808, // 8.8.8.8
-    0x08080404, // 8.8.4.4
-    0x01010101, // 1.1.1.1
-    0x01000001, // 1.0.0.1
-};
-/// The proxy cores' own connections would otherwise be sent back to them.
-constexpr const wchar_t *alwaysDirect[] = {L"xray.exe", L"sing-box.exe", L"antifilter.exe"};
 
 QJsonObject failure(const QString &text)
 {
@@ -71,23 +60,10 @@ QJsonObject RuvoTunManager::start(const QJsonObject &config)
 
 std::unique_ptr<Tunnel> RuvoTunManager::makeTunnel(const TunnelConfiguration &configuration)
 {
-    auto tunnel = std::make_unique<Tunnel>(configuration.proxyHost.toStdWString(), configuration.proxyPort);
+    auto tunnel = std::make_unique<Tunnel>(settingsOf(configuration));
     // From any thread: the signal is delivered on this object's.
     tunnel->setHealthCheckFailedCallback(
         [this] { QMetaObject::invokeMethod(this, &RuvoTunManager::proxyHealthCheckFailed, Qt::QueuedConnection); });
-    if (configuration.proxyIp != 0)
-        tunnel->setProxyIp(configuration.proxyIp);
-    for (const std::uint32_t address : bypassResolvers)
-        tunnel->addBypassIp(address);
-    tunnel->setPorts(configuration.proxyPort, secondPort, configuration.directPort);
-    for (const std::uint32_t address : configuration.bypassIps)
-        tunnel->addBypassIp(address);
-    for (const QString &name : configuration.proxyProcesses)
-        tunnel->addProxyProcess(name.toStdWString());
-    for (const QString &name : configuration.directProcesses)
-        tunnel->addDirectProcess(name.toStdWString());
-    for (const wchar_t *name : alwaysDirect)
-        tunnel->addDirectProcess(name);
     return tunnel;
 }
 

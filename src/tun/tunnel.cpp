@@ -1,6 +1,7 @@
 #include "tun/tunnel.h"
 
 #include "common/log_category.h"
+#include "common/steady_clock.h"
 
 #include <algorithm>
 #include <utility>
@@ -12,8 +13,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto workerWait = 250ms;
-constexpr DWORD flowControlInterval = 10; // ms
-constexpr auto housekeepingInterval = 1s;
 constexpr auto drainTimeout = 2000ms;
 
 unsigned workerCount()
@@ -23,21 +22,21 @@ unsigned workerCount()
 
 } // namespace
 
-Tunnel::Tunnel(const std::wstring &proxyHost, std::uint16_t proxyPort)
-    : m_proxyHost(proxyHost), m_proxyPort(proxyPort), m_stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
-{}
+Tunnel::Tunnel(TunnelSettings settings)
+    : m_settings(std::move(settings)), m_stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
+{
+    m_upstreamChoice.setPorts(m_settings.proxyPort, m_settings.directPort);
+    for (const std::uint32_t address : m_settings.bypassIps)
+        addBypassIp(address);
+    for (const std::wstring &name : m_settings.proxyProcesses)
+        addProxyProcess(name);
+    for (const std::wstring &name : m_settings.directProcesses)
+        addDirectProcess(name);
+}
 
 Tunnel::~Tunnel()
 {
     stop();
-}
-
-void Tunnel::setPorts(std::uint16_t proxyPort, std::uint16_t secondPort, std::uint16_t directPort)
-{
-    m_proxyPort = proxyPort;
-    m_secondPort = secondPort;
-    m_directPort = directPort;
-    m_upstreamChoice.setPorts(proxyPort, directPort);
 }
 
 void Tunnel::setHealthCheckFailedCallback(std::function<void()> callback)
@@ -68,6 +67,8 @@ void Tunnel::stop()
     m_adapter.reset();
     m_dispatcher.reset();
     m_udpNatRelay.reset();
+    m_udpFlows.reset();
+    m_tcpEngine.reset();
     m_relayConnector.reset();
     m_natListener.reset();
     qCDebug(lcRuvod) << "Tunnel stopped";
@@ -104,39 +105,11 @@ void Tunnel::runWorker(unsigned index)
     }
 }
 
-void Tunnel::runFlowControl()
-{
-    auto nextHousekeeping = std::chrono::steady_clock::now() + housekeepingInterval;
-    while (WaitForSingleObject(m_stopEvent.get(), flowControlInterval) == WAIT_TIMEOUT) {
-        if (std::chrono::steady_clock::now() < nextHousekeeping)
-            continue;
-        housekeeping();
-        nextHousekeeping = std::chrono::steady_clock::now() + housekeepingInterval;
-    }
-}
-
-/// Once a second: what nothing else would ever end.
-void Tunnel::housekeeping()
-{
-    m_natListener->ensureAccepting();
-    m_natListener->table().expire();
-    m_relayConnector->housekeeping();
-    if (m_udpNatRelay)
-        m_udpNatRelay->expireIdle();
-    m_learnedNames.expire();
-}
-
 void Tunnel::dispatchPacket(const std::uint8_t *data, std::size_t len)
 {
     // After the stop began, nothing new may reach what it is taking down.
     if (m_running)
         m_dispatcher->dispatch(data, len, m_proxyReady);
-}
-
-std::uint16_t Tunnel::chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp,
-                                         std::uint16_t dstPort) const
-{
-    return m_upstreamChoice.chooseUpstreamPort(processPath, dstIp, dstPort);
 }
 
 } // namespace ruvo

@@ -1,6 +1,9 @@
 #pragma once
 
 #include "common/windows_handles.h"
+#include "engine/engine_services.h"
+#include "engine/tcp_engine.h"
+#include "engine/udp_flows.h"
 #include "io/completion_port.h"
 #include "nat/relay_connector.h"
 #include "nat/tcp_nat_listener.h"
@@ -8,6 +11,7 @@
 #include "netcfg/wintun_adapter.h"
 #include "tun/learned_names.h"
 #include "tun/packet_dispatcher.h"
+#include "tun/tunnel_settings.h"
 #include "tun/upstream_choice.h"
 #include "tun/worker_housekeeping.h"
 
@@ -30,16 +34,13 @@ namespace ruvo {
 class Tunnel
 {
 public:
-    explicit Tunnel(const std::wstring &proxyHost = L"127.0.0.1", std::uint16_t proxyPort = 10808);
+    explicit Tunnel(TunnelSettings settings = {});
     /// As stop(); also lets go of what a failed start left behind.
     ~Tunnel();
     Tunnel(const Tunnel &) = delete;
     Tunnel &operator=(const Tunnel &) = delete;
 
-    // Before start.
-    void setPorts(std::uint16_t proxyPort, std::uint16_t secondPort, std::uint16_t directPort);
-    /// The proxy server's own address, which has its way outside the tunnel.
-    void setProxyIp(std::uint32_t address) { m_proxyIp = address; }
+    // Before start: more of what the settings had.
     void addBypassIp(std::uint32_t address) { m_upstreamChoice.addBypassIp(address); }
     void addProxyProcess(const std::wstring &name) { m_upstreamChoice.addProxyProcess(name); }
     void addDirectProcess(const std::wstring &name) { m_upstreamChoice.addDirectProcess(name); }
@@ -62,8 +63,16 @@ public:
     std::uint32_t adapterIndex() const { return m_adapter ? m_adapter->interfaceIndex() : 0; }
 
     void dispatchPacket(const std::uint8_t *data, std::size_t len);
+    /// As UpstreamChoice::decide; from any thread.
+    UpstreamDecision decide(const std::wstring &processPath, std::uint32_t dstIp, std::uint16_t dstPort) const
+    {
+        return m_upstreamChoice.decide(processPath, dstIp, dstPort);
+    }
     std::uint16_t chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp,
-                                     std::uint16_t dstPort) const;
+                                     std::uint16_t dstPort) const
+    {
+        return decide(processPath, dstIp, dstPort).port;
+    }
 
     /// Names that applications have looked up: connections to their addresses ask the proxy for the name.
     LearnedNames &learnedNames() { return m_learnedNames; }
@@ -79,6 +88,7 @@ private:
     Result openSession();
     Result openTcpNat();
     void openUdpNat();
+    void openEngine();
     void openDispatcher();
     TcpNatPath tcpNatPath();
     std::optional<RelayRoute> routeFor(const TcpNatSession &session) const;
@@ -89,11 +99,8 @@ private:
     void runFlowControl();
     void joinThreads();
 
-    const std::wstring m_proxyHost;
-    std::uint16_t m_proxyPort;
-    std::uint16_t m_secondPort = 10809;
-    std::uint16_t m_directPort = 20808;
-    std::uint32_t m_proxyIp = 0;
+    /// Its addresses and processes stand in m_upstreamChoice.
+    const TunnelSettings m_settings;
     std::uint32_t m_tunnelIp = 0;
     std::atomic<std::uint32_t> m_physicalInterface = 0;
     UpstreamChoice m_upstreamChoice;
@@ -108,6 +115,9 @@ private:
     std::shared_ptr<TcpNatListener> m_natListener;
     std::unique_ptr<RelayConnector> m_relayConnector;
     std::unique_ptr<UdpNatRelay> m_udpNatRelay;
+    EngineServices m_engineServices;
+    std::unique_ptr<TcpEngine> m_tcpEngine;
+    std::unique_ptr<UdpFlows> m_udpFlows;
     std::unique_ptr<PacketDispatcher> m_dispatcher;
     WorkerHousekeeping::Tasks m_housekeeping;
 

@@ -3,6 +3,7 @@
 #include "tun/tunnel.h"
 
 #include "common/capped_log.h"
+#include "common/dns_redirect.h"
 #include "common/ipv4.h"
 #include "common/log_category.h"
 #include "netcfg/port_owner_lookup.h"
@@ -19,7 +20,7 @@ Tunnel::Result Tunnel::openTcpNat()
 {
     m_natListener = std::make_shared<TcpNatListener>();
     m_relayConnector = std::make_unique<RelayConnector>(
-        m_proxyHost, m_stopEvent.get(), m_completionPort, m_natListener->table(),
+        m_settings.proxyHost, m_stopEvent.get(), m_completionPort, m_natListener->table(),
         RelayConnector::Questions{
             .routeFor = [this](const TcpNatSession &session) { return routeFor(session); },
             .nameOf = [this](std::uint32_t address) { return m_learnedNames.nameOf(address); },
@@ -46,19 +47,18 @@ void Tunnel::openUdpNat()
     const auto send = [this](const std::uint8_t *packet, std::size_t length) {
         m_adapter->sendPacket(packet, static_cast<std::uint32_t>(length));
     };
-    if (!m_udpNatRelay->initialize(m_tunnelIp, QString::fromStdWString(m_proxyHost).toStdString(), m_proxyPort,
-                                   m_directPort, m_completionPort, send)) {
+    if (!m_udpNatRelay->initialize(m_tunnelIp, QString::fromStdWString(m_settings.proxyHost).toStdString(),
+                                   m_settings.proxyPort, m_settings.directPort, m_completionPort, send)) {
         qCWarning(lcRuvod) << "[UDP-NAT] Failed to initialize (UDP forwarding disabled)";
         m_udpNatRelay.reset();
         return;
     }
-    qCDebug(lcRuvod).nospace() << "[UDP-NAT] Initialized for SOCKS5 UDP forwarding (proxy:" << m_proxyPort
-                               << ", direct:" << m_directPort << ")";
+    qCDebug(lcRuvod).nospace() << "[UDP-NAT] Initialized for SOCKS5 UDP forwarding (proxy:" << m_settings.proxyPort
+                               << ", direct:" << m_settings.directPort << ")";
 }
 
 void Tunnel::openDispatcher()
 {
-    qCWarning(lcRuvod) << "This build has no user-space engine: connections from other machines and IPv6 are dropped";
     PacketPaths paths;
     paths.send = [this](const std::uint8_t *data, std::size_t len) {
         m_adapter->sendPacket(data, static_cast<std::uint32_t>(len));
@@ -66,12 +66,15 @@ void Tunnel::openDispatcher()
     paths.tcpNat = tcpNatPath();
     if (m_udpNatRelay) {
         paths.udpNat = [this](const UdpDatagram &datagram) {
-            return datagram.payloadLen <= std::numeric_limits<std::uint16_t>::max()
-                   && m_udpNatRelay->forward(datagram.srcIp, datagram.srcPort, datagram.dstIp, datagram.dstPort,
-                                             datagram.realDstIp, datagram.realDstPort, datagram.payload,
-                                             static_cast<std::uint16_t>(datagram.payloadLen));
+            const auto &[source, destination] = datagram.flow;
+            return datagram.payload.size() <= std::numeric_limits<std::uint16_t>::max()
+                   && m_udpNatRelay->forward(source.address, source.port, destination.address, destination.port,
+                                             datagram.target.address, datagram.target.port, datagram.payload.data(),
+                                             static_cast<std::uint16_t>(datagram.payload.size()));
         };
     }
+    paths.tcpEngine = [this](const ParsedPacket &packet) { m_tcpEngine->handleTcpPacket(packet); };
+    paths.udpFlow = [this](const ParsedPacket &packet) { m_udpFlows->handleUdpPacket(packet); };
     m_dispatcher = std::make_unique<PacketDispatcher>(m_tunnelIp, std::move(paths));
 }
 
@@ -80,30 +83,23 @@ TcpNatPath Tunnel::tcpNatPath()
     TcpNatTable &table = m_natListener->table();
     return {
         .listenPort = m_natListener->listenPort(),
-        .findByNatPort = [&table](std::uint16_t natPort) -> std::optional<TcpEndpoints> {
+        .findByNatPort = [&table](std::uint16_t natPort) -> std::optional<FlowKey> {
             const TcpNatSessionPtr session = table.findByNatPort(natPort);
             if (!session)
                 return std::nullopt;
-            return TcpEndpoints{session->clientAddress, session->clientPort, session->destinationAddress,
-                                session->destinationPort};
+            return session->flow;
         },
-        .allocateNatPort =
-            [&table](const TcpEndpoints &connection) {
-                return table.allocateNatPort(connection.srcIp, connection.srcPort, connection.dstIp,
-                                             connection.dstPort);
-            },
-        .findNatPort =
-            [&table](const TcpEndpoints &connection) {
-                return table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort);
-            },
+        .allocateNatPort = [&table](const FlowKey &connection) { return table.allocateNatPort(connection); },
+        .findNatPort = [&table](const FlowKey &connection) { return table.findNatPort(connection); },
         .sendRewritten =
-            [this](const ParsedPacket &packet, const TcpEndpoints &to) {
+            [this](const ParsedPacket &packet, const FlowKey &to) {
                 if (!isRewritableTcp(packet.raw, packet.rawLen))
                     return false;
                 // Straight into the adapter's ring, and rewritten there.
                 if (std::uint8_t *copy = m_adapter->allocatePacket(static_cast<std::uint32_t>(packet.rawLen))) {
                     std::memcpy(copy, packet.raw, packet.rawLen);
-                    rewriteTcpAddresses(copy, packet.rawLen, to.srcIp, to.srcPort, to.dstIp, to.dstPort);
+                    rewriteTcpAddresses(copy, packet.rawLen, to.source.address, to.source.port,
+                                        to.destination.address, to.destination.port);
                     m_adapter->sendAllocated(copy);
                 }
                 return true;
@@ -115,25 +111,25 @@ std::optional<RelayRoute> Tunnel::routeFor(const TcpNatSession &session) const
 {
     if (!m_running)
         return std::nullopt;
-    const std::uint32_t owner =
-        PortOwnerLookup::tcpOwnerPid(session.clientPort, session.destinationAddress, session.destinationPort);
+    const std::uint32_t owner = PortOwnerLookup::tcpOwnerPid(session.client().port, session.destination().address,
+                                                             session.destination().port);
     if (owner == GetCurrentProcessId()) {
         static CappedLog s_loops(5, 1000);
         if (s_loops.take()) {
             qCWarning(lcRuvod).nospace().noquote()
-                << "[TCP-NAT] Own connection to " << formatIpv4(session.destinationAddress) << ":"
-                << session.destinationPort << " came back through the tunnel, closing it";
+                << "[TCP-NAT] Own connection to " << formatIpv4(session.destination().address) << ":"
+                << session.destination().port << " came back through the tunnel, closing it";
         }
         return std::nullopt;
     }
     const std::wstring image = owner == 0 ? std::wstring() : PortOwnerLookup::processImage(owner);
-    const std::uint32_t address = realDestination(session.destinationAddress, session.destinationPort, m_tunnelIp);
-    const std::uint16_t port = chooseUpstreamPort(image, address, session.destinationPort);
+    const Endpoint target = realDestination(session.destination(), m_tunnelIp);
+    const UpstreamDecision upstream = decide(image, target.address, target.port);
     return RelayRoute{
-        .address = address,
-        .port = session.destinationPort,
-        .isDirect = port == m_directPort,
-        .proxyPort = port,
+        .address = target.address,
+        .port = target.port,
+        .isDirect = upstream.isDirect,
+        .proxyPort = upstream.port,
     };
 }
 
@@ -144,6 +140,8 @@ void Tunnel::closePaths()
     m_relayConnector->stop();
     if (m_udpNatRelay)
         m_udpNatRelay->shutdown();
+    m_tcpEngine->close();
+    m_udpFlows->closeAll();
 }
 
 } // namespace ruvo

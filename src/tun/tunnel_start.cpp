@@ -5,6 +5,7 @@
 
 #include "common/ipv4.h"
 #include "common/log_category.h"
+#include "netcfg/resolver_cache.h"
 
 #include <QString>
 
@@ -34,13 +35,15 @@ std::expected<void, std::string> Tunnel::start(const std::wstring &adapterName, 
     if (Result tcpNat = openTcpNat(); !tcpNat)
         return tcpNat;
     openUdpNat();
+    openEngine();
     openDispatcher();
 
     m_running = true;
     startThreads();
     qCDebug(lcRuvod) << "Tunnel started on" << QString::fromStdWString(adapterName);
     qCDebug(lcRuvod).nospace().noquote() << "Tunnel IP: " << formatIpv4(m_tunnelIp) << "/" << prefixLength;
-    qCDebug(lcRuvod).nospace().noquote() << "Proxy: " << QString::fromStdWString(m_proxyHost) << ":" << m_proxyPort;
+    qCDebug(lcRuvod).nospace().noquote()
+        << "Proxy: " << QString::fromStdWString(m_settings.proxyHost) << ":" << m_settings.proxyPort;
     qCDebug(lcRuvod) << "IOCP workers:" << m_workers.size() << "(fully async)";
     return {};
 }

@@ -1,5 +1,6 @@
 #include "tun/upstream_choice.h"
 
+#include "common/dns_redirect.h"
 #include "common/ipv4.h"
 #include "common/log_category.h"
 
@@ -8,8 +9,6 @@
 namespace ruvo {
 
 namespace {
-
-constexpr std::uint16_t dnsPort = 53;
 
 std::wstring lowerCase(std::wstring text)
 {
@@ -50,19 +49,21 @@ void UpstreamChoice::addDirectProcess(const std::wstring &name)
     m_directProcesses.insert(lowerCase(name));
 }
 
-std::uint16_t UpstreamChoice::chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp,
-                                                 std::uint16_t dstPort) const
+UpstreamDecision UpstreamChoice::decide(const std::wstring &processPath, std::uint32_t dstIp,
+                                        std::uint16_t dstPort) const
 {
+    const UpstreamDecision direct{.port = m_directPort, .isDirect = true};
+    const UpstreamDecision proxied{.port = m_proxyPort, .isDirect = false};
     if (dstPort == dnsPort)
-        return m_directPort;
+        return direct;
     if (m_bypassIps.contains(dstIp)) {
         qCWarning(lcRuvod) << "[PORT] destIp" << formatIpv4(dstIp) << "in bypassIps -> direct port" << m_directPort;
-        return m_directPort;
+        return direct;
     }
     if (processPath.empty())
-        return m_proxyPort;
+        return proxied;
     // Who is on neither list is proxied, like who is on the proxy list.
-    return m_directProcesses.contains(executableName(processPath)) ? m_directPort : m_proxyPort;
+    return m_directProcesses.contains(executableName(processPath)) ? direct : proxied;
 }
 
 } // namespace ruvo

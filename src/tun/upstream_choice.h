@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/upstream_decision.h"
+
 #include <cstdint>
 #include <set>
 #include <string>
@@ -23,9 +25,16 @@ public:
     void addDirectProcess(const std::wstring &name);
     const std::set<std::uint32_t> &bypassIps() const { return m_bypassIps; }
 
-    /// `processPath` is the image of the process that owns the connection, or empty; `dstIp` is 0 for IPv6.
+    /// Where a connection or flow goes, and whether one of the rules keeps it away from the proxy: port 53, a bypass
+    /// address, a direct process. `processPath` is the image of the process that owns it, or empty; `dstIp` is 0 for
+    /// IPv6.
+    UpstreamDecision decide(const std::wstring &processPath, std::uint32_t dstIp, std::uint16_t dstPort) const;
+    /// The port of that decision alone.
     std::uint16_t chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp,
-                                     std::uint16_t dstPort) const;
+                                     std::uint16_t dstPort) const
+    {
+        return decide(processPath, dstIp, dstPort).port;
+    }
 
 private:
     std::uint16_t m_proxyPort = 10808;

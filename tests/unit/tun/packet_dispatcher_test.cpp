@@ -23,8 +23,8 @@ class PacketDispatcherTest : public ::testing::Test
 protected:
     struct Rewritten
     {
-        TcpEndpoints from;
-        TcpEndpoints to;
+        FlowKey from;
+        FlowKey to;
     };
 
     PacketPaths paths()
@@ -44,15 +44,15 @@ protected:
         nat.findByNatPort = [this](std::uint16_t port) {
             return port == natPort ? std::optional(connection) : std::nullopt;
         };
-        nat.allocateNatPort = [this](const TcpEndpoints &endpoints) {
+        nat.allocateNatPort = [this](const FlowKey &endpoints) {
             allocated.push_back(endpoints);
             return natPort;
         };
-        nat.findNatPort = [this](const TcpEndpoints &endpoints) {
+        nat.findNatPort = [this](const FlowKey &endpoints) {
             return endpoints == connection ? natPort : std::uint16_t(0);
         };
-        nat.sendRewritten = [this](const ParsedPacket &packet, const TcpEndpoints &to) {
-            rewritten.push_back({{packet.srcIp, packet.srcPort, packet.dstIp, packet.dstPort}, to});
+        nat.sendRewritten = [this](const ParsedPacket &packet, const FlowKey &to) {
+            rewritten.push_back({{{packet.srcIp, packet.srcPort}, {packet.dstIp, packet.dstPort}}, to});
             return !refuseRewriting;
         };
         all.tcpNat = std::move(nat);
@@ -98,14 +98,14 @@ protected:
         return packet;
     }
 
-    const TcpEndpoints connection{tunnel, 5000, server, 443};
+    const FlowKey connection{{tunnel, 5000}, {server, 443}};
     std::uint16_t natPort = 30000;
     bool refuseRewriting = false;
     bool refuseDatagrams = false;
     std::vector<PacketBytes> sent;
     std::vector<std::uint16_t> toEngine;
     std::vector<std::uint16_t> toFlow;
-    std::vector<TcpEndpoints> allocated;
+    std::vector<FlowKey> allocated;
     std::vector<Rewritten> rewritten;
     std::vector<UdpDatagram> datagrams;
 };
@@ -224,7 +224,7 @@ TEST_F(PacketDispatcherTest, aNewConnectionOfTheHostGoesToTheListener)
     dispatch(pathsWithNat(), tcp(tunnel, 5000, server, 443, tcpSyn));
     EXPECT_EQ(allocated, std::vector{connection});
     ASSERT_EQ(rewritten.size(), 1u);
-    EXPECT_EQ(rewritten[0].to, (TcpEndpoints{tunnelDns, natPort, tunnel, listenPort}));
+    EXPECT_EQ(rewritten[0].to, (FlowKey{{tunnelDns, natPort}, {tunnel, listenPort}}));
     EXPECT_TRUE(toEngine.empty());
 }
 
@@ -233,7 +233,7 @@ TEST_F(PacketDispatcherTest, aKnownConnectionKeepsItsNatPort)
     dispatch(pathsWithNat(), tcp(tunnel, 5000, server, 443, tcpAck));
     EXPECT_TRUE(allocated.empty());
     ASSERT_EQ(rewritten.size(), 1u);
-    EXPECT_EQ(rewritten[0].to, (TcpEndpoints{tunnelDns, natPort, tunnel, listenPort}));
+    EXPECT_EQ(rewritten[0].to, (FlowKey{{tunnelDns, natPort}, {tunnel, listenPort}}));
 }
 
 TEST_F(PacketDispatcherTest, withoutAMappingTheEngineGetsThePacket)
@@ -249,7 +249,7 @@ TEST_F(PacketDispatcherTest, theListenersAnswerGoesBackToTheClient)
 {
     dispatch(pathsWithNat(), tcp(tunnel, listenPort, tunnelDns, natPort));
     ASSERT_EQ(rewritten.size(), 1u);
-    EXPECT_EQ(rewritten[0].to, (TcpEndpoints{server, 443, tunnel, 5000}));
+    EXPECT_EQ(rewritten[0].to, (FlowKey{{server, 443}, {tunnel, 5000}}));
 }
 
 TEST_F(PacketDispatcherTest, anAnswerWithoutASessionIsDropped)
@@ -305,29 +305,24 @@ TEST_F(PacketDispatcherTest, datagramsGoToTheNatRelayAsTheyAre)
 {
     dispatch(pathsWithNat(), udp(server, 4433));
     ASSERT_EQ(datagrams.size(), 1u);
-    EXPECT_EQ(datagrams[0].srcIp, tunnel);
-    EXPECT_EQ(datagrams[0].srcPort, 5000);
-    EXPECT_EQ(datagrams[0].dstIp, server);
-    EXPECT_EQ(datagrams[0].dstPort, 4433);
-    EXPECT_EQ(datagrams[0].realDstIp, server);
-    EXPECT_EQ(datagrams[0].realDstPort, 4433);
-    EXPECT_EQ(datagrams[0].payloadLen, 3u);
+    EXPECT_EQ(datagrams[0].flow, (FlowKey{{tunnel, 5000}, {server, 4433}}));
+    EXPECT_EQ(datagrams[0].target, (Endpoint{server, 4433}));
+    EXPECT_EQ(datagrams[0].payload.size(), 3u);
 }
 
 TEST_F(PacketDispatcherTest, queriesToTheTunnelsDnsAddressGoToAPublicResolver)
 {
     dispatch(pathsWithNat(), udp(tunnelDns, 53));
     ASSERT_EQ(datagrams.size(), 1u);
-    EXPECT_EQ(datagrams[0].dstIp, tunnelDns) << "what the application sees";
-    EXPECT_EQ(datagrams[0].realDstIp, 0x08080808u);
-    EXPECT_EQ(datagrams[0].realDstPort, 53);
+    EXPECT_EQ(datagrams[0].flow.destination, (Endpoint{tunnelDns, 53})) << "what the application sees";
+    EXPECT_EQ(datagrams[0].target, (Endpoint{0x08080808, 53}));
 }
 
 TEST_F(PacketDispatcherTest, otherPortsOfTheTunnelsDnsAddressAreNotReplaced)
 {
     dispatch(pathsWithNat(), udp(tunnelDns, 54));
     ASSERT_EQ(datagrams.size(), 1u);
-    EXPECT_EQ(datagrams[0].realDstIp, tunnelDns);
+    EXPECT_EQ(datagrams[0].target, (Endpoint{tunnelDns, 54}));
 }
 
 TEST_F(PacketDispatcherTest, aDatagramThatTheRelayRefusesGoesToTheFlows)

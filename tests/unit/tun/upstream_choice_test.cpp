@@ -29,34 +29,51 @@ struct Case
     const wchar_t *path;
     std::uint32_t dstIp;
     std::uint16_t dstPort;
-    std::uint16_t expected;
+    UpstreamDecision expected;
 };
 
+constexpr UpstreamDecision direct{.port = directPort, .isDirect = true};
+constexpr UpstreamDecision proxied{.port = proxyPort, .isDirect = false};
+
 const Case cases[] = {
-    {"DNS, whoever asks", L"C:\\Browser.exe", example, 53, directPort},
-    {"DNS without an owner", L"", example, 53, directPort},
-    {"a bypass address", L"C:\\Browser.exe", bypassed, 443, directPort},
-    {"a bypass address without an owner", L"", bypassed, 443, directPort},
-    {"no owner", L"", example, 443, proxyPort},
-    {"no owner and IPv6", L"", 0, 443, proxyPort},
-    {"a direct process", L"C:\\Program Files\\xray.exe", example, 443, directPort},
-    {"a direct process in capitals", L"C:\\Program Files\\XRAY.EXE", example, 443, directPort},
-    {"a direct process listed in capitals", L"C:\\game.exe", example, 443, directPort},
-    {"a path with slashes", L"C:/games/game.exe", example, 443, directPort},
-    {"a path with both", L"C:/games\\deep/game.exe", example, 443, directPort},
-    {"a bare name", L"game.exe", example, 443, directPort},
-    {"a proxy process", L"C:\\browser.exe", example, 443, proxyPort},
-    {"a process on no list", L"C:\\mail.exe", example, 443, proxyPort},
-    {"a name that only ends in a listed one", L"C:\\notxray.exe", example, 443, proxyPort},
-    {"a folder of a listed name", L"C:\\xray.exe\\mail.exe", example, 443, proxyPort},
-    {"a path that ends in a separator", L"C:\\xray.exe\\", example, 443, proxyPort},
+    {"DNS, whoever asks", L"C:\\Browser.exe", example, 53, direct},
+    {"DNS without an owner", L"", example, 53, direct},
+    {"a bypass address", L"C:\\Browser.exe", bypassed, 443, direct},
+    {"a bypass address without an owner", L"", bypassed, 443, direct},
+    {"no owner", L"", example, 443, proxied},
+    {"no owner and IPv6", L"", 0, 443, proxied},
+    {"a direct process", L"C:\\Program Files\\xray.exe", example, 443, direct},
+    {"a direct process in capitals", L"C:\\Program Files\\XRAY.EXE", example, 443, direct},
+    {"a direct process listed in capitals", L"C:\\game.exe", example, 443, direct},
+    {"a path with slashes", L"C:/games/game.exe", example, 443, direct},
+    {"a path with both", L"C:/games\\deep/game.exe", example, 443, direct},
+    {"a bare name", L"game.exe", example, 443, direct},
+    {"a proxy process", L"C:\\browser.exe", example, 443, proxied},
+    {"a process on no list", L"C:\\mail.exe", example, 443, proxied},
+    {"a name that only ends in a listed one", L"C:\\notxray.exe", example, 443, proxied},
+    {"a folder of a listed name", L"C:\\xray.exe\\mail.exe", example, 443, proxied},
+    {"a path that ends in a separator", L"C:\\xray.exe\\", example, 443, proxied},
 };
 
 TEST(UpstreamChoice, takesTheInboundThatTheRulesGive)
 {
     const UpstreamChoice choice = filledChoice();
-    for (const Case &one : cases)
-        EXPECT_EQ(choice.chooseUpstreamPort(one.path, one.dstIp, one.dstPort), one.expected) << one.what;
+    for (const Case &one : cases) {
+        EXPECT_EQ(choice.decide(one.path, one.dstIp, one.dstPort), one.expected) << one.what;
+        EXPECT_EQ(choice.chooseUpstreamPort(one.path, one.dstIp, one.dstPort), one.expected.port) << one.what;
+    }
+}
+
+// What is compared with the direct port would take everything for direct.
+TEST(UpstreamChoice, tellsDirectFromProxiedWhereBothInboundsAreOne)
+{
+    UpstreamChoice choice = filledChoice();
+    choice.setPorts(directPort, directPort);
+    for (const Case &one : cases) {
+        const UpstreamDecision decision = choice.decide(one.path, one.dstIp, one.dstPort);
+        EXPECT_EQ(decision.port, directPort) << one.what;
+        EXPECT_EQ(decision.isDirect, one.expected.isDirect) << one.what;
+    }
 }
 
 TEST(UpstreamChoice, startsWithTheUsualPorts)

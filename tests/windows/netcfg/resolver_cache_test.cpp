@@ -1,5 +1,6 @@
-#include "netcfg/wintun_adapter.h"
+#include "netcfg/resolver_cache.h"
 
+#include "common/winsock_headers.h"
 #include "support/log_capture.h"
 #include "support/qt_printers.h"
 #include "windows/support/import_redirection.h"

@@ -33,6 +33,7 @@ protected:
     }
 
     bool send() { return m_adapter.sendPacket(packet, sizeof(packet)); }
+    bool trySend() { return m_adapter.trySendPacket(packet, sizeof(packet)); }
     qsizetype attempts() const { return m_fake.count("WintunAllocateSendPacket 5e55 5"); }
 
     test::LogCapture m_log;
@@ -109,6 +110,45 @@ TEST_F(WintunAdapterSend, triesNothingAgainAfterAnyOtherError)
     EXPECT_EQ(m_log.lines(), QStringList{"WARNING Failed to allocate send packet: 87"});
 }
 
+TEST_F(WintunAdapterSend, withoutAWaitCopiesThePacketIntoTheRing)
+{
+    EXPECT_TRUE(trySend());
+    EXPECT_EQ(m_fake.calls(), (QStringList{"WintunAllocateSendPacket 5e55 5", "WintunSendPacket 5e55"}));
+    EXPECT_EQ(m_fake.sent(), QByteArrayList{packetBytes});
+    EXPECT_EQ(m_log.lines(), QStringList());
+}
+
+TEST_F(WintunAdapterSend, withoutAWaitTriesAFullRingOnce)
+{
+    m_fake.allocateFailures = 1;
+    EXPECT_FALSE(trySend());
+    EXPECT_EQ(attempts(), 1);
+    EXPECT_EQ(m_fake.sent(), QByteArrayList());
+    EXPECT_TRUE(trySend()) << "there is room again";
+    EXPECT_EQ(m_fake.sent(), QByteArrayList{packetBytes});
+    EXPECT_TRUE(m_sleeps.lines().empty());
+    EXPECT_EQ(m_log.lines(), QStringList()) << "it is for the caller to say what becomes of the packet";
+}
+
+TEST_F(WintunAdapterSend, withoutAWaitTakesAnEndingSessionForAFullRing)
+{
+    m_fake.allocateFailures = -1;
+    m_fake.allocateError = ERROR_HANDLE_EOF;
+    EXPECT_FALSE(trySend());
+    EXPECT_EQ(attempts(), 1);
+    EXPECT_TRUE(m_sleeps.lines().empty());
+    EXPECT_EQ(m_log.lines(), QStringList());
+}
+
+TEST_F(WintunAdapterSend, withoutAWaitSaysWhatElseWentWrong)
+{
+    m_fake.allocateFailures = -1;
+    m_fake.allocateError = ERROR_INVALID_PARAMETER;
+    EXPECT_FALSE(trySend());
+    EXPECT_EQ(attempts(), 1);
+    EXPECT_EQ(m_log.lines(), QStringList{"WARNING Failed to allocate send packet: 87"});
+}
+
 TEST_F(WintunAdapterSend, startsCountingAnewWithEachPacket)
 {
     m_fake.allocateFailures = 49;
@@ -123,8 +163,9 @@ TEST_F(WintunAdapterSend, needsASession)
     m_adapter.endSession();
     m_fake.clear();
     EXPECT_FALSE(send());
+    EXPECT_FALSE(trySend());
     EXPECT_EQ(m_adapter.allocatePacket(1), nullptr);
-    EXPECT_EQ(m_log.lines(), QStringList(2, "WARNING [WINTUN-SEND] No session!"));
+    EXPECT_EQ(m_log.lines(), QStringList(3, "WARNING [WINTUN-SEND] No session!"));
     EXPECT_EQ(m_fake.calls(), QStringList());
 }
 

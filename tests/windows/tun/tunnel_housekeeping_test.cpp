@@ -71,7 +71,7 @@ TEST_F(TunnelHousekeeping, acceptsThoughItCouldNotAtFirst)
             }
             return noSecond.real(family, type, rest...);
         });
-        m_tunnel->setPorts(proxy.port(), 10809, 20808);
+        m_tunnel = std::make_unique<Tunnel>(TunnelSettings{.proxyPort = proxy.port()});
         ASSERT_EQ(startError(), "");
         EXPECT_TRUE(m_log.contains("CRITICAL [TCP-NAT] Failed to create accept socket: 10055"));
     }

@@ -62,7 +62,12 @@ std::string TunnelTest::startError(std::uint32_t address)
 
 void TunnelTest::startTowards(std::uint16_t proxyPort)
 {
-    m_tunnel->setPorts(proxyPort, 10809, 20808);
+    startWith({.proxyPort = proxyPort});
+}
+
+void TunnelTest::startWith(const TunnelSettings &settings)
+{
+    m_tunnel = std::make_unique<Tunnel>(settings);
     ASSERT_EQ(startError(), "");
     ASSERT_EQ(linuxOutput("ip route add 203.0.113.0/24 dev test"), "");
     m_log.clear();
@@ -319,14 +324,21 @@ TEST_F(TunnelTest, dropsPacketsWhileItDoesNotRun)
 
 TEST_F(TunnelTest, choosesAmongThePortsThatItWasGiven)
 {
-    m_tunnel->setPorts(1001, 10809, 2002);
-    m_tunnel->addDirectProcess(L"game.exe");
-    m_tunnel->addProxyProcess(L"mail.exe");
-    m_tunnel->addBypassIp(0x08080808);
-    EXPECT_EQ(m_tunnel->bypassIps(), (std::set<std::uint32_t>{0x08080808}));
+    TunnelSettings settings{.proxyPort = 1001, .directPort = 2002, .bypassIps = {0x08080808}};
+    settings.proxyProcesses = {L"mail.exe"};
+    settings.directProcesses = {L"game.exe"};
+    m_tunnel = std::make_unique<Tunnel>(settings);
+    m_tunnel->addDirectProcess(L"chat.exe");
+    m_tunnel->addProxyProcess(L"news.exe");
+    m_tunnel->addBypassIp(0x01010101);
+    EXPECT_EQ(m_tunnel->bypassIps(), (std::set<std::uint32_t>{0x01010101, 0x08080808}));
+    EXPECT_EQ(m_tunnel->decide(L"C:\\GAME.exe", 0x5DB8D822, 443), (UpstreamDecision{2002, true}));
+    EXPECT_EQ(m_tunnel->decide(L"C:\\news.exe", 0x5DB8D822, 443), (UpstreamDecision{1001, false}));
     EXPECT_EQ(m_tunnel->chooseUpstreamPort(L"C:\\GAME.exe", 0x5DB8D822, 443), 2002);
+    EXPECT_EQ(m_tunnel->chooseUpstreamPort(L"C:\\chat.exe", 0x5DB8D822, 443), 2002);
     EXPECT_EQ(m_tunnel->chooseUpstreamPort(L"C:\\mail.exe", 0x5DB8D822, 443), 1001);
     EXPECT_EQ(m_tunnel->chooseUpstreamPort({}, 0x08080808, 443), 2002);
+    EXPECT_EQ(m_tunnel->chooseUpstreamPort({}, 0x01010101, 443), 2002);
     EXPECT_EQ(m_tunnel->chooseUpstreamPort({}, 0, 53), 2002);
     ASSERT_EQ(startError(), "");
     EXPECT_TRUE(m_log.contains("DEBUG Proxy: 127.0.0.1:1001"));

@@ -33,6 +33,8 @@ protected:
 
     /// A tunnel to a proxy at this port of 127.0.0.1, and a way into it for documentation addresses.
     void startTowards(std::uint16_t proxyPort);
+    /// The same with all settings.
+    void startWith(const TunnelSettings &settings);
 
     /// An application that connects through the tunnel, says something and prints the line that it is answered. It
     /// waits for that as long as there is a tunnel.

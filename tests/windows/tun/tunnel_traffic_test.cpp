@@ -87,6 +87,36 @@ TEST_F(TunnelTraffic, goesBothWaysThroughTheProxy)
     EXPECT_EQ(request, QByteArray::fromHex("05010001cb0071090050")) << "203.0.113.9, port 80";
 }
 
+// What no rule sends direct is not taken for it because its inbound is the direct one's.
+TEST_F(TunnelTraffic, goesThroughTheProxyThoughBothInboundsAreOne)
+{
+    QByteArray request;
+    const ScriptedProxy proxy([&](ProxyConnection &client) {
+        client.receive(3);
+        client.send(QByteArray::fromHex("0500"));
+        request = client.receive(10);
+        client.send(QByteArray::fromHex("05000001000000000000"));
+        client.send("you said " + client.receive(6));
+        client.waitForEnd();
+    });
+    ASSERT_NO_FATAL_FAILURE(startWith({.proxyPort = proxy.port(), .directPort = proxy.port()}));
+    EXPECT_EQ(linuxOutput(application), "you said hello\n") << m_log.lines().join('\n').toStdString();
+    EXPECT_EQ(request, QByteArray::fromHex("05010001cb0071090050")) << "203.0.113.9, port 80";
+}
+
+// Its connection is bound to no interface here, so that its way leads back into the tunnel.
+TEST_F(TunnelTraffic, thatARuleSendsDirectLeavesPastTheProxyThoughBothInboundsAreOne)
+{
+    const Socket proxy = listeningSocket();
+    const std::uint16_t port = portOf(proxy.get());
+    ASSERT_NO_FATAL_FAILURE(startWith({.proxyPort = port, .directPort = port, .bypassIps = {0xCB007109}}));
+    LinuxCommand command(application);
+    EXPECT_TRUE(waitUntil([this] { return m_log.contains("Own connection to 203.0.113.9:80 came back"); }))
+        << m_log.lines().join('\n').toStdString();
+    m_tunnel->stop();
+    EXPECT_TRUE(command.wait());
+}
+
 TEST_F(TunnelTraffic, toALearntAddressAsksTheProxyForItsName)
 {
     const QByteArray name = "www.example.org";
