@@ -77,6 +77,7 @@ class Load:
                 return before, self._bench.memory()["Rss"]
             finally:
                 holder.stdin.close()
+                holder.stdout.read()  # until it has ended them all
 
     def close(self):
         self._server.kill()
