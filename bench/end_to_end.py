@@ -1,5 +1,7 @@
 #!/usr/bin/python3
-"""What the tunnel carries, beside the same traffic straight through the same proxy core, measured in turns in one run.
+"""What the tunnel carries, beside the same traffic straight through the same core, measured in turns in one run. The
+TCP rows also as a machine behind the Windows machine has them: its connections take the user-space engine, where the
+Windows machine's own are rewritten and relayed.
 
     end_to_end.py FIGURES.json [--rounds N] [--seconds S]
 
@@ -37,6 +39,11 @@ ROWS = [
     ("UDP echoes on one flow", "udp", 1, "per_second", "/s"),
     ("UDP echoes from new ports", "udp-new", 1, "per_second", "/s"),
 ]
+# Where a load's clients run, for each way: straight through the core, through the tunnel as the machine's own
+# traffic, and through the engine.
+WAYS = {"plain": "host", "tunnel": "host", "engine": "guest"}
+# What the engine is not in the way of: the guest's datagrams of IPv4 take the machine's own way.
+KINDS_WITHOUT_ENGINE = ("udp", "udp-new")
 HELD = 1000
 
 
@@ -50,7 +57,7 @@ class Load:
         assert self._server.stdout.readline() == b"ready\n"
 
     def _command(self, kind, way, **options):
-        words = [*self._bench.network.enter("host"), sys.executable, LOAD, kind, SERVERS[0]]
+        words = [*self._bench.network.enter(WAYS[way]), sys.executable, LOAD, kind, SERVERS[0]]
         words += ["--socks", core.PROXY_PORT] if way == "plain" else []
         words += [word for name, value in options.items() for word in (f"--{name}", value)]
         return [str(word) for word in words]
@@ -60,16 +67,17 @@ class Load:
                               timeout=seconds + 60, check=True)
         return json.loads(done.stdout)
 
-    def memory_of_held_connections(self, count):
+    def memory_of_held_connections(self, way, count):
         """Resident KiB of the daemon before, and with that many idle connections."""
         before = self._bench.memory()["Rss"]
-        command = self._command("hold", "tunnel", streams=count)
+        command = self._command("hold", way, streams=count)
         with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as holder:
             try:
                 assert json.loads(holder.stdout.readline()) == {"open": count}
                 return before, self._bench.memory()["Rss"]
             finally:
                 holder.stdin.close()
+                holder.stdout.read()  # until it has ended them all
 
     def close(self):
         self._server.kill()
@@ -77,7 +85,7 @@ class Load:
 
 
 def measure(rounds, seconds):
-    bench = Bench(paths.OUTPUT / "benchmark", ("host", "net"))
+    bench = Bench(paths.OUTPUT / "benchmark", ("host", "net", "guest"))
     with contextlib.ExitStack() as stack:
         stack.callback(bench.down)
         bench.up()
@@ -92,27 +100,36 @@ def measure(rounds, seconds):
         figures = {}
         for _ in range(rounds):
             for name, kind, streams, key, unit in ROWS:
-                for way in ("plain", "tunnel"):
+                for way in WAYS:
+                    if way == "engine" and kind in KINDS_WITHOUT_ENGINE:
+                        continue
                     told = load.run(kind, way, seconds, streams)
-                    row = figures.setdefault(name, {"unit": unit, "plain": [], "tunnel": []})
-                    row[way].append(told[key])
+                    row = figures.setdefault(name, {"unit": unit})
+                    row.setdefault(way, []).append(told[key])
                     row.setdefault(f"{way}_told", []).append(told)
                     print(f"{name}, {way}: {told}", file=sys.stderr, flush=True)
-        before, held = load.memory_of_held_connections(HELD)
+        memory = {}
+        for way in ("tunnel", "engine"):
+            time.sleep(3)  # what the last ones have left is given back
+            before, held = load.memory_of_held_connections(way, HELD)
+            memory[way] = {"resident_kib": before, "resident_kib_held": held, "held": HELD}
         tunnel.stop(client)
-    return {"load_avg": os.getloadavg(), "rows": figures,
-            "memory": {"resident_kib": before, "resident_kib_held": held, "held": HELD}}
+    return {"load_avg": os.getloadavg(), "rows": figures, "memory": memory}
 
 
 def show(figures):
-    print(f"{'':32}{'tunnel':>10}{'plain':>10}         tunnel/plain")
+    print(f"{'':32}{'tunnel':>10}{'engine':>10}{'plain':>10}         tunnel/plain  engine/plain")
     for name, row in figures["rows"].items():
-        through, plain = statistics.median(row["tunnel"]), statistics.median(row["plain"])
-        print(f"{name:32}{through:10.0f}{plain:10.0f} {row['unit']:8}{through / plain:11.2f}")
-    memory = figures["memory"]
-    growth = (memory["resident_kib_held"] - memory["resident_kib"]) / memory["held"]
-    print(f"\nresident memory {memory['resident_kib'] / 1024:.0f} MiB; {growth:.0f} KiB more for each of {memory['held']} "
-          "idle connections")
+        medians = {way: statistics.median(row[way]) for way in WAYS if way in row}
+        rates = [f"{medians[way]:10.0f}" if way in medians else f"{'-':>10}" for way in ("tunnel", "engine", "plain")]
+        ratios = [f"{medians[way] / medians['plain']:14.2f}" if way in medians else f"{'-':>14}"
+                  for way in ("tunnel", "engine")]
+        print(f"{name:32}{''.join(rates)} {row['unit']:6}{''.join(ratios)}")
+    print()
+    for way, memory in figures["memory"].items():
+        growth = (memory["resident_kib_held"] - memory["resident_kib"]) / memory["held"]
+        print(f"{way}: resident memory {memory['resident_kib'] / 1024:.0f} MiB; {growth:.0f} KiB more for each of "
+              f"{memory['held']} idle connections")
 
 
 def main():

@@ -183,7 +183,9 @@ void TcpEngine::takeNumbers(const TcpConnectionPtr &connection, const TcpSegment
     const TcpSender::Acknowledged acknowledged = connection->stream().acknowledge(segment);
     if (acknowledged != TcpSender::Acknowledged::Nothing)
         connection->noteProgress(m_services.clock());
-    if (acknowledged == TcpSender::Acknowledged::Room)
+    // Once is enough until flow control looks again: setting an event for each acknowledgement of a download would
+    // keep the reader thread from the packets that follow.
+    if (acknowledged == TcpSender::Acknowledged::Room && !m_isDrainWanted.exchange(true))
         SetEvent(m_drainEvent.get());
 }
 
@@ -259,6 +261,7 @@ void TcpEngine::watch(const TcpConnectionPtr &connection)
 
 void TcpEngine::drainWaiting(const std::function<bool()> &isRunning)
 {
+    m_isDrainWanted = false; // first: what makes room from here on is looked at again
     std::size_t left = 0;
     {
         const std::lock_guard lock(m_waitingMutex);

@@ -101,6 +101,8 @@ private:
     std::mutex m_waitingMutex;
     std::deque<TcpConnectionPtr> m_waiting;
     std::atomic<std::uint64_t> m_drains = 0;
+    /// The event has been set and flow control has not looked since.
+    std::atomic<bool> m_isDrainWanted = false;
 };
 
 } // namespace ruvo

@@ -2,11 +2,16 @@
 
 import re
 import signal
+from collections import namedtuple
 
 import pytest
 
-from bench import core, paths, sweep, traffic, tunnel
+from bench import core, guest, paths, sweep, traffic, tunnel
 from bench.machine import Bench
+from bench.scripted_socks import Socks
+
+# A client, and the two proxies of the tunnel that it has started.
+Scripted = namedtuple("Scripted", "client proxy direct")
 
 
 def pytest_sessionstart(session):  # pylint: disable=unused-argument
@@ -99,3 +104,23 @@ def tunnel_client(core_client):  # pylint: disable=redefined-outer-name
     """A client whose core and tunnel are up."""
     tunnel.start(core_client)
     return core_client
+
+
+@pytest.fixture
+def guest_client(running, tunnel_client):  # pylint: disable=redefined-outer-name
+    """The same, for a test in which the guest uses the tunnel much; the bench has to have the role `guest`."""
+    guest.allow(running, guest.ORDINARY_LINES + guest.BUSY_LINES)
+    return tunnel_client
+
+
+@pytest.fixture
+def scripted(running):  # pylint: disable=redefined-outer-name
+    """A tunnel for the guest whose two proxies do what the test tells them (scripted_socks.Socks)."""
+    tunnel.expect_in_log(running)
+    guest.allow(running, guest.ORDINARY_LINES)
+    client = running.client()
+    with Socks(running, 30808) as proxy, Socks(running, 40808) as direct:
+        tunnel.start(client, proxy_port=proxy.port, direct_port=direct.port)
+        yield Scripted(client, proxy, direct)
+        if tunnel.is_running(client):
+            tunnel.stop(client)

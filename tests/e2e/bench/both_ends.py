@@ -3,6 +3,7 @@
 import hashlib
 import socket
 import threading
+import time
 from contextlib import contextmanager
 
 from . import sockets
@@ -16,14 +17,14 @@ DIRECT_PORT = 53
 
 
 @contextmanager
-def connections(bench, count=1, *, address=SERVER, port=PORT, options=()):
-    """That many connections from the Windows machine to a server: [(client, server), …]."""
+def connections(bench, count=1, *, address=SERVER, port=PORT, options=(), role="host"):
+    """That many connections from the Windows machine, or from another, to a server: [(client, server), …]."""
     pairs = []
     with sockets.listener(bench, (address, port), backlog=count) as listener:
         listener.settimeout(20)
         try:
             for _ in range(count):
-                client = sockets.tcp(bench, (address, port), options=options)
+                client = sockets.tcp(bench, (address, port), role, options=options)
                 try:
                     server, _ = listener.accept()
                 except BaseException:
@@ -106,15 +107,26 @@ def is_known(data):
     return b"".join(known_bytes(len(data))) == data
 
 
-def expect_known(connection, size):
-    """Receives what a Sender of this size sends, whole."""
+def expect_known(connection, size, pause=0, every=0):
+    """Receives what a Sender of this size sends, whole; with a pause after every so many bytes. How long it took."""
     digest, left = hashlib.sha256(), size
+    began = time.monotonic()
     while left:
-        block = connection.recv(min(left, 1 << 18))
+        until_pause = every - (size - left) % every if every else left
+        block = connection.recv(min(left, until_pause, 1 << 18))
         assert block, f"the connection ended {left} bytes too early"
         digest.update(block)
         left -= len(block)
+        if left and len(block) == until_pause:
+            time.sleep(pause)
     assert digest.hexdigest() == known_digest(size)
+    return time.monotonic() - began
+
+
+def end_with(connection, data):
+    """Sends the last bytes and the end of this half in one segment."""
+    connection.send(data, socket.MSG_MORE)
+    connection.shutdown(socket.SHUT_WR)
 
 
 def expect_reset(connection):

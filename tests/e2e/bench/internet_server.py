@@ -10,6 +10,7 @@ Runs as a program there; prints "ready".
 import hashlib
 import http.server
 import random
+import socket
 import socketserver
 import sys
 import threading
@@ -108,6 +109,10 @@ class HttpServer(TcpServer, http.server.HTTPServer):
 
 class UdpServer(socketserver.UDPServer):
     max_packet_size = 65535
+
+    def __init__(self, address, handler):
+        self.address_family = socket.AF_INET6 if ":" in address[0] else socket.AF_INET
+        super().__init__(address, handler)
 
 
 def main():

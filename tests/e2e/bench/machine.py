@@ -114,6 +114,10 @@ class Bench(Service):
         # The text has to change, or the counts would go on.
         self._replace(self.substitutes / "faults.txt", [f"# plan {next(self._plans)}", *lines])
 
+    def plan_packets(self, *lines):
+        """What happens to packets from now on: "reorder 10 3", "full 100 50" (docs/bench.md); none: they just pass."""
+        self._replace(self.substitutes / "packets.txt", lines)
+
     @staticmethod
     def _replace(path, lines):
         new = path.with_suffix(".new")

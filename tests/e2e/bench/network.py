@@ -20,6 +20,12 @@ ROUTES = (
 # Where servers are, far behind the gateway: public resolvers, and addresses for documentation.
 RESOLVERS = ("8.8.8.8", "8.8.4.4", "1.1.1.1", "1.0.0.1")
 SERVERS = ("203.0.113.10", "203.0.113.20")
+# The guest has IPv6 as well, and the servers have an address in it. How `host` reaches that is the test's to say: the
+# tunnel makes no routes for IPv6.
+GUEST_LINK6 = (("guest", "uplink", "2001:db8:1::2/64"), ("host", "guest0", "2001:db8:1::1/64"))
+GUEST_GATEWAY6 = "2001:db8:1::1"
+SERVER6 = "2001:db8:2::10"
+SERVER_NETWORK6 = "2001:db8:2::/64"
 # Programs of `host` that bind to these leave through the uplink whatever the routes say, as a program of Windows that
 # binds to an interface does.
 UPLINK_ADDRESSES = ("192.0.2.2", "192.0.2.3")
@@ -101,16 +107,19 @@ class Network:
         if "net" in self.roles:
             for address in RESOLVERS + SERVERS:
                 ip("-n", self.name("net"), "address", "add", f"{address}/32", "dev", "lo")
+            ip("-n", self.name("net"), "address", "add", f"{SERVER6}/128", "dev", "lo", "nodad")
         if {"host", "net"} <= set(self.roles):
             self._make_way_around_routes()
         if "host" in self.roles:
-            self._set_host(**HOST_SETTINGS)
+            self.set("host", **HOST_SETTINGS)
         if "guest" in self.roles:
-            self._set_host(**{"net.ipv4.ip_forward": "1"})
+            self.set("host", **{"net.ipv4.ip_forward": "1", "net.ipv6.conf.all.forwarding": "1"})
+            self._give_guest_ipv6()
 
-    def _set_host(self, **settings):
+    def set(self, role, **settings):
+        """Sets sysctls of a namespace."""
         words = [f"{name}={value}" for name, value in settings.items()]
-        subprocess.run([*self.enter("host"), "sysctl", "-qw", *words], check=True, timeout=20)
+        subprocess.run([*self.enter(role), "sysctl", "-qw", *words], check=True, timeout=20)
 
     def _connect(self, link):
         (role, device, _), (peer_role, peer_device, _) = link
@@ -119,6 +128,14 @@ class Network:
         for end_role, end_device, address in link:
             ip("-n", self.name(end_role), "address", "add", address, "dev", end_device)
             ip("-n", self.name(end_role), "link", "set", end_device, "up")
+
+    def _give_guest_ipv6(self):
+        for role, device, address in GUEST_LINK6:
+            if role in self.roles:
+                # Nobody else can have it: it is of use at once.
+                ip("-n", self.name(role), "address", "add", address, "dev", device, "nodad")
+        if "host" in self.roles:
+            ip("-n", self.name("guest"), "-6", "route", "add", "default", "via", GUEST_GATEWAY6)
 
     def _make_way_around_routes(self):
         host = self.name("host")

@@ -10,7 +10,7 @@ METHOD_REPLY = b"\x05\x00"
 CONNECTED = b"\x05\x00\x00\x01" + bytes(6)
 
 
-class _Proxy:
+class Proxy:
     """Takes each connection on a thread of its own, until it is closed."""
 
     def __init__(self, bench, port):
@@ -32,8 +32,8 @@ class _Proxy:
     def _run(self, connection):
         try:
             self._serve(connection)
-        except OSError:
-            pass  # the other end has gone
+        except (OSError, ValueError):
+            pass  # the other end has gone, or this one is closed
 
     def _serve(self, connection):
         raise NotImplementedError
@@ -58,7 +58,7 @@ class _Proxy:
         self.close()
 
 
-class Connector(_Proxy):
+class Connector(Proxy):
     """Says yes to every CONNECT and hands the connection to the test.
 
     behind_reply: what is sent in one piece with the reply.
@@ -86,7 +86,7 @@ class Connector(_Proxy):
             return self._taken.pop(0)
 
 
-class Forwarder(_Proxy):
+class Forwarder(Proxy):
     """Hands every connection on to the port of a real proxy; while it is mute, new ones get no answer."""
 
     def __init__(self, bench, port, target):
@@ -100,11 +100,11 @@ class Forwarder(_Proxy):
             return
         onward = sockets.tcp(self._bench, self._target, timeout=None)
         self._also_close(onward)
-        threading.Thread(target=_copy, args=(onward, connection), daemon=True).start()
-        _copy(connection, onward)
+        threading.Thread(target=copy, args=(onward, connection), daemon=True).start()
+        copy(connection, onward)
 
 
-def _copy(source, destination):
+def copy(source, destination):
     try:
         while data := source.recv(1 << 18):
             destination.sendall(data)

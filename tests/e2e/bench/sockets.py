@@ -43,7 +43,7 @@ def tcp(bench, address, role="host", timeout=20, *, port=0, options=()):
 
 def connect(address, timeout=20, *, port=0, options=()):
     """The same, on a thread that is in its namespace already."""
-    made = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    made = socket.socket(family_of(address), socket.SOCK_STREAM)
     try:
         made.settimeout(timeout)
         for option in options:
@@ -69,10 +69,15 @@ def reset(connection):
     connection.close()
 
 
+def family_of(address):
+    """The family of (host, port)."""
+    return socket.AF_INET6 if ":" in address[0] else socket.AF_INET
+
+
 def udp(bench, role="host", bind=("", 0), timeout=20):
-    """A datagram socket in that namespace."""
+    """A datagram socket in that namespace; bind=("::", 0) for one of IPv6."""
     def make():
-        made = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        made = socket.socket(family_of(bind), socket.SOCK_DGRAM)
         made.settimeout(timeout)
         made.bind(bind)
         return made

@@ -7,7 +7,7 @@ from collections import namedtuple
 from pathlib import Path
 
 from . import internet_server, sockets
-from .network import RESOLVERS, SERVERS, UPLINK_ADDRESSES
+from .network import RESOLVERS, SERVER6, SERVERS, UPLINK_ADDRESSES
 from .waiting import wait_for
 
 HERE = Path(__file__).resolve().parent
@@ -16,6 +16,7 @@ ECHO = (SERVER, internet_server.ECHO_PORT)
 IPERF_PORT = 5201
 # Names that the resolvers know.
 NAMES = {"web.test": SERVERS[0], "other.test": SERVERS[1]}
+NAME6 = "six.test"  # of SERVER6
 # Who the servers see, by the way that the core's connections take.
 PEERS = dict(zip(("proxy", "direct"), UPLINK_ADDRESSES))
 
@@ -37,8 +38,8 @@ class Servers:
             raise
 
     def _start_all(self):
-        web = self._start("internet_server", [sys.executable, "-B", HERE / "internet_server.py", *RESOLVERS, *SERVERS])
-        names = [f"--host-record={name},{address}" for name, address in NAMES.items()]
+        web = self._start("internet_server", [sys.executable, "-B", HERE / "internet_server.py", *RESOLVERS, *SERVERS, SERVER6])
+        names = [f"--host-record={name},{address}" for name, address in (NAMES | {NAME6: SERVER6}).items()]
         listen = [f"--listen-address={address}" for address in RESOLVERS]
         # All else does not exist.
         self._start("dnsmasq-messages", [

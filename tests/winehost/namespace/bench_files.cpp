@@ -20,7 +20,7 @@ std::filesystem::path benchFolder()
 
 void clearBenchFolder()
 {
-    for (const char *name : {"journal.jsonl", "faults.txt", "netconfig.txt", "adapters.txt"})
+    for (const char *name : {"journal.jsonl", "faults.txt", "packets.txt", "netconfig.txt", "adapters.txt"})
         std::filesystem::remove(benchFolder() / name);
 }
 

@@ -150,11 +150,50 @@ std::expected<BYTE *, DWORD> Session::receiveOnce(DWORD &size)
         return std::unexpected<DWORD>(ERROR_INVALID_DATA);
     if (!m_outside.empty() || !m_received->hasRoomFor(PacketRing::largestPacket))
         return receiveIntoFullRing(size);
+    m_disorder.follow(plannedPackets().current());
+    if (m_disorder.isActive()) [[unlikely]]
+        return receiveDisordered(size);
     const auto read = readPacket(m_received->nextPlace());
     if (!read)
         return std::unexpected(read.error());
     size = *read;
     return m_received->push(size);
+}
+
+// A packet that is kept waits for others for a few milliseconds only: a flow that waits for it sends no more.
+std::expected<BYTE *, DWORD> Session::receiveDisordered(DWORD &size)
+{
+    constexpr int patienceMs = 5;
+    for (int waited = 0;;) {
+        if (const auto due = m_disorder.takeDue())
+            return pushCopy(*due, size);
+        BYTE *place = m_received->nextPlace();
+        const auto read = readPacket(place);
+        if (!read) {
+            if (read.error() != ERROR_NO_MORE_ITEMS || !m_disorder.isKeeping())
+                return std::unexpected(read.error());
+            if (waited++ < patienceMs)
+                Sleep(1);
+            else
+                return pushCopy(m_disorder.takeNext(), size);
+            continue;
+        }
+        const bool isAdmitted = m_disorder.admit({place, *read});
+        m_counters.overtaken = m_disorder.overtaken();
+        m_counters.repeated = m_disorder.repeated();
+        if (isAdmitted) {
+            size = *read;
+            return m_received->push(size);
+        }
+    }
+}
+
+BYTE *Session::pushCopy(const PacketDisorder::Packet &packet, DWORD &size)
+{
+    size = static_cast<DWORD>(packet.size());
+    BYTE *place = m_received->push(size);
+    std::ranges::copy(packet, place);
+    return place;
 }
 
 // Whether a packet fits is known only once it has been read. One that does not fit waits outside.
@@ -208,7 +247,7 @@ std::expected<BYTE *, DWORD> Session::allocate(DWORD size)
         return std::unexpected<DWORD>(ERROR_HANDLE_EOF);
     if (size == 0 || size > PacketRing::largestPacket)
         return std::unexpected<DWORD>(ERROR_INVALID_PARAMETER);
-    if (!m_sending->hasRoomFor(size)) {
+    if (!m_sending->hasRoomFor(size) || plannedPackets().current().isFullAt(GetTickCount64())) {
         m_counters.refusedFull.fetch_add(1, std::memory_order_relaxed);
         return std::unexpected<DWORD>(ERROR_BUFFER_OVERFLOW);
     }

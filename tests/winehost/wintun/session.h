@@ -3,6 +3,7 @@
 #include "kernel/system_call.h"
 #include "library/lock.h"
 #include "wintun/adapter_identity.h"
+#include "wintun/packet_disorder.h"
 #include "wintun/packet_ring.h"
 #include "wintun/read_watcher.h"
 
@@ -24,6 +25,8 @@ struct SessionCounters
     std::atomic<ULONGLONG> sentBytes = 0;
     std::atomic<ULONGLONG> refusedFull = 0; ///< no room in the send ring
     std::atomic<ULONGLONG> dropped = 0;     ///< refused by Linux: no IP packet, or the interface is down
+    std::atomic<ULONGLONG> overtaken = 0;   ///< as a test has planned it
+    std::atomic<ULONGLONG> repeated = 0;    ///< the same
 };
 
 /// Packets between the program and the TUN interface. Reads and writes happen on the program's own threads: a receive
@@ -59,6 +62,8 @@ private:
     std::expected<DWORD, DWORD> readPacket(BYTE *place);
     std::expected<BYTE *, DWORD> receiveOnce(DWORD &size);
     std::expected<BYTE *, DWORD> receiveIntoFullRing(DWORD &size);
+    std::expected<BYTE *, DWORD> receiveDisordered(DWORD &size);
+    BYTE *pushCopy(const PacketDisorder::Packet &packet, DWORD &size);
     void watchForNext();
     void flush();
     void adapterIsGone();
@@ -75,6 +80,7 @@ private:
     std::atomic<bool> m_isBusy = false; ///< the last look for a packet found one
     /// A packet that was read before it was known that the ring has no room for it.
     std::vector<BYTE> m_outside;
+    PacketDisorder m_disorder;
 
     Lock m_sendLock;
     std::optional<PacketRing> m_sending;

@@ -41,6 +41,8 @@ void addCounters(JournalEntry &entry, const Session &session)
         .add("dropped", counters.dropped.load())
         .add("unreleased", session.hadUnreleased())
         .add("unsent", session.hadUnsent());
+    if (counters.overtaken > 0 || counters.repeated > 0)
+        entry.add("overtaken", counters.overtaken.load()).add("repeated", counters.repeated.load());
 }
 
 BYTE *give(const std::expected<BYTE *, DWORD> &packet)
@@ -68,6 +70,7 @@ WINTUN_SESSION_HANDLE WINAPI WintunStartSession(WINTUN_ADAPTER_HANDLE adapter, D
     }
     s_receiveFault.lookNow();
     s_allocateFault.lookNow();
+    plannedPackets().lookNow();
     return Handles::instance().add(*std::move(session));
 }
 
