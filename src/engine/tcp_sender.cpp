@@ -33,7 +33,6 @@ TcpSender::TcpSender(const Opening &opening, const std::atomic<std::uint32_t> &a
     , m_window(opening.window)
     , m_windowShift(opening.windowShift)
     , m_windowSequence(opening.synSequence)
-    , m_windowAcknowledgement(opening.initialSequence)
 {}
 
 PacketBytes TcpSender::build(std::uint8_t flags, std::span<const std::uint8_t> payload, std::uint32_t seq) const
@@ -202,14 +201,14 @@ TcpSender::Acknowledged TcpSender::acknowledge(const TcpSegment &segment)
     }
     bool isNew = segment.ack != m_unacknowledged;
     m_unacknowledged = segment.ack;
-    // An older segment that was overtaken must not bring its window back.
-    const std::int32_t ahead = distance(segment.seq, m_windowSequence);
-    if (ahead > 0 || (ahead == 0 && distance(segment.ack, m_windowAcknowledgement) >= 0)) {
+    // An older segment that was overtaken must not bring its window back. One that acknowledges more is newer than
+    // all before it, even if it was sent again and has an old number: its window counts from there, and the one
+    // before would reach beyond what the application has room for.
+    if (isNew || distance(segment.seq, m_windowSequence) >= 0) {
         const std::uint32_t window = std::uint32_t{segment.window} << m_windowShift;
         isNew = isNew || window != m_window;
         m_window = window;
         m_windowSequence = segment.seq;
-        m_windowAcknowledgement = segment.ack;
     }
     if (!isNew)
         return Acknowledged::Nothing;

@@ -112,8 +112,7 @@ private:
     std::uint32_t m_unacknowledged; ///< SND.UNA
     std::uint32_t m_window;         ///< SND.WND, scaled
     const std::uint8_t m_windowShift;
-    std::uint32_t m_windowSequence;        ///< SND.WL1
-    std::uint32_t m_windowAcknowledgement; ///< SND.WL2
+    std::uint32_t m_windowSequence; ///< SND.WL1; SND.WL2 is never ahead of what may still come
 
     std::deque<Waiting> m_waiting;
     bool m_ackWaits = false;

@@ -73,7 +73,7 @@ TEST_F(TcpDownload, sequenceNumbersWrap)
     EXPECT_THAT(written(), ElementsAre("PSH|ACK seq 1 ack 1 len 1460", "PSH|ACK seq 1461 ack 1 len 1460",
                                        "PSH|ACK seq 2921 ack 1 len 1080"));
     EXPECT_EQ(applicationAcknowledges(4001), TcpSender::Acknowledged::Progress);
-    upstreamSends(65535);
+    upstreamSends(65536);
     EXPECT_EQ(downloaded(), streamBytes(0, 4000 + 64240)); // the last, shorter one has no room in the window
     EXPECT_EQ(stream().waitingPackets(), 1U);
 }

@@ -67,19 +67,21 @@ protected:
         for (std::uint32_t i = m_random.below(6); i > 0 && m_sending < m_cuts.size(); --i, ++m_sending) {
             const std::size_t at = m_cuts[m_sending];
             const bool isFin = at == m_uploadSize;
+            m_sendNext = std::max(m_sendNext, (isFin ? at + 1 : m_cuts[m_sending + 1]) + 1);
             put(at + 1, isFin ? tcpFin | tcpAck : tcpPsh | tcpAck,
                 isFin ? Bytes() : streamBytes(at, m_cuts[m_sending + 1] - at));
         }
     }
     void put(std::size_t seq, std::uint8_t flags, Bytes payload)
     {
-        OnItsWay packet{{.seq = static_cast<std::uint32_t>(m_applicationStart + seq),
-                         .ack = m_engineStart + m_received,
-                         .flags = flags,
-                         .window = static_cast<std::uint16_t>(m_window >> m_shift),
-                         .options = {},
-                         .payload = {}},
-                        std::move(payload)};
+        OnItsWay packet{
+            {.seq = static_cast<std::uint32_t>(m_applicationStart + seq),
+             .ack = m_engineStart + m_received,
+             .flags = flags,
+             .window = static_cast<std::uint16_t>(std::min(m_rightEdge - m_received, 0xffffU << m_shift) >> m_shift),
+             .options = {},
+             .payload = {}},
+            std::move(payload)};
         if (!m_random.oneIn(30))
             m_way.push_back(packet);
         if (m_random.oneIn(20))
@@ -127,16 +129,12 @@ protected:
         if (m_random.oneIn(4)) {
             const std::uint32_t sizes[] = {0, 1, 100, 1459, 1460, 5000, 65535, 60000};
             const std::uint32_t wanted = m_random.oneIn(10) ? 1U << 20 : sizes[m_random.below(8)];
-            const std::uint32_t edge = std::max(m_rightEdge, m_received + wanted);
-            m_window = std::min(edge - m_received, 0xffffU << m_shift) >> m_shift << m_shift;
-            m_rightEdge = std::max(m_rightEdge, m_received + m_window);
+            m_rightEdge = std::max(m_rightEdge, m_received + wanted);
             m_hasToAnswer = true;
-        } else {
-            m_window = std::min(m_rightEdge - m_received, 0xffffU << m_shift);
         }
         // What the last acknowledgement says is lost only together with the packet; a probe asks for it again.
         if (std::exchange(m_hasToAnswer, false))
-            put(std::min<std::size_t>(m_acknowledged, m_uploadSize + 2), tcpAck, {});
+            put(m_sendNext, tcpAck, {});
     }
 
     // The engine.
@@ -225,12 +223,12 @@ protected:
     /// Where the application cuts its stream; the last one is its FIN.
     std::vector<std::size_t> m_cuts;
     std::size_t m_sending = 0;
+    std::size_t m_sendNext = 1; ///< relative
     std::size_t m_firstUnacknowledged = 0;
     std::uint32_t m_acknowledged = 0;
     std::uint32_t m_lastProgress = 0;
     /// Relative, like the edge.
     std::uint32_t m_received = 0;
-    std::uint32_t m_window = 65535;
     std::uint32_t m_rightEdge = 65536;
     bool m_hasToAnswer = false;
     bool m_hasFin = false;
