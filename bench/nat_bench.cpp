@@ -30,6 +30,11 @@ TcpEndpoints connectionOf(std::size_t number)
     return {tunnel, static_cast<std::uint16_t>(1024 + n), 0xc6336400 + n % 200, 443};
 }
 
+FlowKey flowOf(const TcpEndpoints &connection)
+{
+    return {{connection.srcIp, connection.srcPort}, {connection.dstIp, connection.dstPort}};
+}
+
 /// A table with as many connections as the benchmark's argument says, and an order in which they take turns.
 struct Connections
 {
@@ -39,8 +44,7 @@ struct Connections
         std::minstd_rand random(1);
         for (std::size_t number = 0; number < count; ++number) {
             const TcpEndpoints connection = connectionOf(number);
-            const std::uint16_t natPort =
-                table.allocateNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort);
+            const std::uint16_t natPort = table.allocateNatPort(flowOf(connection));
             if (!table.accept(natPort))
                 std::abort();
             connections.push_back(connection);
@@ -63,8 +67,7 @@ void natFindByClient(benchmark::State &state)
     Connections all(state);
     for ([[maybe_unused]] auto iteration : state) {
         const TcpEndpoints &connection = all.connections[all.next()];
-        benchmark::DoNotOptimize(
-            all.table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort));
+        benchmark::DoNotOptimize(all.table.findNatPort(flowOf(connection)));
     }
 }
 
@@ -81,7 +84,7 @@ void natOpenAndEnd(benchmark::State &state)
     Connections all(state);
     std::uint16_t port = 0;
     for ([[maybe_unused]] auto iteration : state) {
-        const std::uint16_t natPort = all.table.allocateNatPort(tunnel + 1, ++port, 0x01010101, 80);
+        const std::uint16_t natPort = all.table.allocateNatPort({{tunnel + 1, ++port}, {0x01010101, 80}});
         all.table.end(all.table.accept(natPort));
     }
 }
@@ -100,15 +103,12 @@ struct Dispatch
                 const TcpNatSessionPtr session = all.table.findByNatPort(natPort);
                 if (!session)
                     return std::nullopt;
-                return TcpEndpoints{session->clientAddress, session->clientPort, session->destinationAddress,
-                                    session->destinationPort};
+                return TcpEndpoints{session->client().address, session->client().port, session->destination().address,
+                                    session->destination().port};
             },
             .allocateNatPort = [](const TcpEndpoints &) { return std::uint16_t(0); },
             .findNatPort =
-                [this](const TcpEndpoints &connection) {
-                    return all.table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp,
-                                                 connection.dstPort);
-                },
+                [this](const TcpEndpoints &connection) { return all.table.findNatPort(flowOf(connection)); },
             .sendRewritten =
                 [this](const ParsedPacket &packet, const TcpEndpoints &to) {
                     if (!isRewritableTcp(packet.raw, packet.rawLen))

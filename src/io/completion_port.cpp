@@ -46,15 +46,19 @@ void CompletionPort::begin(IoOperation &operation, std::shared_ptr<void> record)
     ++m_inFlight;
 }
 
-std::shared_ptr<void> CompletionPort::abandon(IoOperation &operation)
+void CompletionPort::abandon(IoOperation &operation)
 {
     --m_inFlight;
-    return std::move(operation.m_record);
+    operation.m_record.reset();
 }
 
-bool CompletionPort::post(IoOperation &operation, CompletionKey key, DWORD bytes)
+bool CompletionPort::post(IoOperation &operation, std::shared_ptr<void> record, CompletionKey key, DWORD bytes)
 {
-    return PostQueuedCompletionStatus(m_port.get(), bytes, std::to_underlying(key), &operation);
+    begin(operation, std::move(record));
+    if (PostQueuedCompletionStatus(m_port.get(), bytes, std::to_underlying(key), &operation))
+        return true;
+    abandon(operation);
+    return false;
 }
 
 CompletionPort::Outcome CompletionPort::runOne(std::chrono::milliseconds timeout)

@@ -53,8 +53,8 @@ public:
         int error = 0;   ///< of what has Failed: WSAGetLastError()
     };
     /// Issues one overlapped call. `call` gets the count of bytes to fill in, makes the call with `&operation`, and
-    /// returns whether it was done at once; if not, WSAGetLastError() tells whether it is pending. `skipsPort` is what
-    /// skipPortOnSuccess said of the socket.
+    /// returns whether it was done at once; if not, WSAGetLastError() tells whether it is pending. `skipsPort` is
+    /// what skipPortOnSuccess said of the socket.
     ///
     /// While the call is in flight the operation holds `record`; after anything else the reference is given back
     /// before this returns, so the caller holds one of its own.
@@ -74,14 +74,9 @@ public:
         return issued;
     }
 
-    /// Right before a call is issued with `operation`: it is in flight from here on.
-    void begin(IoOperation &operation, std::shared_ptr<void> record);
-    /// The call was refused, or it was done at once on a socket with skipPortOnSuccess: nothing will complete. Gives
-    /// the reference back.
-    std::shared_ptr<void> abandon(IoOperation &operation);
-    /// The call was done at once on such a socket: its handler is to run on a worker all the same, as if it had taken
-    /// time. False: nothing will complete.
-    bool post(IoOperation &operation, CompletionKey key, DWORD bytes);
+    /// What was Done is to be completed all the same: the handler runs on a worker, as if the call had taken time.
+    /// False: the port refuses, and nothing will complete.
+    bool post(IoOperation &operation, std::shared_ptr<void> record, CompletionKey key, DWORD bytes);
 
     enum class Outcome {
         Completed, ///< One operation was completed.
@@ -99,6 +94,11 @@ public:
     std::int64_t inFlight() const { return m_inFlight; }
 
 private:
+    /// The operation is in flight from here on.
+    void begin(IoOperation &operation, std::shared_ptr<void> record);
+    /// Nothing will complete after all. Gives the reference up.
+    void abandon(IoOperation &operation);
+
     KernelHandle m_port;
     std::atomic<std::int64_t> m_inFlight = 0;
 };

@@ -6,7 +6,7 @@
 
 namespace ruvo {
 
-/// One outstanding overlapped call. It owns itself while it is in flight: from CompletionPort::begin until its
+/// One outstanding overlapped call. It owns itself while it is in flight: from CompletionPort::issue until its
 /// completion is dequeued it holds a reference to the record that it belongs to (and is a member of), so nothing is
 /// freed under the kernel's hands, and a completion finds its way without a look into any table.
 ///

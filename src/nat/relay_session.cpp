@@ -1,7 +1,6 @@
 #include "nat/relay_session.h"
 
 #include "common/log_category.h"
-#include "common/steady_clock.h"
 #include "io/short_pause.h"
 #include "io/socket_options.h"
 
@@ -23,11 +22,25 @@ bool isSilent(int error)
     return error == WSAECONNABORTED || error == WSAECONNRESET || error == WSAESHUTDOWN;
 }
 
+void advance(WSABUF &rest, DWORD bytes)
+{
+    rest.buf += bytes;
+    rest.len -= bytes;
+}
+
+using IssuedState = CompletionPort::Issued::State;
+
 } // namespace
 
-RelaySession::Side::Side(Socket owned, const char *failure)
-    : socket(std::move(owned)), receiveFailure(failure), buffer(makePageBuffer<char>(bufferSize))
+RelaySession::Direction::Direction(RelaySession &owner, Side &sender, Side &receiver, const char *failure)
+    : relay(owner), from(sender), to(receiver), receiveFailure(failure), buffer(makePageBuffer<char>(bufferSize))
 {}
+
+void RelaySession::Direction::takeTurn()
+{
+    if (state == State::Receiving)
+        state = State::Relaying;
+}
 
 RelaySession::RelaySession(std::uint64_t id, Socket client, Socket destination, bool isDirect,
                            CompletionPort &completionPort, std::function<void()> onClosed)
@@ -35,8 +48,10 @@ RelaySession::RelaySession(std::uint64_t id, Socket client, Socket destination, 
     , m_isDirect(isDirect)
     , m_completionPort(completionPort)
     , m_onClosed(std::move(onClosed))
-    , m_client(std::move(client), "[TCP-NAT-IOCP] WSARecv (client) failed:")
-    , m_destination(std::move(destination), "[TCP-NAT-IOCP] WSARecv (dest) failed:")
+    , m_client{std::move(client)}
+    , m_destination{std::move(destination)}
+    , m_upload(*this, m_client, m_destination, "[TCP-NAT-IOCP] WSARecv (client) failed:")
+    , m_download(*this, m_destination, m_client, "[TCP-NAT-IOCP] WSARecv (dest) failed:")
 {}
 
 void RelaySession::start()
@@ -48,12 +63,12 @@ void RelaySession::start()
     setNoDelay(m_client.socket.get());
     setNoDelay(m_destination.socket.get());
     // Both are issued before anything is relayed: an end that one finds must not come before the other's first bytes.
-    const std::optional<DWORD> early = postReceive(m_client, false);
-    const std::optional<DWORD> firstWords = postReceive(m_destination, false);
-    if (early && take(m_client, *early))
-        receiveFrom(m_client);
-    if (firstWords && take(m_destination, *firstWords))
-        receiveFrom(m_destination);
+    const std::optional<DWORD> early = postReceive(m_upload, false);
+    const std::optional<DWORD> firstWords = postReceive(m_download, false);
+    if (early && take(m_upload, *early))
+        receiveFrom(m_upload);
+    if (firstWords && take(m_download, *firstWords))
+        receiveFrom(m_download);
 }
 
 bool RelaySession::associate(Side &side, const char *failure)
@@ -67,204 +82,187 @@ bool RelaySession::associate(Side &side, const char *failure)
     return false;
 }
 
-void RelaySession::receiveFrom(Side &side)
+RelaySession::Direction &RelaySession::opposite(const Direction &direction)
+{
+    return &direction == &m_upload ? m_download : m_upload;
+}
+
+void RelaySession::receiveFrom(Direction &direction)
 {
     for (int chunks = 0;; ++chunks) {
         // Nor does a worker wait several times in a row for one slow reader.
-        const bool isTurnOver = chunks >= maxChunksAtOnce || otherSide(side).delayed;
-        const std::optional<DWORD> bytes = postReceive(side, isTurnOver);
-        if (!bytes || !take(side, *bytes))
+        const bool isTurnOver = chunks >= maxChunksAtOnce || direction.pace == Pace::Delayed;
+        const std::optional<DWORD> bytes = postReceive(direction, isTurnOver);
+        if (!bytes || !take(direction, *bytes))
             return;
     }
 }
 
 /// What has come at once; nothing if the receive is in flight (with `throughPort` it is, unless the port refuses), or
 /// if the relay has ended.
-std::optional<DWORD> RelaySession::postReceive(Side &side, bool throughPort)
+std::optional<DWORD> RelaySession::postReceive(Direction &direction, bool throughPort)
 {
-    std::unique_lock lock(m_mutex);
-    if (m_closed || side.receivePending.exchange(true))
-        return std::nullopt;
-    if (m_endingSince != 0)
-        finish(otherSide(side));
-    m_completionPort.begin(side.receive, shared_from_this());
-    WSABUF room{.len = bufferSize, .buf = side.buffer.get()};
-    DWORD bytes = 0;
-    DWORD flags = 0;
-    if (WSARecv(side.socket.get(), &room, 1, &bytes, &flags, &side.receive, nullptr) == 0) {
-        if (!side.skipsPort
-            || (throughPort && m_completionPort.post(side.receive, CompletionKey::RelayReceive, bytes)))
+    const auto receive = [&direction](DWORD &bytes) {
+        WSABUF room{.len = bufferSize, .buf = direction.buffer.get()};
+        DWORD flags = 0;
+        return WSARecv(direction.from.socket.get(), &room, 1, &bytes, &flags, &direction.receive, nullptr) == 0;
+    };
+    CompletionPort::Issued issued;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_closed)
             return std::nullopt;
-        const std::shared_ptr<void> self = m_completionPort.abandon(side.receive);
-        side.receivePending = false;
-        return bytes;
+        if (m_endingSince)
+            tellReceiver(direction, State::Dropping);
+        else
+            direction.state = State::Receiving;
+        issued = m_completionPort.issue(direction.receive, shared_from_this(), direction.from.skipsPort, receive);
+        if (issued.state == IssuedState::InFlight)
+            return std::nullopt;
+        if (issued.state == IssuedState::Done && throughPort
+            && m_completionPort.post(direction.receive, shared_from_this(), CompletionKey::RelayReceive,
+                                     issued.bytes)) {
+            return std::nullopt;
+        }
+        direction.takeTurn();
     }
-    const int error = WSAGetLastError();
-    if (error == WSA_IO_PENDING)
-        return std::nullopt;
-    const std::shared_ptr<void> self = m_completionPort.abandon(side.receive);
-    side.receivePending = false;
-    lock.unlock();
-    if (!isSilent(error))
-        qCWarning(lcRuvod) << side.receiveFailure << error;
+    if (issued.state == IssuedState::Done)
+        return issued.bytes;
+    if (!isSilent(issued.error))
+        qCWarning(lcRuvod) << direction.receiveFailure << issued.error;
     close(Closing::Abortive);
     return std::nullopt;
 }
 
-/// The rest of a chunk, to a side that does not keep up. True if the receive on the other side is due; else it waits
-/// for what is in flight.
-bool RelaySession::sendRest(Side &to)
+void RelaySession::onReceived(Direction &direction, DWORD bytes, DWORD error)
 {
-    while (to.unsent.len > 0) {
-        switch (postSend(to)) {
-        case Issued::InFlight: return false;
-        case Issued::Failed: return outlivesFailedSend(to);
-        case Issued::Done: break;
-        }
-    }
-    return true;
-}
-
-RelaySession::Issued RelaySession::postSend(Side &to)
-{
-    const std::lock_guard lock(m_mutex);
-    if (m_closed || to.sendPending.exchange(true))
-        return Issued::InFlight;
-    m_completionPort.begin(to.send, shared_from_this());
-    DWORD sent = 0;
-    const bool isDone = WSASend(to.socket.get(), &to.unsent, 1, &sent, 0, &to.send, nullptr) == 0;
-    if (isDone ? !to.skipsPort : WSAGetLastError() == WSA_IO_PENDING)
-        return Issued::InFlight;
-    const std::shared_ptr<void> self = m_completionPort.abandon(to.send);
-    to.sendPending = false;
-    if (!isDone)
-        return Issued::Failed;
-    to.unsent.buf += sent;
-    to.unsent.len -= sent;
-    return Issued::Done;
-}
-
-RelaySession::Side &RelaySession::otherSide(const Side &side)
-{
-    return &side == &m_client ? m_destination : m_client;
-}
-
-RelaySession::Side &RelaySession::sideOf(const ReceiveOperation *operation)
-{
-    return operation == &m_client.receive ? m_client : m_destination;
-}
-
-RelaySession::Side &RelaySession::sideOf(const SendOperation *operation)
-{
-    return operation == &m_client.send ? m_client : m_destination;
-}
-
-void RelaySession::ReceiveOperation::completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept
-{
-    const RelaySessionPtr session = std::static_pointer_cast<RelaySession>(record);
-    session->onReceived(session->sideOf(this), bytes, error);
-}
-
-void RelaySession::SendOperation::completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept
-{
-    const RelaySessionPtr session = std::static_pointer_cast<RelaySession>(record);
-    session->onSent(session->sideOf(this), bytes, error);
-}
-
-void RelaySession::onReceived(Side &from, DWORD bytes, DWORD error)
-{
-    from.receivePending = false;
-    const bool wasCancelled = error == ERROR_OPERATION_ABORTED && m_endingSince != 0; // by end()
+    direction.takeTurn();
+    const bool wasCancelled = error == ERROR_OPERATION_ABORTED && isEnding(); // by end()
     if (error != NO_ERROR && !wasCancelled)
         return close(Closing::Abortive);
-    if (wasCancelled || take(from, bytes))
-        receiveFrom(from);
+    if (wasCancelled || take(direction, bytes))
+        receiveFrom(direction);
 }
 
-/// What has been received. True if the next receive on this side is due.
-bool RelaySession::take(Side &from, DWORD bytes)
+/// What has been received. True if the next receive is due.
+bool RelaySession::take(Direction &direction, DWORD bytes)
 {
     if (bytes == 0) {
-        end(from);
+        end(direction);
         return false;
     }
-    if (m_endingSince != 0 && isFinished(otherSide(from)))
+    if (direction.state == State::Dropping)
         return true;
-    from.received += bytes;
-    return forward(from, bytes);
+    direction.received += bytes;
+    return forward(direction, bytes);
 }
 
-bool RelaySession::forward(Side &from, DWORD bytes)
+bool RelaySession::forward(Direction &direction, DWORD bytes)
 {
-    Side &to = otherSide(from);
-    WSABUF rest{.len = bytes, .buf = from.buffer.get()};
-    to.delayed = false;
-    for (int pauses = 0; rest.len > 0;) {
-        const int sent = ::send(to.socket.get(), rest.buf, static_cast<int>(rest.len), 0);
+    const bool wasStalled = direction.pace == Pace::Stalled;
+    direction.pace = Pace::Prompt;
+    direction.rest = {.len = bytes, .buf = direction.buffer.get()};
+    for (int pauses = 0; direction.rest.len > 0;) {
+        const int sent =
+            ::send(direction.to.socket.get(), direction.rest.buf, static_cast<int>(direction.rest.len), 0);
         if (sent > 0) {
-            rest.buf += sent;
-            rest.len -= static_cast<ULONG>(sent);
+            advance(direction.rest, static_cast<DWORD>(sent));
             continue;
         }
         if (WSAGetLastError() != WSAEWOULDBLOCK)
-            return outlivesFailedSend(to);
-        if (to.stalled || ++pauses > maxPauses) {
-            to.stalled = true;
-            to.unsent = rest;
-            return sendRest(to);
+            return outlivesFailedSend(direction);
+        if (wasStalled || ++pauses > maxPauses) {
+            direction.pace = Pace::Stalled;
+            return sendRest(direction);
         }
         shortPause();
-        to.delayed = true;
+        direction.pace = Pace::Delayed;
     }
-    to.stalled = false;
     return true;
 }
 
-void RelaySession::onSent(Side &to, DWORD bytes, DWORD error)
+/// The rest of a chunk, to a receiver that does not keep up. True if the next receive is due; else it waits for what
+/// is in flight.
+bool RelaySession::sendRest(Direction &direction)
 {
-    to.sendPending = false;
-    to.unsent.buf += bytes;
-    to.unsent.len -= bytes;
-    if (error == NO_ERROR ? sendRest(to) : outlivesFailedSend(to))
-        receiveFrom(otherSide(to));
+    while (direction.rest.len > 0) {
+        const CompletionPort::Issued issued = postSend(direction);
+        switch (issued.state) {
+        case IssuedState::InFlight: return false;
+        case IssuedState::Failed: return outlivesFailedSend(direction);
+        case IssuedState::Done: advance(direction.rest, issued.bytes); break;
+        }
+    }
+    return true;
+}
+
+/// Once the relay has closed nothing more is due: as if it were in flight.
+CompletionPort::Issued RelaySession::postSend(Direction &direction)
+{
+    const auto send = [&direction](DWORD &bytes) {
+        return WSASend(direction.to.socket.get(), &direction.rest, 1, &bytes, 0, &direction.send, nullptr) == 0;
+    };
+    const std::lock_guard lock(m_mutex);
+    if (m_closed)
+        return {.state = IssuedState::InFlight};
+    direction.state = State::Sending;
+    const CompletionPort::Issued issued =
+        m_completionPort.issue(direction.send, shared_from_this(), direction.to.skipsPort, send);
+    if (issued.state != IssuedState::InFlight)
+        direction.state = State::Relaying;
+    return issued;
+}
+
+void RelaySession::onSent(Direction &direction, DWORD bytes, DWORD error)
+{
+    direction.state = State::Relaying;
+    advance(direction.rest, bytes);
+    if (error == NO_ERROR ? sendRest(direction) : outlivesFailedSend(direction))
+        receiveFrom(direction);
 }
 
 /// What comes for a side that has ended by itself is not missed there: it may have closed whole. What came from it
 /// before is still on its way out, and must not be thrown away by a reset. Everything else is at its end.
-bool RelaySession::outlivesFailedSend(Side &to)
+bool RelaySession::outlivesFailedSend(const Direction &direction)
 {
-    if (!to.ended)
+    const bool hasReceiverEnded = opposite(direction).state == State::Ended;
+    if (!hasReceiverEnded)
         close(Closing::Abortive);
-    return to.ended;
+    return hasReceiverEnded;
 }
 
 // One direction ends both. What was received before is on its way in the sockets, and closing a socket while unread
 // bytes lie in it would reset the connection and throw that away: so both ends are told that nothing follows, and
 // what they still send is read and dropped until they are done as well.
-void RelaySession::end(Side &side)
+void RelaySession::end(Direction &direction)
 {
-    Side &other = otherSide(side);
-    side.ended = true;
+    Direction &other = opposite(direction);
     bool isConnected = true;
+    bool haveBothEnded = false;
     {
         const std::lock_guard lock(m_mutex);
-        isConnected = side.finished || isStillConnected(side);
+        isConnected = other.isReceiverTold() || isStillConnected(direction.from);
         if (isConnected) {
-            std::int64_t notEnding = 0;
-            m_endingSince.compare_exchange_strong(notEnding, steadyNanoseconds());
-            finish(other);
-            // A chunk that is on its way to this side goes out first, even one that has been received and that nobody
-            // has looked at yet: postReceive finishes this side then.
-            if (other.ended)
-                finish(side);
-            else if (other.receivePending)
-                CancelIoEx(reinterpret_cast<HANDLE>(other.socket.get()), &other.receive);
+            if (!m_endingSince)
+                m_endingSince = steadyNow();
+            tellReceiver(direction, State::Ended);
+            // A chunk that is on its way in the other direction goes out first, even one that has been received and
+            // that nobody has looked at yet: postReceive tells that direction's receiver then.
+            if (other.state == State::Receiving)
+                cancel(other);
+            haveBothEnded = other.state == State::Ended;
         }
     }
     if (!isConnected)
         return close(Closing::Abortive);
-    if (side.ended && other.ended)
+    if (haveBothEnded)
         close(Closing::Graceful);
+}
+
+bool RelaySession::isEnding()
+{
+    const std::lock_guard lock(m_mutex);
+    return m_endingSince.has_value();
 }
 
 /// A reset whose error nobody told of looks like an end. Nothing is sent by this, and it fails after one.
@@ -273,18 +271,12 @@ bool RelaySession::isStillConnected(const Side &side)
     return ::send(side.socket.get(), "", 0, 0) == 0 || WSAGetLastError() == WSAEWOULDBLOCK;
 }
 
-/// All that goes to this side has gone out.
-void RelaySession::finish(Side &side)
+/// All that goes to it has gone out: nothing follows. Under m_mutex.
+void RelaySession::tellReceiver(Direction &direction, State state)
 {
-    if (!std::exchange(side.finished, true))
-        ::shutdown(side.socket.get(), SD_SEND);
-}
-
-/// Then what still comes for it is dropped.
-bool RelaySession::isFinished(const Side &side)
-{
-    const std::lock_guard lock(m_mutex);
-    return side.finished;
+    if (!direction.isReceiverTold())
+        ::shutdown(direction.to.socket.get(), SD_SEND);
+    direction.state = state;
 }
 
 void RelaySession::abort()
@@ -294,11 +286,25 @@ void RelaySession::abort()
 
 // Gracefully: the last that was sent may still lie in a socket, for an application that takes its time to read it.
 // What has not even come that far is waited for.
-void RelaySession::closeIfOverdue(std::int64_t now)
+void RelaySession::closeIfOverdue(SteadyTime now)
 {
-    const std::int64_t since = m_endingSince;
-    if (since != 0 && now - since >= endingTime && !m_client.sendPending && !m_destination.sendPending)
-        close(Closing::Graceful);
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_endingSince || now - *m_endingSince < endingTime || m_upload.state == State::Sending
+            || m_download.state == State::Sending) {
+            return;
+        }
+    }
+    close(Closing::Graceful);
+}
+
+/// What is in flight, if anything is. Under m_mutex.
+void RelaySession::cancel(Direction &direction)
+{
+    if (direction.state == State::Sending)
+        CancelIoEx(reinterpret_cast<HANDLE>(direction.to.socket.get()), &direction.send);
+    else if (direction.state == State::Receiving || direction.state == State::Dropping)
+        CancelIoEx(reinterpret_cast<HANDLE>(direction.from.socket.get()), &direction.receive);
 }
 
 void RelaySession::close(Closing closing)
@@ -307,11 +313,10 @@ void RelaySession::close(Closing closing)
         const std::lock_guard lock(m_mutex);
         if (std::exchange(m_closed, true))
             return;
-        for (const Side *side : {&m_client, &m_destination}) {
+        for (Direction *direction : {&m_upload, &m_download}) {
             if (closing == Closing::Abortive)
-                resetWhenClosed(side->socket.get());
-            if (side->receivePending || side->sendPending)
-                CancelIoEx(reinterpret_cast<HANDLE>(side->socket.get()), nullptr);
+                resetWhenClosed(direction->from.socket.get());
+            cancel(*direction);
         }
     }
     m_onClosed();

@@ -1,10 +1,12 @@
 #pragma once
 
+#include "common/steady_clock.h"
 #include "common/windows_handles.h"
 #include "io/completion_port.h"
 #include "io/page_buffer.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -21,13 +23,14 @@ namespace ruvo {
 /// through the completion port, up to a limit.
 ///
 /// Handlers run on the port's workers (what is there at the start: on its thread), two at a time at most (one for
-/// each direction). m_mutex guards the issuing of operations against closing. The sockets are closed by the last
-/// reference, when nobody can be inside a call on them any more: until then closing only cancels.
+/// each direction). m_mutex guards the issuing of operations against closing, and what one direction does to the
+/// other. The sockets are closed by the last reference, when nobody can be inside a call on them any more: until then
+/// closing only cancels.
 class RelaySession : public std::enable_shared_from_this<RelaySession>
 {
 public:
     /// After a direction has ended the other may take this long to finish.
-    static constexpr std::int64_t endingTime = 30'000'000'000; // ns
+    static constexpr std::chrono::seconds endingTime{30};
 
     /// `onClosed` is called once, on any thread, without a lock.
     RelaySession(std::uint64_t id, Socket client, Socket destination, bool isDirect, CompletionPort &completionPort,
@@ -39,71 +42,84 @@ public:
     /// Ends both connections at once, so that neither end takes what it has for the whole.
     void abort();
     /// Closes one that has been ending for longer than endingTime.
-    void closeIfOverdue(std::int64_t now);
+    void closeIfOverdue(SteadyTime now);
 
     std::uint64_t id() const { return m_id; }
     bool isDirect() const { return m_isDirect; }
-    std::uint64_t bytesToDestination() const { return m_client.received; }
-    std::uint64_t bytesToClient() const { return m_destination.received; }
+    std::uint64_t bytesToDestination() const { return m_upload.received; }
+    std::uint64_t bytesToClient() const { return m_download.received; }
 
 private:
-    class ReceiveOperation : public IoOperation
-    {
-    protected:
-        void completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept override;
-    };
-    class SendOperation : public IoOperation
-    {
-    protected:
-        void completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept override;
-    };
-    /// One of the two connections, and what is read from it.
+    /// One of the two connections.
     struct Side
     {
-        Side(Socket owned, const char *failure);
-
         const Socket socket;
-        /// How a failed receive is logged.
-        const char *const receiveFailure;
         /// What is done at once is not posted to the completion port.
         bool skipsPort = false;
-        ReceiveOperation receive;
-        std::atomic<bool> receivePending = false;
-        const PageBuffer<char> buffer;
-        std::atomic<std::uint64_t> received = 0;
-        /// What goes to this side while it does not keep up: a part of the other side's buffer.
-        SendOperation send;
-        std::atomic<bool> sendPending = false;
-        WSABUF unsent{};
-        bool stalled = false;
-        /// The last chunk for it had to wait.
-        bool delayed = false;
-        /// Nothing comes from it any more.
-        std::atomic<bool> ended = false;
-        /// It has been told that nothing follows. Under m_mutex.
-        bool finished = false;
     };
 
-    enum class Issued { InFlight, Done, Failed };
+    /// How far a direction is. Only the thread that has the turn changes it; who issues a call that stays in flight
+    /// hands the turn to the thread that handles the completion. All but Relaying are entered under m_mutex: who sees
+    /// Receiving or Sending there can cancel that call.
+    enum class State {
+        Relaying,  ///< A thread has the turn: it passes a chunk on, or is about to issue the next call.
+        Receiving, ///< A receive is in flight.
+        Sending,   ///< The rest of a chunk is in flight, to a receiver that does not keep up.
+        Dropping,  ///< The other direction has ended, and the receiver knows that nothing follows: what still comes
+                   ///< is read and dropped, by receives in flight or on the spot.
+        Ended,     ///< Nothing comes any more, and the receiver knows.
+    };
+    /// How the receiver took the last chunk.
+    enum class Pace {
+        Prompt,
+        Delayed, ///< It made the worker pause.
+        Stalled, ///< Pauses did not help: the rest went out by itself. The next chunk does not pause first.
+    };
+
+    /// What comes from one connection and goes to the other.
+    struct Direction
+    {
+        Direction(RelaySession &owner, Side &sender, Side &receiver, const char *failure);
+
+        bool isReceiverTold() const { return state == State::Dropping || state == State::Ended; }
+        /// What it waited to receive is there, or the receive has failed. Dropping stays what it is.
+        void takeTurn();
+        void onReceived(DWORD bytes, DWORD error) { relay.onReceived(*this, bytes, error); }
+        void onSent(DWORD bytes, DWORD error) { relay.onSent(*this, bytes, error); }
+
+        RelaySession &relay;
+        const Side &from;
+        const Side &to;
+        /// How a failed receive is logged.
+        const char *const receiveFailure;
+        std::atomic<State> state = State::Relaying;
+        Pace pace = Pace::Prompt;
+        std::atomic<std::uint64_t> received = 0;
+        const PageBuffer<char> buffer;
+        /// What of the chunk in the buffer has not gone out yet.
+        WSABUF rest{};
+        MemberOperation<&Direction::onReceived> receive{*this};
+        MemberOperation<&Direction::onSent> send{*this};
+    };
+
+    enum class Closing { Graceful, Abortive };
 
     bool associate(Side &side, const char *failure);
-    Side &sideOf(const ReceiveOperation *operation);
-    Side &sideOf(const SendOperation *operation);
-    Side &otherSide(const Side &side);
-    void receiveFrom(Side &side);
-    std::optional<DWORD> postReceive(Side &side, bool throughPort);
-    bool sendRest(Side &to);
-    Issued postSend(Side &to);
-    void onReceived(Side &from, DWORD bytes, DWORD error);
-    void onSent(Side &to, DWORD bytes, DWORD error);
-    bool take(Side &from, DWORD bytes);
-    bool forward(Side &from, DWORD bytes);
-    bool outlivesFailedSend(Side &to);
-    void end(Side &side);
+    Direction &opposite(const Direction &direction);
+    bool isEnding();
+    void receiveFrom(Direction &direction);
+    std::optional<DWORD> postReceive(Direction &direction, bool throughPort);
+    void onReceived(Direction &direction, DWORD bytes, DWORD error);
+    bool take(Direction &direction, DWORD bytes);
+    bool forward(Direction &direction, DWORD bytes);
+    bool sendRest(Direction &direction);
+    CompletionPort::Issued postSend(Direction &direction);
+    void onSent(Direction &direction, DWORD bytes, DWORD error);
+    bool outlivesFailedSend(const Direction &direction);
+    void end(Direction &direction);
     static bool isStillConnected(const Side &side);
-    static void finish(Side &side);
-    bool isFinished(const Side &side);
-    enum class Closing { Graceful, Abortive };
+    static void tellReceiver(Direction &direction, State state);
+    static void cancel(Direction &direction);
     void close(Closing closing);
 
     const std::uint64_t m_id;
@@ -113,10 +129,12 @@ private:
 
     std::mutex m_mutex;
     bool m_closed = false;
+    /// When the first direction ended. Under m_mutex.
+    std::optional<SteadyTime> m_endingSince;
     Side m_client;
     Side m_destination;
-    /// When the first direction ended, in nanoseconds of the steady clock; 0 before.
-    std::atomic<std::int64_t> m_endingSince = 0;
+    Direction m_upload;
+    Direction m_download;
 };
 
 using RelaySessionPtr = std::shared_ptr<RelaySession>;

@@ -35,7 +35,7 @@ void RelayTable::closeOverdue()
         for (const auto &[id, session] : m_sessions)
             sessions.push_back(session);
     }
-    const std::int64_t now = steadyNanoseconds();
+    const SteadyTime now = steadyNow();
     for (const RelaySessionPtr &session : sessions)
         session->closeIfOverdue(now);
 }

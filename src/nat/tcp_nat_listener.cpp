@@ -108,27 +108,22 @@ void TcpNatListener::postAccept()
         qCCritical(lcRuvod) << "[TCP-NAT] Failed to create accept socket:" << error;
         return;
     }
-    m_completionPort->begin(m_acceptOperation, shared_from_this());
-    DWORD received = 0;
-    if (m_acceptEx(m_listenSocket.get(), m_acceptSocket.get(), m_addresses.data(), 0, addressRoom, addressRoom,
-                   &received, &m_acceptOperation)) {
-        return;
-    }
-    if (const int error = WSAGetLastError(); error != WSA_IO_PENDING) {
-        const std::shared_ptr<void> self = m_completionPort->abandon(m_acceptOperation);
+    const auto accept = [this](DWORD &received) {
+        return m_acceptEx(m_listenSocket.get(), m_acceptSocket.get(), m_addresses.data(), 0, addressRoom, addressRoom,
+                          &received, &m_acceptOperation)
+               != FALSE;
+    };
+    const CompletionPort::Issued issued =
+        m_completionPort->issue(m_acceptOperation, shared_from_this(), false, accept);
+    if (issued.state == CompletionPort::Issued::State::Failed) {
         m_acceptSocket.reset();
-        qCWarning(lcRuvod) << "[TCP-NAT] AcceptEx failed:" << error;
+        qCWarning(lcRuvod) << "[TCP-NAT] AcceptEx failed:" << issued.error;
     }
 }
 
 void TcpNatListener::ensureAccepting()
 {
     postAccept();
-}
-
-void TcpNatListener::AcceptOperation::completed(const std::shared_ptr<void> &record, DWORD, DWORD error) noexcept
-{
-    std::static_pointer_cast<TcpNatListener>(record)->onAcceptCompleted(error == NO_ERROR);
 }
 
 void TcpNatListener::onAcceptCompleted(bool success)

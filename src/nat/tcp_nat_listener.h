@@ -33,10 +33,10 @@ public:
     /// Failures are logged as critical, and leave nothing behind.
     bool initialize(std::uint32_t listenAddress, std::uint16_t requestedPort, CompletionPort &completionPort,
                     AcceptCallback acceptCallback, std::uint16_t &outPort);
-    /// The sockets are closed and the table emptied for good. Once.
     /// No client is accepted from now on, and those that still arrive are closed. Before shutdown, which may come
     /// later.
     void stopAccepting();
+    /// The sockets are closed and the table emptied for good. Once.
     void shutdown();
 
     std::uint16_t listenPort() const { return m_listenPort; }
@@ -48,17 +48,13 @@ public:
     void onAcceptCompleted(bool success);
 
 private:
-    class AcceptOperation : public IoOperation
-    {
-    protected:
-        void completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept override;
-    };
     /// What AcceptEx wants for each address: 16 bytes more than the address.
     static constexpr DWORD addressRoom = 32;
 
     Socket openListener(std::uint16_t requestedPort);
     bool bindListener(SOCKET socket, std::uint16_t requestedPort) const;
     void postAccept();
+    void onAccepted(DWORD, DWORD error) { onAcceptCompleted(error == NO_ERROR); }
     std::uint16_t acceptedPort(SOCKET client);
 
     TcpNatTable m_table;
@@ -74,7 +70,7 @@ private:
     Socket m_listenSocket;
     Socket m_acceptSocket;
     std::array<char, 2 * addressRoom> m_addresses;
-    AcceptOperation m_acceptOperation;
+    MemberOperation<&TcpNatListener::onAccepted> m_acceptOperation{*this};
 };
 
 } // namespace ruvo

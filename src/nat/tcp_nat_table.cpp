@@ -2,19 +2,12 @@
 
 namespace ruvo {
 
-TcpNatTable::ClientKey TcpNatTable::keyOf(const TcpNatSession &session)
-{
-    return {session.clientAddress, session.clientPort, session.destinationAddress, session.destinationPort};
-}
-
-std::uint16_t TcpNatTable::allocateNatPort(std::uint32_t clientAddress, std::uint16_t clientPort,
-                                           std::uint32_t destinationAddress, std::uint16_t destinationPort)
+std::uint16_t TcpNatTable::allocateNatPort(const FlowKey &flow)
 {
     const std::lock_guard lock(m_mutex);
     if (m_closed)
         return 0;
-    const ClientKey key{clientAddress, clientPort, destinationAddress, destinationPort};
-    const auto known = m_byClient.find(key);
+    const auto known = m_byClient.find(flow);
     // An ended connection is not opened again: its port still rewrites the segments that close it.
     if (known != m_byClient.end() && known->second->active)
         return known->second->natPort;
@@ -22,12 +15,11 @@ std::uint16_t TcpNatTable::allocateNatPort(std::uint32_t clientAddress, std::uin
     const std::uint16_t natPort = takeFreePort();
     if (natPort == 0)
         return 0;
-    const std::int64_t now = m_clock();
-    const TcpNatSessionPtr session(
-        new TcpNatSession{clientAddress, clientPort, destinationAddress, destinationPort, natPort, now});
+    const SteadyTime now = m_clock();
+    const TcpNatSessionPtr session(new TcpNatSession{flow, natPort, now});
     m_byNatPort[natPort] = session;
     ++m_portsInUse;
-    m_byClient.insert_or_assign(key, session);
+    m_byClient.insert_or_assign(flow, session);
     m_opened.push_back({natPort, now});
     return natPort;
 }
@@ -51,20 +43,19 @@ std::uint16_t TcpNatTable::takeFreePort()
     return m_nextNatPort++;
 }
 
-std::uint16_t TcpNatTable::findNatPort(std::uint32_t clientAddress, std::uint16_t clientPort,
-                                       std::uint32_t destinationAddress, std::uint16_t destinationPort) const
+std::uint16_t TcpNatTable::findNatPort(const FlowKey &flow) const
 {
     const std::lock_guard lock(m_mutex);
-    const auto found = m_byClient.find({clientAddress, clientPort, destinationAddress, destinationPort});
+    const auto found = m_byClient.find(flow);
     return found == m_byClient.end() ? 0 : found->second->natPort;
 }
 
-TcpNatSessionPtr TcpNatTable::findByClient(std::uint32_t clientAddress, std::uint16_t clientPort) const
+TcpNatSessionPtr TcpNatTable::findByClient(const Endpoint &client) const
 {
     const std::lock_guard lock(m_mutex);
     TcpNatSessionPtr newest;
-    for (auto at = m_byClient.lower_bound({clientAddress, clientPort, 0, 0}); at != m_byClient.end(); ++at) {
-        if (at->first.clientAddress != clientAddress || at->first.clientPort != clientPort)
+    for (auto at = m_byClient.lower_bound({client, {}}); at != m_byClient.end(); ++at) {
+        if (at->first.source != client)
             break;
         if (!newest || at->second->created >= newest->created)
             newest = at->second;
@@ -95,9 +86,8 @@ TcpNatSessionPtr TcpNatTable::accept(std::uint16_t natPort)
 void TcpNatTable::replace(TcpNatSessionPtr &session)
 {
     const TcpNatSessionPtr old = session;
-    session.reset(new TcpNatSession{old->clientAddress, old->clientPort, old->destinationAddress,
-                                    old->destinationPort, old->natPort, m_clock()});
-    const auto byClient = m_byClient.find(keyOf(*old));
+    session.reset(new TcpNatSession{old->flow, old->natPort, m_clock()});
+    const auto byClient = m_byClient.find(old->flow);
     if (byClient != m_byClient.end() && byClient->second == old)
         byClient->second = session;
 }
@@ -112,7 +102,7 @@ void TcpNatTable::end(const TcpNatSessionPtr &session)
 void TcpNatTable::expire()
 {
     const std::lock_guard lock(m_mutex);
-    const std::int64_t now = m_clock();
+    const SteadyTime now = m_clock();
     while (!m_ended.empty() && now - m_ended.front().time >= lingerTime) {
         erase(*m_ended.front().session);
         m_ended.pop_front();
@@ -134,7 +124,7 @@ void TcpNatTable::expire()
 /// A later session may stand in its place, which stays.
 void TcpNatTable::erase(const TcpNatSession &session)
 {
-    const auto byClient = m_byClient.find(keyOf(session));
+    const auto byClient = m_byClient.find(session.flow);
     if (byClient != m_byClient.end() && byClient->second.get() == &session)
         m_byClient.erase(byClient);
     if (m_byNatPort[session.natPort].get() == &session) {

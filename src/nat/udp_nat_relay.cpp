@@ -1,6 +1,6 @@
 #include "nat/udp_nat_relay.h"
 
-#include "common/ipv4.h"
+#include "common/dns_redirect.h"
 #include "common/log_category.h"
 #include "packet/packet_builder.h"
 
@@ -12,46 +12,35 @@
 
 namespace ruvo {
 
-namespace {
-
-constexpr std::uint16_t dnsPort = 53;
-
-} // namespace
-
-bool UdpNatRelay::initialize(std::uint32_t tunnelValue, const std::string &proxyHost, std::uint16_t proxyPort,
-                             std::uint16_t directPort, CompletionPort &completionPort, PacketOutput packetOutput)
+bool UdpNatRelay::initialize(const Settings &settings, CompletionPort &completionPort, PacketOutput packetOutput)
 {
-    m_tunnelValue = tunnelValue;
-    const QString host = QString::fromStdString(proxyHost);
+    m_tunnelValue = settings.tunnelValue;
+    const QString host = QString::fromStdString(settings.proxyHost);
     m_proxyHost = host.toStdWString();
-    m_proxyPort = proxyPort;
-    m_directPort = directPort;
+    m_proxyPort = settings.proxyPort;
+    m_directPort = settings.directPort;
     m_completionPort = &completionPort;
     m_packetOutput = std::move(packetOutput);
     m_initialized = true;
-    qCDebug(lcRuvod).nospace().noquote() << "[UDP-NAT] Initialized with proxy " << host << ":" << proxyPort
-                                         << " (proxy) / " << directPort << " (direct)";
+    qCDebug(lcRuvod).nospace().noquote() << "[UDP-NAT] Initialized with proxy " << host << ":" << m_proxyPort
+                                         << " (proxy) / " << m_directPort << " (direct)";
     return true;
 }
 
-bool UdpNatRelay::forward(std::uint32_t clientAddress, std::uint16_t clientPort, std::uint32_t requestedAddress,
-                          std::uint16_t requestedPort, std::uint32_t targetAddress, std::uint16_t targetPort,
-                          const std::uint8_t *payload, std::uint16_t length)
+bool UdpNatRelay::forward(const FlowKey &flow, const Endpoint &target, std::span<const std::uint8_t> payload)
 {
-    const UdpFlowKey key{clientAddress, clientPort, requestedAddress, requestedPort};
-    const std::span bytes(payload, length);
     {
         const std::lock_guard lock(m_mutex);
         if (!m_initialized)
             return false;
-        const auto found = m_flows.find(key);
+        const auto found = m_flows.find(flow);
         if (found != m_flows.end() && found->second->isActive()) {
-            if (!found->second->send(bytes))
+            if (!found->second->send(payload))
                 return false;
             touch(*found->second);
             return true;
         }
-        const bool isNew = m_waiting.add(key, {targetAddress, targetPort}, bytes);
+        const bool isNew = m_waiting.add(flow, target, payload);
         if (!isNew || m_opening == maxOpeners)
             return true;
         ++m_opening;
@@ -103,8 +92,8 @@ void UdpNatRelay::giveUp(const UdpWaitingFlows::Opening &flow)
             return;
         datagrams = m_waiting.take(flow.key);
     }
-    qCWarning(lcRuvod).nospace().noquote() << "[UDP-NAT] Failed to create SOCKS5 UDP session for "
-                                           << formatIpv4(flow.target.address) << ":" << flow.target.port;
+    qCWarning(lcRuvod).nospace().noquote()
+        << "[UDP-NAT] Failed to create SOCKS5 UDP session for " << formatEndpoint(flow.target);
     if (!m_fallback)
         return;
     for (const std::vector<std::uint8_t> &datagram : datagrams)
@@ -140,9 +129,9 @@ void UdpNatRelay::onAnswer(UdpNatSession &session, std::span<const std::uint8_t>
             return;
         touch(session);
     }
-    const UdpFlowKey &key = session.key();
-    const PacketBytes packet = buildUdpPacket(key.requestedAddress, key.requestedPort, key.clientAddress,
-                                              key.clientPort, payload.data(), payload.size());
+    const auto &[client, requested] = session.key();
+    const PacketBytes packet = buildUdpPacket(requested.address, requested.port, client.address, client.port,
+                                              payload.data(), payload.size());
     if (m_packetOutput && !packet.empty())
         m_packetOutput(packet.data(), packet.size());
 }
@@ -161,7 +150,7 @@ void UdpNatRelay::remove(const UdpNatSessionPtr &session)
 
 void UdpNatRelay::forget(const UdpNatSession &session)
 {
-    const UdpFlowKey key = session.key();
+    const FlowKey key = session.key();
     m_byActivity.erase(session.position);
     m_flows.erase(key);
 }
@@ -172,7 +161,7 @@ void UdpNatRelay::expireIdle()
     std::vector<UdpNatSessionPtr> expired;
     {
         const std::lock_guard lock(m_mutex);
-        const std::int64_t now = m_clock();
+        const SteadyTime now = m_clock();
         while (!m_byActivity.empty() && now - m_byActivity.front()->lastActivity >= idleTime) {
             expired.push_back(m_byActivity.front());
             forget(*expired.back());

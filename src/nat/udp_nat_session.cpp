@@ -43,7 +43,7 @@ WSABUF sendBuffer(std::span<const std::uint8_t> bytes)
 
 } // namespace
 
-UdpNatSession::UdpNatSession(const UdpFlowKey &key, socks5::Endpoint target, std::uint16_t socksPort)
+UdpNatSession::UdpNatSession(const FlowKey &key, const Endpoint &target, std::uint16_t socksPort)
     : m_key(key)
     , m_target(target)
     , m_socksPort(socksPort)
@@ -137,21 +137,19 @@ void UdpNatSession::postReceive()
     const std::lock_guard lock(m_mutex);
     if (m_closed || m_receivePending.exchange(true))
         return;
-    m_completionPort->begin(m_receive, shared_from_this());
-    m_senderSize = sizeof(m_sender);
-    WSABUF room{.len = bufferSize, .buf = reinterpret_cast<char *>(m_buffer.get())};
-    DWORD flags = 0;
-    if (WSARecvFrom(m_udp.get(), &room, 1, nullptr, &flags, reinterpret_cast<sockaddr *>(&m_sender), &m_senderSize,
-                    &m_receive, nullptr)
-        == 0) {
-        return;
+    const auto receive = [this](DWORD &) {
+        m_senderSize = sizeof(m_sender);
+        WSABUF room{.len = bufferSize, .buf = reinterpret_cast<char *>(m_buffer.get())};
+        DWORD flags = 0;
+        return WSARecvFrom(m_udp.get(), &room, 1, nullptr, &flags, reinterpret_cast<sockaddr *>(&m_sender),
+                           &m_senderSize, &m_receive, nullptr)
+               == 0;
+    };
+    const CompletionPort::Issued issued = m_completionPort->issue(m_receive, shared_from_this(), false, receive);
+    if (issued.state == CompletionPort::Issued::State::Failed) {
+        m_receivePending = false;
+        qCWarning(lcRuvod) << "[UDP-NAT] WSARecvFrom failed:" << issued.error;
     }
-    const int error = WSAGetLastError();
-    if (error == WSA_IO_PENDING)
-        return;
-    const std::shared_ptr<void> self = m_completionPort->abandon(m_receive);
-    m_receivePending = false;
-    qCWarning(lcRuvod) << "[UDP-NAT] WSARecvFrom failed:" << error;
 }
 
 /// RFC 1928 section 7: an association ends with the connection that its request came on. The proxy sends nothing on
@@ -161,34 +159,25 @@ void UdpNatSession::watchControl()
     const std::lock_guard lock(m_mutex);
     if (m_closed)
         return;
-    m_completionPort->begin(m_controlWatch, shared_from_this());
-    WSABUF room{.len = sizeof(m_controlByte), .buf = &m_controlByte};
-    DWORD flags = 0;
-    if (WSARecv(m_control.get(), &room, 1, nullptr, &flags, &m_controlWatch, nullptr) == 0
-        || WSAGetLastError() == WSA_IO_PENDING) {
-        return;
-    }
-    const std::shared_ptr<void> self = m_completionPort->abandon(m_controlWatch);
-    m_active = false;
+    const auto receive = [this](DWORD &) {
+        WSABUF room{.len = sizeof(m_controlByte), .buf = &m_controlByte};
+        DWORD flags = 0;
+        return WSARecv(m_control.get(), &room, 1, nullptr, &flags, &m_controlWatch, nullptr) == 0;
+    };
+    const CompletionPort::Issued issued = m_completionPort->issue(m_controlWatch, shared_from_this(), false, receive);
+    if (issued.state == CompletionPort::Issued::State::Failed)
+        m_active = false;
 }
 
-void UdpNatSession::ControlOperation::completed(const std::shared_ptr<void> &record, DWORD bytes,
-                                                DWORD error) noexcept
+void UdpNatSession::onControlReceived(DWORD bytes, DWORD error)
 {
-    const UdpNatSessionPtr session = std::static_pointer_cast<UdpNatSession>(record);
     if (error == NO_ERROR && bytes > 0)
-        session->watchControl();
+        watchControl();
     else
-        session->m_active = false;
+        m_active = false;
 }
 
-void UdpNatSession::ReceiveOperation::completed(const std::shared_ptr<void> &record, DWORD bytes,
-                                                DWORD error) noexcept
-{
-    std::static_pointer_cast<UdpNatSession>(record)->onReceiveCompleted(bytes, error);
-}
-
-void UdpNatSession::onReceiveCompleted(DWORD bytes, DWORD error)
+void UdpNatSession::onReceived(DWORD bytes, DWORD error)
 {
     m_receivePending = false;
     if (error != NO_ERROR || bytes == 0)

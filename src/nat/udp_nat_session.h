@@ -1,10 +1,11 @@
 #pragma once
 
+#include "common/endpoint.h"
+#include "common/steady_clock.h"
 #include "common/windows_handles.h"
 #include "io/completion_port.h"
 #include "io/page_buffer.h"
 #include "io/socket_wait.h"
-#include "nat/udp_flow_key.h"
 #include "socks5/socks5_messages.h"
 
 #include <array>
@@ -31,10 +32,10 @@ public:
     using AnswerCallback = std::function<void(UdpNatSession &session, std::span<const std::uint8_t> payload)>;
 
     /// `target` is where the proxy shall send; `socksPort` the inbound that it is asked on.
-    UdpNatSession(const UdpFlowKey &key, socks5::Endpoint target, std::uint16_t socksPort);
+    UdpNatSession(const FlowKey &key, const Endpoint &target, std::uint16_t socksPort);
 
-    const UdpFlowKey &key() const { return m_key; }
-    socks5::Endpoint target() const { return m_target; }
+    const FlowKey &key() const { return m_key; }
+    const Endpoint &target() const { return m_target; }
 
     /// Connects to the proxy, asks for the association, and puts the UDP socket on the port. Every failure but the
     /// silent ones (no socket, no host address, an end in the middle of a reply) is logged.
@@ -50,31 +51,20 @@ public:
     bool isActive() const { return m_active; }
 
     /// Of UdpNatRelay, under its mutex.
-    std::int64_t lastActivity = 0;
+    SteadyTime lastActivity;
     std::list<std::shared_ptr<UdpNatSession>>::iterator position;
 
 private:
-    class ReceiveOperation : public IoOperation
-    {
-    protected:
-        void completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept override;
-    };
-    /// Completes when the control connection ends.
-    class ControlOperation : public IoOperation
-    {
-    protected:
-        void completed(const std::shared_ptr<void> &record, DWORD bytes, DWORD error) noexcept override;
-    };
-
     bool connectControl(const std::wstring &proxyHost, HANDLE stopEvent);
     bool associateWithProxy(SocketWait &wait, std::uint32_t proxyAddress);
     bool openUdpSocket(CompletionPort &completionPort);
     void postReceive();
     void watchControl();
-    void onReceiveCompleted(DWORD bytes, DWORD error);
+    void onReceived(DWORD bytes, DWORD error);
+    void onControlReceived(DWORD bytes, DWORD error);
 
-    const UdpFlowKey m_key;
-    const socks5::Endpoint m_target;
+    const FlowKey m_key;
+    const Endpoint m_target;
     const std::uint16_t m_socksPort;
     const std::array<std::uint8_t, socks5::udpHeaderSizeIpv4> m_header;
     std::atomic<bool> m_active = true;
@@ -88,11 +78,12 @@ private:
     AnswerCallback m_answer;
 
     std::atomic<bool> m_receivePending = false;
-    ReceiveOperation m_receive;
+    MemberOperation<&UdpNatSession::onReceived> m_receive{*this};
     const PageBuffer<std::uint8_t> m_buffer;
     sockaddr_in m_sender{};
     int m_senderSize = sizeof(m_sender);
-    ControlOperation m_controlWatch;
+    /// Completes when the control connection ends.
+    MemberOperation<&UdpNatSession::onControlReceived> m_controlWatch{*this};
     char m_controlByte = 0;
 };
 

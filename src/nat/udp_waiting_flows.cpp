@@ -5,7 +5,7 @@
 
 namespace ruvo {
 
-bool UdpWaitingFlows::add(const UdpFlowKey &key, socks5::Endpoint target, std::span<const std::uint8_t> payload)
+bool UdpWaitingFlows::add(const FlowKey &key, const Endpoint &target, std::span<const std::uint8_t> payload)
 {
     auto found = m_flows.find(key);
     const bool isNew = found == m_flows.end();
@@ -28,14 +28,14 @@ std::optional<UdpWaitingFlows::Opening> UdpWaitingFlows::beginOpening()
 {
     if (m_unopened.empty())
         return std::nullopt;
-    const UdpFlowKey key = m_unopened.front();
+    const FlowKey key = m_unopened.front();
     m_unopened.pop_front();
     Flow &flow = m_flows.at(key);
     flow.unopened = m_unopened.end();
     return Opening{key, flow.target};
 }
 
-UdpWaitingFlows::Datagrams UdpWaitingFlows::take(const UdpFlowKey &key)
+UdpWaitingFlows::Datagrams UdpWaitingFlows::take(const FlowKey &key)
 {
     const auto found = m_flows.find(key);
     if (found == m_flows.end())

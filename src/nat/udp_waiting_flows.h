@@ -1,7 +1,6 @@
 #pragma once
 
-#include "nat/udp_flow_key.h"
-#include "socks5/socks5_messages.h"
+#include "common/endpoint.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -25,32 +24,32 @@ public:
     using Datagrams = std::deque<std::vector<std::uint8_t>>;
     struct Opening
     {
-        UdpFlowKey key;
-        socks5::Endpoint target;
+        FlowKey key;
+        Endpoint target;
     };
 
     /// Copies the payload. Whether the flow is new here, and somebody has to open its association. Makes room by
     /// dropping the oldest flow whose opening has not begun: one that is being opened must not come back here and be
     /// opened a second time.
-    bool add(const UdpFlowKey &key, socks5::Endpoint target, std::span<const std::uint8_t> payload);
+    bool add(const FlowKey &key, const Endpoint &target, std::span<const std::uint8_t> payload);
     /// The oldest flow that nobody opens yet; from now on somebody does.
     std::optional<Opening> beginOpening();
     /// Takes a flow out, and gives what has waited. Nothing if it is not here.
-    Datagrams take(const UdpFlowKey &key);
+    Datagrams take(const FlowKey &key);
     void clear();
     std::size_t size() const { return m_flows.size(); }
 
 private:
     struct Flow
     {
-        socks5::Endpoint target;
+        Endpoint target;
         Datagrams datagrams;
         /// Its place in m_unopened; the end of it once it is being opened.
-        std::list<UdpFlowKey>::iterator unopened;
+        std::list<FlowKey>::iterator unopened;
     };
-    std::map<UdpFlowKey, Flow> m_flows;
+    std::map<FlowKey, Flow> m_flows;
     /// The oldest first.
-    std::list<UdpFlowKey> m_unopened;
+    std::list<FlowKey> m_unopened;
 };
 
 } // namespace ruvo

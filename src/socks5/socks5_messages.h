@@ -15,6 +15,7 @@ namespace ruvo::socks5 {
 // The bytes of SOCKS5 (RFC 1928) that the daemon sends and accepts: no authentication, CONNECT and UDP ASSOCIATE.
 // Addresses and ports are in host order here, in network order in the bytes. Nothing is logged.
 
+using ruvo::Endpoint;
 using Bytes = std::vector<std::uint8_t>;
 using ByteView = std::span<const std::uint8_t>;
 using Ipv6Address = std::array<std::uint8_t, 16>; // as on the wire
@@ -51,7 +52,6 @@ std::size_t replySize(ByteView start);
 /// minReplySize bytes.
 std::optional<std::uint8_t> replyFailure(ByteView reply);
 
-using ruvo::Endpoint;
 /// Where the proxy takes datagrams, from its reply to UDP ASSOCIATE. An address of 0.0.0.0 means the proxy's own.
 /// Nothing if the reply is short, means failure, or names no IPv4 address.
 std::optional<Endpoint> parseUdpAssociateReply(ByteView reply, std::uint32_t proxyAddress);

@@ -84,8 +84,8 @@ TcpNatPath Tunnel::tcpNatPath()
             const TcpNatSessionPtr session = table.findByNatPort(natPort);
             if (!session)
                 return std::nullopt;
-            return TcpEndpoints{session->clientAddress, session->clientPort, session->destinationAddress,
-                                session->destinationPort};
+            return TcpEndpoints{session->client().address, session->client().port, session->destination().address,
+                                session->destination().port};
         },
         .allocateNatPort =
             [&table](const TcpEndpoints &connection) {
@@ -94,7 +94,8 @@ TcpNatPath Tunnel::tcpNatPath()
             },
         .findNatPort =
             [&table](const TcpEndpoints &connection) {
-                return table.findNatPort(connection.srcIp, connection.srcPort, connection.dstIp, connection.dstPort);
+                return table.findNatPort(
+                    {{connection.srcIp, connection.srcPort}, {connection.dstIp, connection.dstPort}});
             },
         .sendRewritten =
             [this](const ParsedPacket &packet, const TcpEndpoints &to) {
@@ -115,23 +116,24 @@ std::optional<RelayRoute> Tunnel::routeFor(const TcpNatSession &session) const
 {
     if (!m_running)
         return std::nullopt;
-    const std::uint32_t owner =
-        PortOwnerLookup::tcpOwnerPid(session.clientPort, session.destinationAddress, session.destinationPort);
+    const std::uint32_t owner = PortOwnerLookup::tcpOwnerPid(session.client().port, session.destination().address,
+                                                             session.destination().port);
     if (owner == GetCurrentProcessId()) {
         static CappedLog s_loops(5, 1000);
         if (s_loops.take()) {
             qCWarning(lcRuvod).nospace().noquote()
-                << "[TCP-NAT] Own connection to " << formatIpv4(session.destinationAddress) << ":"
-                << session.destinationPort << " came back through the tunnel, closing it";
+                << "[TCP-NAT] Own connection to " << formatIpv4(session.destination().address) << ":"
+                << session.destination().port << " came back through the tunnel, closing it";
         }
         return std::nullopt;
     }
     const std::wstring image = owner == 0 ? std::wstring() : PortOwnerLookup::processImage(owner);
-    const std::uint32_t address = realDestination(session.destinationAddress, session.destinationPort, m_tunnelIp);
-    const std::uint16_t port = chooseUpstreamPort(image, address, session.destinationPort);
+    const std::uint32_t address =
+        realDestination(session.destination().address, session.destination().port, m_tunnelIp);
+    const std::uint16_t port = chooseUpstreamPort(image, address, session.destination().port);
     return RelayRoute{
         .address = address,
-        .port = session.destinationPort,
+        .port = session.destination().port,
         .isDirect = port == m_directPort,
         .proxyPort = port,
     };

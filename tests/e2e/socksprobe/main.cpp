@@ -109,8 +109,8 @@ QJsonObject udp(const Target &target, const QStringList &texts)
     CompletionPort port;
     if (!port.open())
         return {{"error", "no completion port"}};
-    const socks5::Endpoint endpoint{parseIpv4(target.host), target.port};
-    const auto session = std::make_shared<UdpNatSession>(UdpFlowKey{}, endpoint, target.proxyPort);
+    const Endpoint endpoint{parseIpv4(target.host), target.port};
+    const auto session = std::make_shared<UdpNatSession>(FlowKey{}, endpoint, target.proxyPort);
     const KernelHandle neverStops(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!session->open(target.proxy.toStdWString(), neverStops.get(), port))
         return {{"opened", false}};

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <set>
 #include <thread>
 #include <vector>
@@ -13,7 +14,8 @@ namespace {
 constexpr std::uint32_t client = 0x0A060701;
 constexpr std::uint32_t server = 0x5DB8D822;
 constexpr std::uint32_t otherServer = 0x01010101;
-constexpr std::int64_t second = 1'000'000'000; // ns
+constexpr std::chrono::seconds second{1};
+constexpr std::chrono::nanoseconds moment{1};
 constexpr int allPorts = 65535;
 
 /// A table whose time passes when the test says so.
@@ -27,7 +29,7 @@ protected:
     }
     std::uint16_t find(int port, std::uint32_t destination = server) const
     {
-        return m_table.findNatPort(client, static_cast<std::uint16_t>(port), destination, 443);
+        return m_table.findNatPort({{client, static_cast<std::uint16_t>(port)}, {destination, 443}});
     }
     /// Opens and accepts a connection, so that it lasts.
     TcpNatSessionPtr accepted(int port, std::uint32_t destination = server)
@@ -40,9 +42,9 @@ protected:
         for (int port = 1; port <= allPorts; ++port)
             ASSERT_NE(open(port), 0) << port;
     }
-    void pass(std::int64_t nanoseconds) { m_now += nanoseconds; }
+    void pass(std::chrono::nanoseconds time) { m_now += time; }
 
-    std::int64_t m_now = 1'000 * second;
+    SteadyTime m_now{1'000 * second};
     TcpNatTable m_table{[this] { return m_now; }};
 };
 
@@ -69,10 +71,8 @@ TEST_F(TcpNatTableTest, writesDownWhatTheSynSaid)
 {
     const TcpNatSessionPtr session = m_table.findByNatPort(m_table.allocateNatPort(client, 5000, server, 443));
     ASSERT_TRUE(session);
-    EXPECT_EQ(session->clientAddress, client);
-    EXPECT_EQ(session->clientPort, 5000);
-    EXPECT_EQ(session->destinationAddress, server);
-    EXPECT_EQ(session->destinationPort, 443);
+    EXPECT_EQ(session->client(), (Endpoint{client, 5000}));
+    EXPECT_EQ(session->destination(), (Endpoint{server, 443}));
     EXPECT_EQ(session->natPort, 30000);
     EXPECT_EQ(session->created, m_now);
     EXPECT_TRUE(session->active);
@@ -106,9 +106,9 @@ TEST_F(TcpNatTableTest, findsTheNewestOfAClientsConnections)
 {
     EXPECT_EQ(m_table.findByClient(client, 5000), nullptr);
     open(5000, server);
-    pass(1);
+    pass(moment);
     const std::uint16_t newest = open(5000, otherServer); // before the first in the order of addresses
-    pass(1);
+    pass(moment);
     open(4999);
     open(5001);
     m_table.allocateNatPort(client + 1, 5000, server, 443);
@@ -191,7 +191,7 @@ TEST_F(TcpNatTableTest, givesEachAcceptedConnectionASessionOfItsOwn)
         ASSERT_TRUE(fresh);
         EXPECT_NE(fresh, old);
         EXPECT_TRUE(fresh->active);
-        EXPECT_EQ(fresh->destinationPort, 443);
+        EXPECT_EQ(fresh->destination().port, 443);
         EXPECT_EQ(m_table.findByClient(client, 5000), fresh);
         pass(TcpNatTable::lingerTime);
         m_table.expire();
@@ -233,8 +233,8 @@ TEST_F(TcpNatTableTest, takesThePortThatEndedFirstWhenNoneIsFree)
     EXPECT_EQ(open(1, otherServer), 40000);
     EXPECT_EQ(open(2, otherServer), 35000);
     EXPECT_EQ(open(3, otherServer), 0);
-    EXPECT_EQ(find(endedFirst->clientPort), 0) << "the old connection is forgotten";
-    EXPECT_EQ(m_table.findByNatPort(40000)->destinationAddress, otherServer);
+    EXPECT_EQ(find(endedFirst->client().port), 0) << "the old connection is forgotten";
+    EXPECT_EQ(m_table.findByNatPort(40000)->destination().address, otherServer);
 }
 
 TEST_F(TcpNatTableTest, givesASynAfterTheEndAPortOfItsOwn)
@@ -251,11 +251,11 @@ TEST_F(TcpNatTableTest, givesASynAfterTheEndAPortOfItsOwn)
 TEST_F(TcpNatTableTest, forgetsAnEndedConnectionAfterTwoMinutes)
 {
     m_table.end(accepted(5000));
-    pass(120 * second - 1);
+    pass(120 * second - moment);
     m_table.expire();
     EXPECT_EQ(find(5000), 30000);
     EXPECT_TRUE(m_table.findByNatPort(30000));
-    pass(1);
+    pass(moment);
     m_table.expire();
     EXPECT_EQ(find(5000), 0);
     EXPECT_EQ(m_table.findByNatPort(30000), nullptr);
@@ -279,10 +279,10 @@ TEST_F(TcpNatTableTest, forgetsInTheOrderOfTheEnds)
 TEST_F(TcpNatTableTest, forgetsAConnectionThatNobodyAcceptsWithinAMinute)
 {
     open(5000);
-    pass(60 * second - 1);
+    pass(60 * second - moment);
     m_table.expire();
     EXPECT_EQ(find(5000), 30000);
-    pass(1);
+    pass(moment);
     const TcpNatSessionPtr session = m_table.findByNatPort(30000);
     m_table.expire();
     EXPECT_EQ(find(5000), 0);
@@ -383,13 +383,13 @@ TEST_F(TcpNatTableTest, isEmptyForGoodAfterItsClose)
 TEST(TcpNatTableThreads, agreeOnWhoIsWho)
 {
     constexpr int rounds = 3000;
-    std::atomic<std::int64_t> now = 1;
+    std::atomic<SteadyTime> now = SteadyTime(second);
     TcpNatTable table([&now] { return now.load(); });
     std::atomic<bool> stop = false;
     std::atomic<int> wrong = 0;
     std::thread housekeeping([&] {
         while (!stop) {
-            now += 10 * second;
+            now = now.load() + 10 * second;
             table.expire();
             std::this_thread::yield();
         }
@@ -407,9 +407,10 @@ TEST(TcpNatTableThreads, agreeOnWhoIsWho)
                 if (session->natPort != natPort)
                     ++wrong;
                 // It may be another client's by now, if ours expired before its accept.
-                if (session->clientAddress != own)
+                if (session->client().address != own)
                     continue;
-                if (table.findByNatPort(natPort) != session || table.findNatPort(own, port, server, 80) != natPort)
+                if (table.findByNatPort(natPort) != session
+                    || table.findNatPort({{own, port}, {server, 80}}) != natPort)
                     ++wrong;
                 if (!table.findByClient(own, port))
                     ++wrong;
@@ -422,7 +423,7 @@ TEST(TcpNatTableThreads, agreeOnWhoIsWho)
     stop = true;
     housekeeping.join();
     EXPECT_EQ(wrong, 0);
-    now += TcpNatTable::lingerTime;
+    now = now.load() + TcpNatTable::lingerTime;
     table.expire();
     EXPECT_EQ(table.size(), 0u);
 }

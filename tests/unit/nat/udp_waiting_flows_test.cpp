@@ -8,17 +8,17 @@
 namespace ruvo {
 namespace {
 
-constexpr socks5::Endpoint dns{0x08080808, 53};
+constexpr Endpoint dns{0x08080808, 53};
 
-UdpFlowKey flow(int number)
+FlowKey flow(int number)
 {
-    return {0x0A060701, static_cast<std::uint16_t>(number), 0x0A060702, 53};
+    return {{0x0A060701, static_cast<std::uint16_t>(number)}, {0x0A060702, 53}};
 }
 
 class UdpWaitingFlowsTest : public ::testing::Test
 {
 protected:
-    bool add(int number, const std::string &text = "x", socks5::Endpoint target = dns)
+    bool add(int number, const std::string &text = "x", const Endpoint &target = dns)
     {
         const std::vector<std::uint8_t> bytes(text.begin(), text.end());
         return m_flows.add(flow(number), target, bytes);
@@ -34,7 +34,7 @@ protected:
     int beginOpening()
     {
         const auto opening = m_flows.beginOpening();
-        return opening ? opening->key.clientPort : 0;
+        return opening ? opening->key.source.port : 0;
     }
 
     UdpWaitingFlows m_flows;
@@ -62,9 +62,9 @@ TEST_F(UdpWaitingFlowsTest, keepsFlowsApart)
 {
     add(1, "one");
     add(2, "two");
-    m_flows.add({0x0A060701, 1, 0x0A060702, 54}, dns, {});
-    m_flows.add({0x0A060701, 1, 0x0A060703, 53}, dns, {});
-    m_flows.add({0x0A060702, 1, 0x0A060702, 53}, dns, {});
+    m_flows.add({{0x0A060701, 1}, {0x0A060702, 54}}, dns, {});
+    m_flows.add({{0x0A060701, 1}, {0x0A060703, 53}}, dns, {});
+    m_flows.add({{0x0A060702, 1}, {0x0A060702, 53}}, dns, {});
     EXPECT_EQ(m_flows.size(), 5u);
     EXPECT_EQ(take(2), std::vector<std::string>{"two"});
     EXPECT_EQ(take(1), std::vector<std::string>{"one"});
@@ -91,7 +91,7 @@ TEST_F(UdpWaitingFlowsTest, opensFlowsInTheOrderInWhichTheyCame)
     const auto opening = m_flows.beginOpening();
     ASSERT_TRUE(opening);
     EXPECT_EQ(opening->key, flow(1));
-    EXPECT_EQ(opening->target, (socks5::Endpoint{0x01010101, 443}));
+    EXPECT_EQ(opening->target, (Endpoint{0x01010101, 443}));
     EXPECT_EQ(beginOpening(), 2);
     EXPECT_EQ(beginOpening(), 0) << "each is opened once";
 }

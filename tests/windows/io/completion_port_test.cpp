@@ -1,13 +1,9 @@
-#include "io/completion_port.h"
+#include "windows/io/completion_port_fixture.h"
 
-#include "windows/io/winsock_test.h"
 #include "windows/support/call_journal.h"
 #include "windows/support/child_process.h"
 #include "windows/support/import_redirection.h"
 
-#include <atomic>
-#include <functional>
-#include <memory>
 #include <thread>
 #include <vector>
 
@@ -16,69 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Outcome = CompletionPort::Outcome;
-
-/// An operation that writes down how it was completed.
-class Noted : public IoOperation
-{
-public:
-    int completions = 0;
-    DWORD bytes = 0;
-    DWORD error = 0;
-    const void *record = nullptr;
-    std::function<void()> onCompletion;
-
-protected:
-    void completed(const std::shared_ptr<void> &owner, DWORD count, DWORD failure) noexcept override
-    {
-        ++completions;
-        bytes = count;
-        error = failure;
-        record = owner.get();
-        if (onCompletion)
-            onCompletion();
-    }
-};
-
-/// What a relay or a flow is: a socket with its operation and the memory that Windows writes to.
-struct Record
-{
-    explicit Record(std::atomic<int> &counter) : alive(counter) { ++alive; }
-    ~Record() { --alive; }
-
-    std::atomic<int> &alive;
-    Socket socket;
-    Noted receive;
-    char buffer[64] = {};
-};
-
-class CompletionPortTest : public WinsockTest
-{
-protected:
-    void SetUp() override
-    {
-        auto [client, server] = connectedSockets();
-        m_peer = std::move(server);
-        m_record = std::make_shared<Record>(m_alive);
-        m_record->socket = std::move(client);
-        ASSERT_TRUE(m_port.open());
-        ASSERT_TRUE(m_port.associate(m_record->socket.get(), CompletionKey::RelayReceive));
-    }
-
-    void postReceive()
-    {
-        m_port.begin(m_record->receive, m_record);
-        WSABUF buffer{sizeof(m_record->buffer), m_record->buffer};
-        DWORD flags = 0;
-        const int result = WSARecv(m_record->socket.get(), &buffer, 1, nullptr, &flags, &m_record->receive, nullptr);
-        ASSERT_TRUE(result == 0 || WSAGetLastError() == WSA_IO_PENDING) << WSAGetLastError();
-    }
-    void answer(const char *text) const { ASSERT_GT(send(m_peer.get(), text, static_cast<int>(strlen(text)), 0), 0); }
-
-    std::atomic<int> m_alive = 0;
-    Socket m_peer;
-    std::shared_ptr<Record> m_record;
-    CompletionPort m_port;
-};
 
 TEST_F(CompletionPortTest, isBoundToNothingWhenItIsMade)
 {
@@ -166,34 +99,6 @@ TEST_F(CompletionPortTest, keepsARecordAliveWhileWindowsWritesToIt)
     EXPECT_EQ(m_alive, 0) << "nobody else had it";
 }
 
-TEST_F(CompletionPortTest, letsAHandlerIssueTheNextCallWithTheSameOperation)
-{
-    m_record->receive.onCompletion = [this] {
-        if (m_record->receive.completions < 3)
-            postReceive();
-    };
-    postReceive();
-    for (int i = 1; i <= 3; ++i) {
-        answer("x");
-        EXPECT_EQ(m_port.runOne(10s), Outcome::Completed);
-        EXPECT_EQ(m_record->receive.completions, i);
-        EXPECT_EQ(m_port.inFlight(), i < 3 ? 1 : 0);
-    }
-    m_record->receive.onCompletion = nullptr;
-    EXPECT_EQ(m_record.use_count(), 1);
-}
-
-TEST_F(CompletionPortTest, givesTheReferenceOfARefusedCallBack)
-{
-    m_port.begin(m_record->receive, m_record);
-    EXPECT_EQ(m_record.use_count(), 2);
-    EXPECT_EQ(m_port.inFlight(), 1);
-    EXPECT_EQ(m_port.abandon(m_record->receive), m_record);
-    EXPECT_EQ(m_record.use_count(), 1);
-    EXPECT_EQ(m_port.inFlight(), 0);
-    EXPECT_EQ(m_record->receive.completions, 0);
-}
-
 TEST_F(CompletionPortTest, wakesOneThreadThatWaits)
 {
     m_port.wakeOne();
@@ -249,6 +154,13 @@ TEST_F(CompletionPortTest, sharesItsWorkAmongThreads)
     constexpr int connections = 20;
     constexpr int rounds = 50;
     std::atomic<int> completions = 0;
+    const auto receiveByte = [this](const std::shared_ptr<Record> &record) {
+        m_port.issue(record->receive, record, false, [&record](DWORD &) {
+            WSABUF buffer{1, record->buffer};
+            DWORD flags = 0;
+            return WSARecv(record->socket.get(), &buffer, 1, nullptr, &flags, &record->receive, nullptr) == 0;
+        });
+    };
     std::vector<std::shared_ptr<Record>> records;
     std::vector<Socket> peers;
     for (int i = 0; i < connections; ++i) {
@@ -256,22 +168,14 @@ TEST_F(CompletionPortTest, sharesItsWorkAmongThreads)
         auto record = std::make_shared<Record>(m_alive);
         record->socket = std::move(client);
         ASSERT_TRUE(m_port.associate(record->socket.get(), CompletionKey::RelayReceive));
-        record->receive.onCompletion = [this, &completions, own = record.get(), weak = std::weak_ptr(record)] {
+        record->receive.onCompletion = [&completions, &receiveByte, own = record.get(),
+                                        weak = std::weak_ptr(record)] {
             ++completions;
             if (own->receive.error != NO_ERROR || own->receive.bytes == 0)
                 return;
-            WSABUF buffer{1, own->buffer};
-            DWORD flags = 0;
-            m_port.begin(own->receive, weak.lock());
-            if (WSARecv(own->socket.get(), &buffer, 1, nullptr, &flags, &own->receive, nullptr) != 0
-                && WSAGetLastError() != WSA_IO_PENDING) {
-                m_port.abandon(own->receive);
-            }
+            receiveByte(weak.lock());
         };
-        m_port.begin(record->receive, record);
-        WSABUF buffer{1, record->buffer};
-        DWORD flags = 0;
-        WSARecv(record->socket.get(), &buffer, 1, nullptr, &flags, &record->receive, nullptr);
+        receiveByte(record);
         records.push_back(std::move(record));
         peers.push_back(std::move(server));
     }

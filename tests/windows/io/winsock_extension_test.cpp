@@ -1,6 +1,5 @@
 #include "io/winsock_extension.h"
 
-#include "socks5/socks_client.h"
 #include "windows/io/winsock_test.h"
 #include "windows/support/call_journal.h"
 #include "windows/support/child_process.h"
@@ -63,25 +62,26 @@ TEST_IN_OWN_PROCESS(WinsockExtensionInAFreshProcess, isNotMistakenForAnother)
     EXPECT_NE(acceptEx, addresses);
 }
 
-TEST_F(WinsockExtension, connectsAnOverlappedSocketOfTheClient)
+TEST_F(WinsockExtension, connectsASocketThatIsBound)
 {
     const Socket listener = listeningSocket();
-    SocksClient client(L"127.0.0.1", portOf(listener.get()));
-    ASSERT_TRUE(client.createOverlappedTcpSocket());
-    const LPFN_CONNECTEX connectEx = connectExPointer(client.tcpSocket());
+    const Socket client = newSocket();
+    const sockaddr_in any = loopbackAddress(0);
+    ASSERT_EQ(bind(client.get(), reinterpret_cast<const sockaddr *>(&any), sizeof(any)), 0);
+    const LPFN_CONNECTEX connectEx = connectExPointer(client.get());
     ASSERT_TRUE(connectEx);
     const KernelHandle done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     OVERLAPPED overlapped{};
     overlapped.hEvent = done.get();
-    const sockaddr_in proxy = client.proxySockaddr();
-    const BOOL connected = connectEx(client.tcpSocket(), reinterpret_cast<const sockaddr *>(&proxy), sizeof(proxy),
-                                     nullptr, 0, nullptr, &overlapped);
+    const sockaddr_in peer = boundTo(listener.get());
+    const BOOL connected = connectEx(client.get(), reinterpret_cast<const sockaddr *>(&peer), sizeof(peer), nullptr,
+                                     0, nullptr, &overlapped);
     ASSERT_TRUE(connected || WSAGetLastError() == ERROR_IO_PENDING) << WSAGetLastError();
     ASSERT_EQ(WaitForSingleObject(done.get(), 10000), WAIT_OBJECT_0);
     const Socket accepted(accept(listener.get(), nullptr, nullptr));
     EXPECT_TRUE(accepted);
-    EXPECT_EQ(setsockopt(client.tcpSocket(), SOL_SOCKET, SO_UPDATE_CONNECT_CONTEXT, nullptr, 0), 0);
-    EXPECT_EQ(send(client.tcpSocket(), "x", 1, 0), 1);
+    EXPECT_EQ(setsockopt(client.get(), SOL_SOCKET, SO_UPDATE_CONNECT_CONTEXT, nullptr, 0), 0);
+    EXPECT_EQ(send(client.get(), "x", 1, 0), 1);
 }
 
 } // namespace

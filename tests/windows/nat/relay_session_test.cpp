@@ -101,7 +101,7 @@ TEST_F(RelaySessionTest, resetsBothEndsWhenItIsAborted)
 TEST_F(RelaySessionTest, isNotOverdueBeforeADirectionHasEnded)
 {
     const Ends ends = start();
-    ends.relay->closeIfOverdue(steadyNanoseconds() + 10 * RelaySession::endingTime);
+    ends.relay->closeIfOverdue(steadyNow() + 10 * RelaySession::endingTime);
     ASSERT_TRUE(sendAll(ends.server.get(), "hello"));
     EXPECT_EQ(receiveBytes(ends.application.get(), 5), "hello");
     EXPECT_EQ(m_closed, 0);
@@ -112,8 +112,8 @@ TEST_F(RelaySessionTest, isClosedWhenItsSecondDirectionDoesNotEnd)
     Ends ends = start();
     ASSERT_EQ(shutdown(ends.application.get(), SD_SEND), 0);
     EXPECT_EQ(readToEnd(ends.server.get()), Ending::Proper);
-    const std::int64_t now = steadyNanoseconds();
-    ends.relay->closeIfOverdue(now + RelaySession::endingTime - 20'000'000'000);
+    const SteadyTime now = steadyNow();
+    ends.relay->closeIfOverdue(now + RelaySession::endingTime - std::chrono::seconds(20));
     EXPECT_EQ(m_closed, 0);
     m_table.closeOverdue();
     EXPECT_EQ(m_closed, 0) << "30 s are not over";
@@ -129,7 +129,7 @@ TEST_F(RelaySessionTest, leavesTheLastBytesToAnApplicationThatReadsThemLater)
     const QByteArray sent = sendUntilStalled(ends.server.get());
     ASSERT_EQ(shutdown(ends.server.get(), SD_SEND), 0);
     // What still waits for room towards the application holds the relay however long that takes.
-    const std::int64_t later = steadyNanoseconds() + 10 * RelaySession::endingTime;
+    const SteadyTime later = steadyNow() + 10 * RelaySession::endingTime;
     ends.relay->closeIfOverdue(later);
     EXPECT_EQ(m_closed, 0);
     QByteArray received;

@@ -23,7 +23,7 @@ protected:
         expectLine(givenUp);
         EXPECT_TRUE(waitUntil([this] { return !refused().empty(); }));
         EXPECT_EQ(refused().at(0).payload, "first");
-        EXPECT_EQ(refused().at(0).flow, (UdpFlowKey{client, 5000, server, 443}));
+        EXPECT_EQ(refused().at(0).flow, (FlowKey{{client, 5000}, {server, 443}}));
         QStringList expected{givenUp};
         if (!line.isEmpty())
             expected.prepend(line);

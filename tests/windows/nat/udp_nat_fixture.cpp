@@ -74,7 +74,7 @@ void UdpNatRelayTest::makeRelay(std::size_t sessionLimit)
 {
     m_relay = std::make_unique<UdpNatRelay>(
         m_stopEvent.get(), [this] { return m_now.load(); }, sessionLimit);
-    m_relay->setFallback([this](const UdpFlowKey &flow, std::span<const std::uint8_t> payload) {
+    m_relay->setFallback([this](const FlowKey &flow, std::span<const std::uint8_t> payload) {
         const std::lock_guard lock(m_mutex);
         m_refused.push_back({flow, QByteArray(reinterpret_cast<const char *>(payload.data()),
                                               static_cast<qsizetype>(payload.size()))});
@@ -113,9 +113,9 @@ void UdpNatRelayTest::useProxy(AssociationProxy::Answers answers)
 
 bool UdpNatRelayTest::forwardTo(std::uint16_t port, std::uint16_t clientPort, const QByteArray &payload)
 {
-    return m_relay->forward(client, clientPort, server, port, server, port,
-                            reinterpret_cast<const std::uint8_t *>(payload.constData()),
-                            static_cast<std::uint16_t>(payload.size()));
+    return m_relay->forward(
+        {{client, clientPort}, {server, port}}, {server, port},
+        {reinterpret_cast<const std::uint8_t *>(payload.constData()), static_cast<std::size_t>(payload.size())});
 }
 
 AssociationProxy::Datagram UdpNatRelayTest::establish(std::uint16_t clientPort, const QByteArray &payload)

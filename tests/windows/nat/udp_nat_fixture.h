@@ -4,6 +4,8 @@
 
 #include "nat/udp_nat_relay.h"
 
+#include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -75,7 +77,7 @@ protected:
     };
     struct Refused
     {
-        UdpFlowKey flow;
+        FlowKey flow;
         QByteArray payload;
     };
 
@@ -96,10 +98,10 @@ protected:
     std::optional<Packet> takePacket();
     std::vector<Refused> refused();
     void expectLine(const QString &line);
-    void pass(std::int64_t seconds) { m_now += seconds * 1'000'000'000; }
+    void pass(int seconds) { m_now = m_now.load() + std::chrono::seconds(seconds); }
 
     const KernelHandle m_stopEvent{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-    std::atomic<std::int64_t> m_now = 1'000'000'000'000;
+    std::atomic<SteadyTime> m_now = SteadyTime(std::chrono::seconds(1000));
     std::unique_ptr<AssociationProxy> m_proxy = std::make_unique<AssociationProxy>();
     std::unique_ptr<AssociationProxy> m_direct = std::make_unique<AssociationProxy>();
     std::unique_ptr<UdpNatRelay> m_relay;
