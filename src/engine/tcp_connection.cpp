@@ -1,10 +1,9 @@
-// The socket side of a connection: the exchange with the proxy, then the stream in both directions.
+// The socket side of a connection that stands: the stream in both directions, and its end.
 
 #include "engine/tcp_connection.h"
 
 #include "common/log_category.h"
 #include "engine/tcp_engine.h"
-#include "engine/tcp_failures.h"
 #include "engine/tcp_notes.h"
 #include "io/socket_options.h"
 
@@ -16,22 +15,10 @@ namespace ruvo {
 
 namespace {
 
-constexpr DWORD bufferSize = 0x10000;
 /// So many chunks are taken on the spot; then other connections have their turn.
 constexpr int maxChunksAtOnce = 16;
 /// A queue of this size makes one wonder whether the proxy still reads.
 constexpr std::size_t largeQueue = 10'001;
-/// What a CONNECT may have, whatever its name.
-constexpr std::size_t maxRequest = 512;
-constexpr std::size_t requestAroundName = 7;
-constexpr std::size_t maxName = maxRequest - requestAroundName;
-
-Endpoint proxyEndpoint(const std::wstring &host, std::uint16_t port)
-{
-    in_addr address{};
-    InetPtonW(AF_INET, host.c_str(), &address);
-    return {ntohl(address.s_addr), port};
-}
 
 QString firstBytes(std::span<const std::uint8_t> bytes)
 {
@@ -67,8 +54,7 @@ int TcpConnection::state()
 }
 
 /// On a worker: without memory for this connection, it ends, and no other.
-template<typename Work>
-void TcpConnection::orEnd(Work work)
+void TcpConnection::orEnd(const std::function<void()> &work)
 {
     try {
         work();
@@ -81,86 +67,6 @@ bool TcpConnection::isClosed()
 {
     const std::lock_guard lock(m_mutex);
     return m_isClosed;
-}
-
-PortExchangePlan TcpConnection::plan()
-{
-    using namespace socks5;
-    SocksRequest request = Endpoint{m_key.destinationIp, m_key.destinationPort};
-    if (!m_name.empty())
-        request = NamedDestination{m_name, m_key.destinationPort};
-    else if (m_key.family == 6)
-        request = Ipv6Destination{m_key.destinationIp6, m_key.destinationPort};
-    return {
-        .peer = proxyEndpoint(m_services.proxyHost, m_upstream.port),
-        // A name that is too long ends it behind the method's reply, where the request would follow.
-        .request = requestBytes(request, maxName).value_or(Bytes()),
-        .key = CompletionKey::TcpConnection,
-        .deadline = m_services.clock() + patience,
-    };
-}
-
-void TcpConnection::startUpstreamConnect()
-{
-    auto exchange = std::make_shared<PortExchange>(
-        *m_services.completionPort, plan(),
-        [self = shared_from_this()](Result result) { self->onExchangeEnded(std::move(result)); });
-    {
-        const std::lock_guard lock(m_mutex);
-        m_exchange = exchange;
-    }
-    exchange->start();
-}
-
-void TcpConnection::onExchangeEnded(Result result)
-{
-    if (result)
-        return orEnd([&] { onEstablished(std::move(*result)); });
-    if (result.error().step == PortExchangeFailure::Step::Connect)
-        onConnectCompleted(result.error());
-    else
-        onHandshakeCompleted(result.error());
-    m_engine.cleanupConnection(shared_from_this());
-}
-
-/// Nobody has answered the application's SYN yet.
-void TcpConnection::onConnectCompleted(const PortExchangeFailure &failure)
-{
-    logExchangeFailure(failure, destination());
-    m_stream.refuse();
-}
-
-void TcpConnection::onHandshakeCompleted(const PortExchangeFailure &failure)
-{
-    logExchangeFailure(failure, destination());
-}
-
-void TcpConnection::onEstablished(EstablishedExchange established)
-{
-    if (m_name.size() > maxName) {
-        if (isDue(TcpNote::NameTooLong))
-            qCWarning(lcRuvod) << "[BUFFER WARNING] Domain too long:" << QString::fromStdString(m_name);
-        return m_engine.cleanupConnection(shared_from_this());
-    }
-    setNonBlocking(established.socket.get());
-    {
-        const std::lock_guard lock(m_mutex);
-        if (m_isClosed)
-            return;
-        m_buffer = makePageBuffer<std::uint8_t>(bufferSize);
-        m_exchange.reset();
-        m_socket = std::move(established.socket);
-        m_skipsPort = established.skipsPort;
-    }
-    noteProgress(m_services.clock());
-    if (!m_stream.establish())
-        return endUpload();
-    m_engine.onEstablished(shared_from_this());
-    if (isDue(TcpNote::Established)) {
-        qCCritical(lcRuvod) << "[DATA-ESTABLISHED] Connection reached ESTABLISHED state - port:" << port()
-                            << "dest:" << destination();
-    }
-    receiveMore(false);
 }
 
 void TcpConnection::postReceive()
@@ -334,13 +240,11 @@ void TcpConnection::onSendCompleted(DWORD bytes, DWORD error)
 
 void TcpConnection::endUpload()
 {
-    bool isIdle = false;
     bool isConnected = false;
     {
         const std::lock_guard lock(m_mutex);
         m_isEnding = true;
         isConnected = static_cast<bool>(m_socket);
-        isIdle = isConnected && !m_isReceiving && !m_isUpstreamEnded;
     }
     noteProgress(m_services.clock());
     if (!isConnected) {
@@ -349,8 +253,8 @@ void TcpConnection::endUpload()
     }
     postSend();
     // Read and dropped to its end: closing a socket with unread bytes resets the connection, and what the application
-    // sent last would be lost on its way.
-    if (isIdle)
+    // sent last would be lost on its way. Somebody is at it, unless it waits for the application to take more.
+    if (m_stream.endPause())
         postReceive();
 }
 
@@ -371,18 +275,22 @@ void TcpConnection::endDownload()
 /// well, the connection to it is closed.
 void TcpConnection::finishUpload()
 {
+    bool isToldEnd = false;
     bool isOver = false;
     {
         const std::lock_guard lock(m_mutex);
         if (!m_isEnding || m_isClosed || !m_socket || !m_stream.isUploadIdle())
             return;
-        if (!std::exchange(m_isShutDown, true))
-            ::shutdown(m_socket.get(), SD_SEND);
+        if (!m_isShutDown && ::shutdown(m_socket.get(), SD_SEND) == 0)
+            m_isShutDown = true;
+        isToldEnd = m_isShutDown;
         isOver = m_isUpstreamEnded;
     }
     if (isOver) {
-        close(Closing::Graceful);
+        close(isToldEnd ? Closing::Graceful : Closing::Abortive);
         m_engine.endIfDone(shared_from_this());
+    } else if (!isToldEnd) {
+        m_engine.cleanupConnection(shared_from_this());
     }
 }
 
@@ -395,7 +303,8 @@ void TcpConnection::close(Closing closing)
         m_exchange->cancel();
     if (!m_socket)
         return;
-    if (closing == Closing::Abortive)
+    // Once it was told the end it has the whole, or the system is still sending it.
+    if (closing == Closing::Abortive && !m_isShutDown)
         resetWhenClosed(m_socket.get());
     CancelIoEx(reinterpret_cast<HANDLE>(m_socket.get()), nullptr);
 }

@@ -7,7 +7,9 @@
 #include "socks5/port_exchange.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -60,9 +62,12 @@ public:
     /// Whether its time is over: without a word from the application since it was established, or closing without
     /// progress.
     bool isOverdue(SteadyTime now) const;
-    void noteHeard() { m_isHeard = true; }
+    /// A packet of the application's. One that comes before the SYN is answered is a stray.
+    void noteHeard() { m_isHeard = m_isHeard || m_stream.state() == TcpState::Established; }
     void noteProgress(SteadyTime now) { m_lastProgress = now; }
 
+    /// Of TcpEngine: it was ended with all that waits, and nothing of it is written any more.
+    std::atomic<bool> isGone = false;
     /// Of TcpEngine, under its waiting list's mutex: whether it stands there.
     bool isListed = false;
     /// Of TcpEngine, under its tables' mutex: whether it is counted as established.
@@ -71,10 +76,10 @@ public:
 private:
     using Result = PortExchange::Outcome;
 
+    static constexpr std::size_t bufferSize = 0x10000;
     static constexpr std::chrono::seconds patience{60};
 
-    template<typename Work>
-    void orEnd(Work work);
+    void orEnd(const std::function<void()> &work);
     PortExchangePlan plan();
     void onExchangeEnded(Result result);
     void onConnectCompleted(const PortExchangeFailure &failure);

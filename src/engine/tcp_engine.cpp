@@ -111,8 +111,12 @@ void TcpEngine::open(const ConnectionKey &key, const ParsedPacket &packet, const
     const auto connection = std::make_shared<TcpConnection>(key, openingOf(packet, syn), *this);
     if (!insert(connection))
         return;
-    logSyn(key, packet, syn);
-    connection->startUpstreamConnect();
+    try {
+        logSyn(key, packet, syn);
+        connection->startUpstreamConnect();
+    } catch (const std::bad_alloc &) {
+        cleanupConnection(connection);
+    }
 }
 
 bool TcpEngine::insert(const TcpConnectionPtr &connection)
@@ -191,6 +195,8 @@ void TcpEngine::takeNumbers(const TcpConnectionPtr &connection, const TcpSegment
 
 void TcpEngine::handleFin(const TcpConnectionPtr &connection, const TcpSegment &segment)
 {
+    // First: one that was silent for long would look overdue as soon as it counts as closing.
+    connection->noteProgress(m_services.clock());
     if (!connection->stream().finish(segment))
         return;
     beginClosing(connection);
@@ -250,63 +256,6 @@ void TcpEngine::acknowledge(const TcpConnectionPtr &connection)
     watch(connection);
 }
 
-void TcpEngine::watch(const TcpConnectionPtr &connection)
-{
-    if (!connection->stream().hasWork())
-        return;
-    const std::lock_guard lock(m_waitingMutex);
-    if (!std::exchange(connection->isListed, true))
-        m_waiting.push_back(connection);
-}
-
-void TcpEngine::drainWaiting(const std::function<bool()> &isRunning)
-{
-    m_isDrainWanted = false; // first: what makes room from here on is looked at again
-    std::size_t left = 0;
-    {
-        const std::lock_guard lock(m_waitingMutex);
-        left = m_waiting.size();
-    }
-    for (; left > 0 && isRunning(); --left) {
-        TcpConnectionPtr connection;
-        {
-            const std::lock_guard lock(m_waitingMutex);
-            if (m_waiting.empty())
-                return;
-            connection = std::move(m_waiting.front());
-            m_waiting.pop_front();
-            connection->isListed = false;
-        }
-        const TcpSender::Drained drained = connection->stream().drain(m_services.clock());
-        if (drained.packets > 0)
-            noteResumed(*connection, drained);
-        if (drained.resumes)
-            resumeReceiving(connection);
-        watch(connection); // behind all others
-        endIfDone(connection);
-        if (drained.isRefused)
-            return;
-    }
-}
-
-void TcpEngine::noteResumed(const TcpConnection &connection, const TcpSender::Drained &drained)
-{
-    const std::uint64_t number = ++m_drains;
-    if (isDue(TcpNote::PacketsDrained)) {
-        qCDebug(lcRuvod).nospace() << "[FLOW] Resumed connection #" << number << " port=" << connection.port()
-                                   << " drained=" << drained.packets << " packets " << drained.bytes;
-    }
-}
-
-void TcpEngine::resumeReceiving(const TcpConnectionPtr &connection)
-{
-    if (isDue(TcpNote::ReceiveResumed)) {
-        qCWarning(lcRuvod).nospace() << "[BACKPRESSURE] Resuming recv - queue drained: port=" << connection->port()
-                                     << " queue=" << connection->stream().waitingPackets();
-    }
-    connection->postReceive();
-}
-
 void TcpEngine::beginClosing(const TcpConnectionPtr &connection)
 {
     if (remove(connection, true))
@@ -326,6 +275,7 @@ void TcpEngine::endIfDone(const TcpConnectionPtr &connection)
 void TcpEngine::cleanupConnection(const TcpConnectionPtr &connection)
 {
     connection->close(TcpConnection::Closing::Abortive);
+    forget(connection);
     if (remove(connection, false))
         return;
     const std::lock_guard lock(m_mutex);
@@ -396,8 +346,10 @@ void TcpEngine::endAll(bool forGood)
         for (const auto &[key, connection] : ended)
             countOut(*connection);
     }
-    for (const auto &[key, connection] : ended)
+    for (const auto &[key, connection] : ended) {
+        connection->isGone = true;
         connection->close(TcpConnection::Closing::Abortive);
+    }
     const std::lock_guard lock(m_waitingMutex);
     for (const TcpConnectionPtr &connection : m_waiting)
         connection->isListed = false;

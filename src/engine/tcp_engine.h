@@ -82,6 +82,7 @@ private:
     void takeNumbers(const TcpConnectionPtr &connection, const TcpSegment &segment);
     void handleFin(const TcpConnectionPtr &connection, const TcpSegment &segment);
     void handleData(const TcpConnectionPtr &connection, const TcpSegment &segment);
+    void forget(const TcpConnectionPtr &connection);
     void noteResumed(const TcpConnection &connection, const TcpSender::Drained &drained);
     void resumeReceiving(const TcpConnectionPtr &connection);
     void countOut(TcpConnection &connection);

@@ -65,8 +65,11 @@ void logExchangeFailure(const PortExchangeFailure &failure, const QString &desti
             qCWarning(lcRuvod) << "WSASend greeting failed:" << failure.error;
         break;
     case Step::Send:
-    case Step::IssueReceive:
-    case Step::Receive: break; // the proxy has gone
+    case Step::IssueReceive: break; // the proxy has gone
+    case Step::Receive:
+        if (failure.error == WSAETIMEDOUT) // part of an answer, or none of it, and then nothing more
+            logAnswer(failure.socks, destination);
+        break;
     case Step::Answer: logAnswer(failure.socks, destination); break;
     }
 }

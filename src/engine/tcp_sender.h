@@ -12,6 +12,7 @@
 #include <functional>
 #include <optional>
 #include <span>
+#include <utility>
 
 namespace ruvo {
 
@@ -76,6 +77,8 @@ public:
     /// No more is wanted from the upstream from now on, if as much waits as that.
     bool pauseIfFull();
     bool isPaused() const { return m_isPaused; }
+    /// More is wanted after all, however much waits. True if it was paused.
+    bool endPause() { return std::exchange(m_isPaused, false); }
     std::size_t waiting() const { return m_waiting.size(); }
     /// Whether `drain` has anything to do.
     bool hasWork() const { return m_isPaused || m_ackWaits || !m_waiting.empty(); }

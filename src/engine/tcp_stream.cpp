@@ -121,6 +121,9 @@ bool TcpStream::isUploadIdle() const
 TcpStream::Downloaded TcpStream::download(std::span<const std::uint8_t> bytes)
 {
     const std::lock_guard lock(m_pendingMutex);
+    // The state changes before the FIN is sent: what comes now would be numbered behind it.
+    if (m_state != TcpState::Established)
+        return {};
     const bool isKept = m_sender.send(tcpPsh | tcpAck, bytes);
     return {isKept, m_sender.pauseIfFull()};
 }
@@ -147,6 +150,12 @@ TcpSender::Drained TcpStream::drain(SteadyTime now)
 {
     const std::lock_guard lock(m_pendingMutex);
     return m_sender.drain(now);
+}
+
+bool TcpStream::endPause()
+{
+    const std::lock_guard lock(m_pendingMutex);
+    return m_sender.endPause();
 }
 
 bool TcpStream::hasWork() const

@@ -93,6 +93,8 @@ public:
     bool finishDownload();
     /// See TcpSender::drain.
     TcpSender::Drained drain(SteadyTime now);
+    /// True if it was paused: `drain` will not say that it resumes, the caller goes on receiving instead.
+    bool endPause();
     /// Whether packets wait, or the upstream does.
     bool hasWork() const;
     std::size_t waitingPackets() const;

@@ -36,6 +36,11 @@ void ProxyConnection::waitForEnd()
     while (!receive(1).isEmpty()) {}
 }
 
+void ProxyConnection::shutDown()
+{
+    shutdown(m_socket.get(), SD_SEND);
+}
+
 void ProxyConnection::reset()
 {
     const linger now{.l_onoff = 1, .l_linger = 0};

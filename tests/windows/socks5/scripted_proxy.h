@@ -9,6 +9,7 @@
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace ruvo::test {
 
@@ -23,7 +24,11 @@ public:
     void send(const QByteArray &bytes);
     /// Reads until the client has closed its end.
     void waitForEnd();
+    /// Sends no more; the client sees the end of the stream.
+    void shutDown();
     void close() { m_socket.reset(); }
+    /// For a test that goes on with it by itself.
+    Socket take() { return std::move(m_socket); }
     /// Closes with a reset instead of an end of stream.
     void reset();
 
