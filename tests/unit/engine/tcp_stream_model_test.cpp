@@ -50,7 +50,7 @@ protected:
     {
         for (std::size_t at = 0; at < m_uploadSize;) {
             m_cuts.push_back(at);
-            at += 1 + m_random.below(3000);
+            at += 1 + m_random.below(20'000);
         }
         m_cuts.push_back(m_uploadSize);
     }
@@ -67,6 +67,9 @@ protected:
         for (std::uint32_t i = m_random.below(6); i > 0 && m_sending < m_cuts.size(); --i, ++m_sending) {
             const std::size_t at = m_cuts[m_sending];
             const bool isFin = at == m_uploadSize;
+            // It closes once it has all of the upstream's: the engine drops what would come behind.
+            if (isFin && m_downloaded.size() != m_downloadSize)
+                return;
             m_sendNext = std::max(m_sendNext, (isFin ? at + 1 : m_cuts[m_sending + 1]) + 1);
             put(at + 1, isFin ? tcpFin | tcpAck : tcpPsh | tcpAck,
                 isFin ? Bytes() : streamBytes(at, m_cuts[m_sending + 1] - at));
@@ -153,6 +156,7 @@ protected:
             const auto received = m_stream.receive(packet.segment);
             if (received && received->verdict == TcpReceiver::Verdict::Queued)
                 m_stream.sendAck();
+            m_hasBeenRefused |= received && received->verdict == TcpReceiver::Verdict::Refused;
         }
     }
     void upstreamReceives()
@@ -198,11 +202,9 @@ protected:
     {
         ++m_turn;
         m_isAdapterFull = m_random.oneIn(4);
-        if (m_random.oneIn(1000))
+        if (m_random.oneIn(2000))
             m_isUpstreamSlow = !m_isUpstreamSlow;
-        // The application closes only once it has all of the upstream's: the engine drops what would come behind.
-        if (m_sending + 1 < m_cuts.size() || m_downloaded.size() == m_downloadSize)
-            applicationSends();
+        applicationSends();
         applicationReads();
         for (std::uint32_t i = m_random.below(8); i > 0; --i)
             packetArrives();
@@ -215,7 +217,7 @@ protected:
     const std::uint32_t m_applicationStart = GetParam() % 2 ? 0xfffffff0 - m_random.below(100'000) : 1000;
     const std::uint32_t m_engineStart = GetParam() % 3 ? 0xfffffff0 - m_random.below(100'000) : 1000;
     const std::uint8_t m_shift = static_cast<std::uint8_t>(GetParam() % 5 * 2);
-    const std::size_t m_uploadSize = 200'000 + m_random.below(3'000'000);
+    const std::size_t m_uploadSize = 200'000 + m_random.below(3'000'000) + (GetParam() % 4 == 0 ? 4'000'000 : 0);
     const std::size_t m_downloadSize = 200'000 + m_random.below(1'000'000);
     std::uint32_t m_turn = 0;
     SteadyTime m_now{std::chrono::hours(1)};
@@ -236,7 +238,8 @@ protected:
     std::deque<OnItsWay> m_way;
 
     bool m_isAdapterFull = false;
-    bool m_isUpstreamSlow = false;
+    bool m_isUpstreamSlow = GetParam() % 4 == 0;
+    bool m_hasBeenRefused = false;
     bool m_isPaused = false;
     bool m_isSending = false;
     std::span<const std::uint8_t> m_rest;
@@ -269,6 +272,7 @@ TEST_P(TcpModel, everyByteArrivesOnceAndInOrder)
     EXPECT_EQ(m_downloaded.size(), m_downloadSize);
     EXPECT_TRUE(m_downloaded == streamBytes(0, m_downloadSize));
     EXPECT_EQ(m_budget.used(), 0U);
+    EXPECT_TRUE(m_hasBeenRefused || GetParam() % 4 != 0) << "the upload queue was never full";
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, TcpModel, ::testing::Range(1U, 21U));
