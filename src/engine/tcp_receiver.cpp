@@ -13,6 +13,12 @@ std::int64_t distance(std::uint32_t seq, std::uint32_t expected)
     return std::int64_t{seq} - std::int64_t{expected};
 }
 
+/// What a kept segment takes of the budget: its node counts, or segments of one byte would take gigabytes.
+std::size_t costOf(const std::vector<std::uint8_t> &bytes)
+{
+    return bytes.size() + OutOfOrderBudget::perSegment;
+}
+
 } // namespace
 
 bool OutOfOrderBudget::take(std::size_t bytes)
@@ -46,13 +52,15 @@ bool TcpReceiver::finish(std::uint32_t seq, std::span<const std::uint8_t> payloa
     append(payload);
     ++m_next; // the FIN's own number
     m_isFinished = true;
+    while (!m_kept.empty()) // nothing lies behind a FIN
+        forget(m_kept.begin());
     return true;
 }
 
 std::vector<std::uint8_t> TcpReceiver::takeQueued(unsigned &drained)
 {
     std::vector<std::uint8_t> taken = std::exchange(m_queue, {});
-    drained = m_isFinished ? 0 : drain();
+    drained = drain();
     return taken;
 }
 
@@ -62,23 +70,33 @@ void TcpReceiver::append(std::span<const std::uint8_t> bytes)
     m_next += static_cast<std::uint32_t>(bytes.size());
 }
 
-/// A segment of the same number is replaced.
+/// A segment of the same number is replaced. What can fail for want of memory comes before the books are changed.
 bool TcpReceiver::keep(std::uint32_t seq, std::span<const std::uint8_t> payload)
 {
-    if (!m_budget.take(payload.size()))
+    std::vector<std::uint8_t> bytes(payload.begin(), payload.end());
+    const auto [place, isNew] = m_kept.try_emplace(seq);
+    if (!m_budget.take(costOf(bytes))) {
+        if (isNew)
+            m_kept.erase(place);
         return false;
-    if (const auto known = m_kept.find(seq); known != m_kept.end())
-        forget(known);
-    m_kept.emplace(seq, std::vector<std::uint8_t>(payload.begin(), payload.end()));
-    m_keptBytes += payload.size();
+    }
+    if (!isNew)
+        giveBack(place->second);
+    m_keptCost += costOf(bytes);
+    place->second = std::move(bytes);
     return true;
 }
 
 void TcpReceiver::forget(Kept::iterator segment)
 {
-    m_keptBytes -= segment->second.size();
-    m_budget.giveBack(segment->second.size());
+    giveBack(segment->second);
     m_kept.erase(segment);
+}
+
+void TcpReceiver::giveBack(const std::vector<std::uint8_t> &bytes)
+{
+    m_keptCost -= costOf(bytes);
+    m_budget.giveBack(costOf(bytes));
 }
 
 /// Whether all of it has been queued already: modulo 2^32, so that a wrap brings nothing old back.

@@ -14,6 +14,8 @@ class OutOfOrderBudget
 {
 public:
     static constexpr std::size_t limit = 256 * 1024 * 1024;
+    /// What keeping one segment takes besides its bytes.
+    static constexpr std::size_t perSegment = 128;
 
     /// False, and nothing is taken, if that would be more than the limit.
     bool take(std::size_t bytes);
@@ -37,7 +39,7 @@ public:
 
     /// `next` is RCV.NXT: the number behind the SYN's. `budget` has to outlive this.
     TcpReceiver(std::uint32_t next, OutOfOrderBudget &budget) : m_next(next), m_budget(budget) {}
-    ~TcpReceiver() { m_budget.giveBack(m_keptBytes); }
+    ~TcpReceiver() { m_budget.giveBack(m_keptCost); }
     TcpReceiver(const TcpReceiver &) = delete;
     TcpReceiver &operator=(const TcpReceiver &) = delete;
 
@@ -79,6 +81,7 @@ private:
     void append(std::span<const std::uint8_t> bytes);
     bool keep(std::uint32_t seq, std::span<const std::uint8_t> payload);
     void forget(Kept::iterator segment);
+    void giveBack(const std::vector<std::uint8_t> &bytes);
     unsigned drain();
 
     std::uint32_t m_next;
@@ -86,7 +89,7 @@ private:
     std::vector<std::uint8_t> m_queue;
     /// What came ahead of its turn, by its sequence number.
     Kept m_kept;
-    std::size_t m_keptBytes = 0;
+    std::size_t m_keptCost = 0; ///< taken of the budget
     OutOfOrderBudget &m_budget;
 };
 

@@ -33,7 +33,6 @@ TcpSender::TcpSender(const Opening &opening, const std::atomic<std::uint32_t> &a
     , m_window(opening.window)
     , m_windowShift(opening.windowShift)
     , m_windowSequence(opening.synSequence)
-    , m_windowAcknowledgement(opening.initialSequence)
 {}
 
 PacketBytes TcpSender::build(std::uint8_t flags, std::span<const std::uint8_t> payload, std::uint32_t seq) const
@@ -46,14 +45,21 @@ PacketBytes TcpSender::build(std::uint8_t flags, std::span<const std::uint8_t> p
 
 bool TcpSender::send(std::uint8_t flags, std::span<const std::uint8_t> payload)
 {
+    const bool isAck = payload.empty() && flags == tcpAck;
+    // A FIN is the last that has a number (RFC 9293 section 3.6). The upstream's last bytes may race with it.
+    if (m_isFinished && !isAck)
+        return true;
+    m_isFinished = m_isFinished || (flags & tcpFin);
     if (!m_path) {
         m_next += numbersOf(flags, payload.size());
         return true;
     }
     Drained drained;
     Stopped stopped = writeWaiting(drained);
-    if (payload.empty() && flags == tcpAck)
-        return sendAck(stopped);
+    if (isAck) {
+        sendAck(stopped);
+        return true;
+    }
     if (payload.size() > maxSegment)
         flags = tcpPsh | tcpAck;
     bool isKept = true;
@@ -67,47 +73,40 @@ bool TcpSender::send(std::uint8_t flags, std::span<const std::uint8_t> payload)
 
 bool TcpSender::sendSegment(std::uint8_t flags, std::span<const std::uint8_t> payload, Stopped &stopped)
 {
+    Waiting segment{build(flags, payload, m_next), static_cast<std::uint32_t>(payload.size()), flags};
     // Nothing overtakes what waits.
-    if (stopped == Stopped::Nowhere && !fits(flags, payload.size()))
+    if (stopped == Stopped::Nowhere && !fits(segment))
         stopped = Stopped::AtWindow;
-    if (stopped == Stopped::Nowhere && !writeNow(flags, payload))
+    if (stopped == Stopped::Nowhere && !write(segment))
         stopped = Stopped::AtAdapter;
-    return stopped == Stopped::Nowhere || keep(flags, payload);
+    return stopped == Stopped::Nowhere || keep(std::move(segment));
 }
 
 // A bare acknowledgement takes no room in the window, so it does not wait behind what does: an application that reads
 // nothing while it sends would never get through otherwise. One that waits for the adapter stands for all later ones,
 // as its number is read when it is written.
-bool TcpSender::sendAck(Stopped stopped)
+TcpSender::Stopped TcpSender::sendAck(Stopped stopped)
 {
-    if (stopped == Stopped::AtAdapter || !writeNow(tcpAck, {}))
-        m_ackWaits = true;
-    else
-        m_ackWaits = false;
-    return true;
+    m_ackWaits = stopped == Stopped::AtAdapter || !write({build(tcpAck, {}, m_next), 0, tcpAck});
+    return m_ackWaits ? Stopped::AtAdapter : stopped;
 }
 
-bool TcpSender::writeNow(std::uint8_t flags, std::span<const std::uint8_t> payload)
+bool TcpSender::write(const Waiting &segment)
 {
-    const PacketBytes packet = build(flags, payload, m_next);
-    if (!m_write(packet.data(), packet.size()))
+    if (!m_write(segment.packet.data(), segment.packet.size()))
         return false;
-    count(flags, payload.size());
-    return true;
-}
-
-void TcpSender::count(std::uint8_t flags, std::size_t payload)
-{
-    m_next += numbersOf(flags, payload);
-    if (flags & tcpSyn) // the window begins behind it
+    m_next += numbersOf(segment.flags, segment.payload);
+    if (segment.flags & tcpSyn) // the window begins behind it
         m_unacknowledged = m_next;
+    m_ackWaits = false; // every packet carries the number
+    return true;
 }
 
-bool TcpSender::keep(std::uint8_t flags, std::span<const std::uint8_t> payload)
+bool TcpSender::keep(Waiting segment)
 {
-    if (m_waiting.size() >= maxWaiting && !(flags & tcpFin))
+    if (m_waiting.size() >= maxWaiting && !(segment.flags & tcpFin))
         return false;
-    m_waiting.push_back({build(flags, payload, 0), static_cast<std::uint32_t>(payload.size()), flags});
+    m_waiting.push_back(std::move(segment));
     return true;
 }
 
@@ -118,25 +117,23 @@ std::uint32_t TcpSender::room() const
     return inFlight < m_window ? m_window - inFlight : 0;
 }
 
-bool TcpSender::fits(std::uint8_t flags, std::size_t payload) const
+bool TcpSender::fits(const Waiting &segment) const
 {
-    return (flags & tcpSyn) || numbersOf(flags, payload) <= room();
+    return (segment.flags & tcpSyn) || numbersOf(segment.flags, segment.payload) <= room();
 }
 
 TcpSender::Stopped TcpSender::writeWaiting(Drained &drained)
 {
     while (!m_waiting.empty()) {
         Waiting &first = m_waiting.front();
-        if (!fits(first.flags, first.payload))
+        if (!fits(first))
             return Stopped::AtWindow;
         stampTcpNumbers(first.packet, m_next, m_acknowledgement);
-        if (!m_write(first.packet.data(), first.packet.size()))
+        if (!write(first))
             return Stopped::AtAdapter;
-        count(first.flags, first.payload);
         ++drained.packets;
         drained.bytes += first.payload;
         m_waiting.pop_front();
-        m_ackWaits = false; // it has carried the number
         m_heldUpSince.reset();
     }
     return Stopped::Nowhere;
@@ -150,11 +147,8 @@ TcpSender::Drained TcpSender::drain(SteadyTime now)
         stopped = lookAfterWindow(now, drained);
     else
         m_heldUpSince.reset();
-    if (m_ackWaits && stopped != Stopped::AtAdapter) {
-        m_ackWaits = !writeNow(tcpAck, {});
-        if (m_ackWaits)
-            stopped = Stopped::AtAdapter;
-    }
+    if (m_ackWaits)
+        stopped = sendAck(stopped);
     drained.isRefused = stopped == Stopped::AtAdapter;
     if (m_isPaused && m_waiting.size() < pauseAt) {
         m_isPaused = false;
@@ -189,12 +183,12 @@ TcpSender::Stopped TcpSender::writeCut(Drained &drained)
     const std::span<const std::uint8_t> payload =
         std::span(first.packet).subspan(first.packet.size() - first.payload);
     const std::uint32_t size = room();
-    if (!writeNow(tcpAck | (first.flags & tcpPsh), payload.first(size)))
+    const Waiting cut{build(first.flags, payload.first(size), m_next), size, first.flags};
+    Waiting rest{build(first.flags, payload.subspan(size), m_next), first.payload - size, first.flags};
+    if (!write(cut))
         return Stopped::AtAdapter;
     drained.bytes += size;
-    Waiting rest{build(first.flags, payload.subspan(size), 0), first.payload - size, first.flags};
     first = std::move(rest);
-    m_ackWaits = false;
     m_heldUpSince.reset();
     return Stopped::AtWindow;
 }
@@ -207,19 +201,19 @@ TcpSender::Acknowledged TcpSender::acknowledge(const TcpSegment &segment)
     }
     bool isNew = segment.ack != m_unacknowledged;
     m_unacknowledged = segment.ack;
-    // An older segment that was overtaken must not bring its window back.
-    const std::int32_t ahead = distance(segment.seq, m_windowSequence);
-    if (ahead > 0 || (ahead == 0 && distance(segment.ack, m_windowAcknowledgement) >= 0)) {
+    // An older segment that was overtaken must not bring its window back. One that acknowledges more is newer than
+    // all before it, even if it was sent again and has an old number: its window counts from there, and the one
+    // before would reach beyond what the application has room for.
+    if (isNew || distance(segment.seq, m_windowSequence) >= 0) {
         const std::uint32_t window = std::uint32_t{segment.window} << m_windowShift;
         isNew = isNew || window != m_window;
         m_window = window;
         m_windowSequence = segment.seq;
-        m_windowAcknowledgement = segment.ack;
     }
     if (!isNew)
         return Acknowledged::Nothing;
     m_heldUpSince.reset();
-    if (m_waiting.empty() || !fits(m_waiting.front().flags, m_waiting.front().payload))
+    if (m_waiting.empty() || !fits(m_waiting.front()))
         return Acknowledged::Progress;
     return Acknowledged::Room;
 }

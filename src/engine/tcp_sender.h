@@ -48,7 +48,8 @@ public:
     TcpSender(const Opening &opening, const std::atomic<std::uint32_t> &acknowledgement, const Write &write);
 
     /// Sends what is waiting, then this: one packet with these flags, or, beyond one segment, several with PSH|ACK.
-    /// What finds no room waits. False if something is lost, because too much waits already; a FIN never is.
+    /// What finds no room waits. False if something is lost, because too much waits already; a FIN never is. Behind a
+    /// FIN there is only tcpAck: the rest is left out.
     bool send(std::uint8_t flags, std::span<const std::uint8_t> payload);
 
     enum class Acknowledged {
@@ -83,7 +84,7 @@ public:
     std::uint32_t window() const { return m_window; }
 
 private:
-    /// A packet that waits. Its numbers are stamped when it is written.
+    /// A packet that may have to wait. Its numbers are stamped once more when it is written then.
     struct Waiting
     {
         PacketBytes packet;
@@ -93,16 +94,15 @@ private:
     enum class Stopped { Nowhere, AtWindow, AtAdapter };
 
     PacketBytes build(std::uint8_t flags, std::span<const std::uint8_t> payload, std::uint32_t seq) const;
-    bool writeNow(std::uint8_t flags, std::span<const std::uint8_t> payload);
-    bool fits(std::uint8_t flags, std::size_t payload) const;
+    bool fits(const Waiting &segment) const;
     std::uint32_t room() const;
     bool sendSegment(std::uint8_t flags, std::span<const std::uint8_t> payload, Stopped &stopped);
-    bool sendAck(Stopped stopped);
-    bool keep(std::uint8_t flags, std::span<const std::uint8_t> payload);
+    Stopped sendAck(Stopped stopped);
+    bool write(const Waiting &segment);
+    bool keep(Waiting segment);
     Stopped writeWaiting(Drained &drained);
     Stopped lookAfterWindow(SteadyTime now, Drained &drained);
     Stopped writeCut(Drained &drained);
-    void count(std::uint8_t flags, std::size_t payload);
 
     const std::optional<FlowKey> m_path;
     const std::atomic<std::uint32_t> &m_acknowledgement;
@@ -112,11 +112,11 @@ private:
     std::uint32_t m_unacknowledged; ///< SND.UNA
     std::uint32_t m_window;         ///< SND.WND, scaled
     const std::uint8_t m_windowShift;
-    std::uint32_t m_windowSequence;        ///< SND.WL1
-    std::uint32_t m_windowAcknowledgement; ///< SND.WL2
+    std::uint32_t m_windowSequence; ///< SND.WL1; SND.WL2 is never ahead of what may still come
 
     std::deque<Waiting> m_waiting;
     bool m_ackWaits = false;
+    bool m_isFinished = false;
     bool m_isPaused = false;
     /// Since when the window holds up what waits.
     std::optional<SteadyTime> m_heldUpSince;

@@ -53,8 +53,8 @@ struct UdpFlowContext
 /// and a UDP socket that is connected to the relay, so that nobody else's datagrams come in.
 ///
 /// From any thread. m_mutex guards everything here but the constants: all calls on the sockets are made under it
-/// (none of them waits), so they are closed under it too. Nothing is logged, and no callback is called, under it.
-/// Every operation in flight holds a reference.
+/// (none of them waits), so they are closed under it too. No callback is called under it. Every operation in flight
+/// holds a reference.
 class UdpFlow : public std::enable_shared_from_this<UdpFlow>
 {
 public:

@@ -13,22 +13,6 @@
 
 namespace ruvo {
 
-namespace {
-
-/// One datagram was lost on its way, and the next one may be as lucky as ever.
-bool isOfOneDatagram(DWORD portError)
-{
-    switch (portError) {
-    case ERROR_PORT_UNREACHABLE:
-    case ERROR_CONNECTION_REFUSED:
-    case ERROR_NETNAME_DELETED: // its time to live was over
-    case ERROR_MORE_DATA: return true;
-    default: return false;
-    }
-}
-
-} // namespace
-
 UdpFlows::UdpFlows(const EngineServices &services, std::size_t flowLimit)
     : m_services(services)
     , m_flowLimit(flowLimit)
@@ -177,10 +161,9 @@ void UdpFlows::onControlCompleted(const UdpFlowPtr &flow, PortExchange::Outcome 
 
 void UdpFlows::onReceived(const UdpFlowPtr &flow, DWORD bytes, DWORD error)
 {
+    // A relay that cannot be reached any more is the end of the association, whether its proxy sees it or not.
     if (error == NO_ERROR)
         onDatagramReceived(flow, bytes);
-    else if (isOfOneDatagram(error))
-        postUdpRecv(flow);
     else
         cleanupFlow(flow);
 }

@@ -1,17 +1,10 @@
 #include "nat/direct_connect.h"
 
-#include "common/ipv4.h"
 #include "common/log_category.h"
-#include "io/socket_options.h"
-#include "io/timed_io.h"
-
-#include <chrono>
 
 namespace ruvo {
 
 namespace {
-
-constexpr std::chrono::seconds connectTimeout{10};
 
 /// Windows wants the index in network byte order here, unlike IPV6_UNICAST_IF.
 void bindToInterface(SOCKET socket, std::uint32_t interfaceIndex)
@@ -27,27 +20,14 @@ void bindToInterface(SOCKET socket, std::uint32_t interfaceIndex)
 
 } // namespace
 
-Socket connectDirectly(std::uint32_t address, std::uint16_t port, std::uint32_t physicalInterface, HANDLE stopEvent)
+PortExchangePlan directConnectPlan(const Endpoint &destination, std::uint32_t physicalInterface)
 {
-    qCCritical(lcRuvod).nospace().noquote()
-        << "[TCP-NAT] Using DIRECT routing to " << formatIpv4(address) << ":" << port;
-    Socket socket(openSocket(SOCK_STREAM, IPPROTO_TCP));
-    if (!socket) {
-        const int error = WSAGetLastError();
-        qCWarning(lcRuvod) << "[TCP-NAT] Failed to create direct socket:" << error;
-        return {};
+    qCCritical(lcRuvod).nospace().noquote() << "[TCP-NAT] Using DIRECT routing to " << formatEndpoint(destination);
+    PortExchangePlan plan{.peer = destination};
+    if (physicalInterface != 0) {
+        plan.prepare = [physicalInterface](SOCKET socket) { bindToInterface(socket, physicalInterface); };
     }
-    if (physicalInterface != 0)
-        bindToInterface(socket.get(), physicalInterface);
-    SocketWait wait(stopEvent);
-    const int error =
-        connectWithin(wait, socket.get(), socketAddress(address, port), SocketWait::Clock::now() + connectTimeout);
-    if (error != NO_ERROR) {
-        qCWarning(lcRuvod).nospace().noquote() << "[TCP-NAT] Failed to connect directly to " << formatIpv4(address)
-                                               << ":" << port << " - Error: " << error;
-        return {};
-    }
-    return socket;
+    return plan;
 }
 
 } // namespace ruvo

@@ -1,11 +1,30 @@
 #include "nat/relay_connector.h"
 
+#include "common/capped_log.h"
 #include "common/log_category.h"
 #include "io/socket_options.h"
+#include "nat/connect_log.h"
 #include "nat/direct_connect.h"
-#include "socks5/socks_client.h"
+
+#include <QString>
+
+#include <new>
+#include <variant>
+#include <vector>
 
 namespace ruvo {
+
+namespace {
+
+std::optional<std::uint32_t> parseAddress(const std::wstring &host)
+{
+    in_addr address{};
+    if (InetPtonW(AF_INET, host.c_str(), &address) != 1)
+        return std::nullopt;
+    return ntohl(address.s_addr);
+}
+
+} // namespace
 
 RelayConnector::PendingClient::PendingClient(Socket socket, TcpNatSessionPtr session, TcpNatTable &table)
     : m_socket(std::move(socket)), m_session(std::move(session)), m_table(table)
@@ -27,73 +46,192 @@ bool RelayConnector::PendingClient::hasGone() const
     return received == 0 || (received < 0 && WSAGetLastError() != WSAEWOULDBLOCK);
 }
 
-RelayConnector::RelayConnector(std::wstring proxyHost, HANDLE stopEvent, CompletionPort &completionPort,
-                               TcpNatTable &natTable, Questions questions)
-    : m_proxyHost(std::move(proxyHost))
-    , m_stopEvent(stopEvent)
+RelayConnector::RelayConnector(const std::wstring &proxyHost, CompletionPort &completionPort, TcpNatTable &natTable,
+                               Questions questions, std::size_t limit)
+    : m_proxyHost(proxyHost)
+    , m_proxyAddress(parseAddress(proxyHost))
     , m_completionPort(completionPort)
     , m_natTable(natTable)
     , m_questions(std::move(questions))
+    , m_limit(limit)
 {}
 
 void RelayConnector::relay(Socket socket, const TcpNatSessionPtr &session)
 {
-    PendingClient client(std::move(socket), session, m_natTable);
+    const auto client = std::make_shared<PendingClient>(std::move(socket), session, m_natTable);
     const std::optional<RelayRoute> route = m_questions.routeFor(*session);
-    if (!route)
+    if (!route || !admit(client))
         return;
-    (route->isDirect ? m_directThreads : m_proxyThreads)
-        .post([this, client = std::move(client), route = *route]() mutable {
-            connectAndStart(std::move(client), route);
-        });
-}
-
-void RelayConnector::connectAndStart(PendingClient client, const RelayRoute &route)
-{
-    if (!setNonBlocking(client.socket())) {
+    client->route = *route;
+    if (!setNonBlocking(client->socket())) {
         const int error = WSAGetLastError();
         qCWarning(lcRuvod) << "[TCP-NAT] Failed to make the client socket non-blocking:" << error;
-        return;
+        forget(client);
+    } else if (client->hasGone()) {
+        forget(client);
+    } else if (route->isDirect) {
+        connectDirectly(client);
+    } else {
+        connectThroughProxy(client);
     }
-    // It may have given up while others were connected.
-    if (client.hasGone())
-        return;
-    Socket destination =
-        route.isDirect ? connectDirectly(route.address, route.port, m_questions.physicalInterface(), m_stopEvent)
-                       : connectThroughProxy(route);
-    if (!destination)
-        return;
+}
+
+/// Whether there is room for one more client.
+bool RelayConnector::admit(const PendingClientPtr &client)
+{
+    const std::size_t relays = m_relays.size();
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_stopped)
+            return false;
+        if (m_pending.size() + relays < m_limit) {
+            m_pending.insert(client);
+            return true;
+        }
+    }
+    static CappedLog s_refusals(5, 1000);
+    if (s_refusals.take())
+        qCWarning(lcRuvod) << "[TCP-NAT] Too many connections, refusing one";
+    return false;
+}
+
+/// Until the outcome is known, the callback keeps the client alive.
+void RelayConnector::begin(const PendingClientPtr &client, PortExchangePlan plan, PortExchange::Callback callback)
+{
+    plan.key = CompletionKey::RelayReceive;
+    plan.deadline = steadyNow() + attemptTimeout;
+    const auto attempt = std::make_shared<PortExchange>(m_completionPort, std::move(plan), std::move(callback));
+    {
+        const std::lock_guard lock(m_mutex);
+        // After stop has collected them, nobody would cancel it.
+        if (!m_pending.contains(client))
+            return;
+        client->attempt = attempt;
+    }
+    attempt->start();
+}
+
+void RelayConnector::connectDirectly(const PendingClientPtr &client)
+{
+    const Endpoint destination{client->route.address, client->route.port};
+    begin(client, directConnectPlan(destination, m_questions.physicalInterface()),
+          [this, client, destination](PortExchange::Outcome outcome) {
+              if (outcome)
+                  return startRelay(client, std::move(*outcome));
+              logDirectFailure(outcome.error(), destination);
+              forget(client);
+          });
+}
+
+void RelayConnector::connectThroughProxy(const PendingClientPtr &client)
+{
+    const RelayRoute &route = client->route;
+    std::string name = m_questions.nameOf(route.address);
+    if (name.empty())
+        askProxy(client, Endpoint{route.address, route.port});
+    else
+        askProxy(client, socks5::NamedDestination{std::move(name), route.port});
+}
+
+void RelayConnector::askProxy(const PendingClientPtr &client, const socks5::SocksRequest &request)
+{
+    const bool byName = std::holds_alternative<socks5::NamedDestination>(request);
+    std::optional<socks5::Bytes> bytes = socks5::requestBytes(request);
+    if (!m_proxyAddress)
+        qCWarning(lcRuvod) << "Invalid proxy address:" << QString::fromStdWString(m_proxyHost);
+    else if (!bytes)
+        qCWarning(lcRuvod) << "Invalid domain name length";
+    if (!m_proxyAddress || !bytes)
+        return proxyRefused(client, byName);
+    begin(client, {.peer = {*m_proxyAddress, client->route.proxyPort}, .request = std::move(bytes)},
+          [this, client, byName](PortExchange::Outcome outcome) {
+              if (outcome)
+                  return startRelay(client, std::move(*outcome));
+              logProxyFailure(outcome.error(), byName);
+              proxyRefused(client, byName);
+          });
+}
+
+/// A proxy that refuses the name may still take the address, on a connection of its own.
+void RelayConnector::proxyRefused(const PendingClientPtr &client, bool byName)
+{
+    if (byName)
+        return askProxy(client, Endpoint{client->route.address, client->route.port});
+    qCWarning(lcRuvod) << "[TCP-NAT] Failed to connect to SOCKS5 proxy";
+    forget(client);
+}
+
+void RelayConnector::startRelay(const PendingClientPtr &client, EstablishedExchange destination)
+{
+    if (!setNonBlocking(destination.socket.get())) {
+        const int error = WSAGetLastError();
+        qCWarning(lcRuvod) << "[TCP-NAT] Failed to make the destination socket non-blocking:" << error;
+        return forget(client);
+    }
     const std::uint64_t id = m_relays.nextId();
-    const auto relay = std::make_shared<RelaySession>(id, client.takeSocket(), std::move(destination), route.isDirect,
-                                                      m_completionPort, [this, id, session = client.takeSession()] {
-                                                          m_relays.remove(id);
-                                                          m_natTable.end(session);
-                                                      });
-    if (m_relays.insert(relay))
-        relay->start();
+    RelaySessionPtr relay;
+    try {
+        relay = std::make_shared<RelaySession>(id, client->takeSocket(), std::move(destination.socket),
+                                               client->route.isDirect, m_completionPort,
+                                               [this, id, session = client->session()] {
+                                                   m_relays.remove(id);
+                                                   m_natTable.end(session);
+                                               });
+    } catch (const std::bad_alloc &) { // there is no room for its buffers
+        return forget(client);
+    }
+    client->forgetSession(); // it is the relay's now
+    const bool isRunning = m_relays.insert(relay);
+    forget(client);
+    if (isRunning)
+        relay->start(destination.skipsPort);
     else
         relay->abort();
 }
 
-Socket RelayConnector::connectThroughProxy(const RelayRoute &route)
+/// It does not wait any more. With the last reference it is reset, unless it has its relay.
+void RelayConnector::forget(const PendingClientPtr &client)
 {
-    SocksClient proxy(m_proxyHost, route.proxyPort, m_stopEvent);
-    const std::string name = m_questions.nameOf(route.address);
-    // A proxy that refuses the name may still take the address, on a connection of its own.
-    const bool isConnected =
-        (!name.empty() && proxy.connectTo(name, route.port)) || proxy.connectTo(route.address, route.port);
-    if (!isConnected) {
-        qCWarning(lcRuvod) << "[TCP-NAT] Failed to connect to SOCKS5 proxy";
-        return {};
+    const std::lock_guard lock(m_mutex);
+    m_pending.erase(client);
+}
+
+void RelayConnector::housekeeping(SteadyTime now)
+{
+    std::vector<PortExchangePtr> attempts;
+    {
+        const std::lock_guard lock(m_mutex);
+        attempts.reserve(m_pending.size());
+        for (const PendingClientPtr &client : m_pending) {
+            if (client->attempt)
+                attempts.push_back(client->attempt);
+        }
     }
-    return proxy.releaseTcpSocket();
+    for (const PortExchangePtr &attempt : attempts)
+        attempt->expireIfOverdue(now);
+    m_relays.closeOverdue();
 }
 
 void RelayConnector::stop()
 {
-    m_proxyThreads.stop();
-    m_directThreads.stop();
+    std::unordered_set<PendingClientPtr> pending;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_stopped = true;
+        pending.swap(m_pending);
+    }
+    for (const PendingClientPtr &client : pending) {
+        if (client->attempt)
+            client->attempt->cancel();
+    }
+    pending.clear();
     m_relays.closeAll();
+}
+
+std::size_t RelayConnector::waiting() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_pending.size();
 }
 
 } // namespace ruvo

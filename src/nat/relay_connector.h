@@ -1,16 +1,21 @@
 #pragma once
 
+#include "common/steady_clock.h"
 #include "common/windows_handles.h"
 #include "io/completion_port.h"
-#include "io/connection_threads.h"
 #include "nat/relay_table.h"
 #include "nat/tcp_nat_table.h"
+#include "socks5/port_exchange.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <utility>
 
 namespace ruvo {
@@ -26,11 +31,19 @@ struct RelayRoute
     std::uint16_t proxyPort = 0;
 };
 
-/// Gives each accepted connection its relay: asks for its route, connects to the proxy or to the destination on a
-/// thread that may block, and joins the two.
+/// Gives each accepted connection its relay: asks for its route, connects to the proxy or to the destination on the
+/// completion port, and joins the two. A way out that takes its time takes a socket and no thread, so those that
+/// nobody answers hold up nobody.
+///
+/// m_mutex guards the clients that wait, and is held to find and collect only, never over a call into a socket.
 class RelayConnector
 {
 public:
+    /// For one attempt to connect and, to the proxy, to be let through. A client may take two: by name, by address.
+    static constexpr std::chrono::seconds attemptTimeout{10};
+    /// Relays, and clients that wait for theirs, at a time.
+    static constexpr std::size_t maxConnections = 16384;
+
     struct Questions
     {
         /// Asked on the worker that took the accept, while the owner of the client's port can still be told. No
@@ -42,17 +55,20 @@ public:
         std::function<std::uint32_t()> physicalInterface;
     };
 
-    /// `stopEvent` (not owned) ends every connect. All that is referred to has to outlive this.
-    RelayConnector(std::wstring proxyHost, HANDLE stopEvent, CompletionPort &completionPort, TcpNatTable &natTable,
-                   Questions questions);
+    /// `proxyHost` is a dotted IPv4 address. Clients over `limit` are refused. All that is referred to has to outlive
+    /// this, and this has to outlive what it has in flight on the port.
+    RelayConnector(const std::wstring &proxyHost, CompletionPort &completionPort, TcpNatTable &natTable,
+                   Questions questions, std::size_t limit = maxConnections);
 
     /// On a worker. A connection that cannot be relayed is reset; its session has ended then.
     void relay(Socket client, const TcpNatSessionPtr &session);
-    /// Once the stop event is set: waits for the connects, then aborts all relays.
+    /// Resets all clients that wait, then aborts all relays; from here on every client is reset. Does not wait: what
+    /// was in flight completes on the port.
     void stop();
-    /// Once a second.
-    void housekeeping() { m_relays.closeOverdue(); }
+    /// Once a second: ends attempts that are overdue, and relays that do not end.
+    void housekeeping(SteadyTime now = steadyNow());
     std::size_t relays() const { return m_relays.size(); }
+    std::size_t waiting() const;
 
 private:
     /// A client whose way out is not there yet. Unless it is taken it is reset, and its session ends.
@@ -60,36 +76,49 @@ private:
     {
     public:
         PendingClient(Socket socket, TcpNatSessionPtr session, TcpNatTable &table);
-        PendingClient(PendingClient &&) = default;
-        PendingClient &operator=(PendingClient &&) = delete;
+        PendingClient(const PendingClient &) = delete;
+        PendingClient &operator=(const PendingClient &) = delete;
         ~PendingClient();
 
         SOCKET socket() const { return m_socket.get(); }
+        const TcpNatSessionPtr &session() const { return m_session; }
         bool hasGone() const;
         Socket takeSocket() { return std::move(m_socket); }
-        TcpNatSessionPtr takeSession() { return std::move(m_session); }
+        void forgetSession() { m_session.reset(); }
+
+        RelayRoute route;
+        /// The attempt under way. Under the connector's mutex.
+        PortExchangePtr attempt;
 
     private:
         Socket m_socket;
         TcpNatSessionPtr m_session;
         TcpNatTable &m_table;
     };
+    /// Held by m_pending and by the callback of its attempt.
+    using PendingClientPtr = std::shared_ptr<PendingClient>;
 
-    static constexpr unsigned maxThreads = 256; // of each kind
-
-    void connectAndStart(PendingClient client, const RelayRoute &route);
-    Socket connectThroughProxy(const RelayRoute &route);
+    bool admit(const PendingClientPtr &client);
+    void begin(const PendingClientPtr &client, PortExchangePlan plan, PortExchange::Callback callback);
+    void connectDirectly(const PendingClientPtr &client);
+    void connectThroughProxy(const PendingClientPtr &client);
+    void askProxy(const PendingClientPtr &client, const socks5::SocksRequest &request);
+    void proxyRefused(const PendingClientPtr &client, bool byName);
+    void startRelay(const PendingClientPtr &client, EstablishedExchange destination);
+    void forget(const PendingClientPtr &client);
 
     const std::wstring m_proxyHost;
-    const HANDLE m_stopEvent;
+    /// In host order; nothing if the host is no address.
+    const std::optional<std::uint32_t> m_proxyAddress;
     CompletionPort &m_completionPort;
     TcpNatTable &m_natTable;
     const Questions m_questions;
+    const std::size_t m_limit;
     RelayTable m_relays;
-    // Apart: a program that calls hundreds of addresses directly which nobody answers at holds up its like, but not
-    // what goes to the proxy.
-    ConnectionThreads m_proxyThreads{maxThreads};
-    ConnectionThreads m_directThreads{maxThreads};
+
+    mutable std::mutex m_mutex;
+    bool m_stopped = false;
+    std::unordered_set<PendingClientPtr> m_pending;
 };
 
 } // namespace ruvo

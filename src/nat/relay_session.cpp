@@ -54,10 +54,12 @@ RelaySession::RelaySession(std::uint64_t id, Socket client, Socket destination, 
     , m_download(*this, m_destination, m_client, "[TCP-NAT-IOCP] WSARecv (dest) failed:")
 {}
 
-void RelaySession::start()
+void RelaySession::start(std::optional<bool> destinationSkipsPort)
 {
+    m_destination.skipsPort = destinationSkipsPort.value_or(false);
     if (!associate(m_client, "[TCP-NAT-IOCP] Failed to associate client socket with IOCP:")
-        || !associate(m_destination, "[TCP-NAT-IOCP] Failed to associate dest socket with IOCP:")) {
+        || (!destinationSkipsPort
+            && !associate(m_destination, "[TCP-NAT-IOCP] Failed to associate dest socket with IOCP:"))) {
         return close(Closing::Abortive);
     }
     setNoDelay(m_client.socket.get());

@@ -37,8 +37,8 @@ public:
                  std::function<void()> onClosed);
 
     /// Puts both sockets on the completion port and starts receiving; relays what is there already. Closes itself if
-    /// that fails.
-    void start();
+    /// that fails. A destination that is on the port already comes with what skipPortOnSuccess said of it.
+    void start(std::optional<bool> destinationSkipsPort = std::nullopt);
     /// Ends both connections at once, so that neither end takes what it has for the whole.
     void abort();
     /// Closes one that has been ending for longer than endingTime.

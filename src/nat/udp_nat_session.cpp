@@ -3,6 +3,7 @@
 #include "common/log_category.h"
 #include "io/socket_options.h"
 #include "io/timed_io.h"
+#include "socks5/blocking_exchange.h"
 
 #include <mswsock.h>
 
@@ -32,6 +33,20 @@ void keepReceivingAfterRefusals(SOCKET socket)
     BOOL off = FALSE;
     DWORD size = 0;
     WSAIoctl(socket, SIO_UDP_CONNRESET, &off, sizeof(off), nullptr, 0, &size, nullptr, nullptr);
+}
+
+void logFailure(const socks5::SocksFailure &failure)
+{
+    if (failure.step == socks5::ExchangeStep::MethodReply && !failure.isCutOff) {
+        qCWarning(lcRuvod) << "[UDP-NAT] SOCKS5 auth failed:" << failure.version() << failure.code();
+    } else if (failure.step == socks5::ExchangeStep::Reply) {
+        if (failure.bytes.size() < socks5::minReplySize)
+            qCWarning(lcRuvod) << "[UDP-NAT] Invalid UDP ASSOCIATE response, got" << failure.bytes.size() << "bytes";
+        else if (!failure.isCutOff)
+            qCWarning(lcRuvod) << "[UDP-NAT] UDP ASSOCIATE failed:" << failure.code();
+        else // only addresses of other types are longer than what has come
+            qCWarning(lcRuvod) << "[UDP-NAT] Unexpected ATYP in response:" << failure.bytes[replyAddressType];
+    }
 }
 
 /// Winsock has one structure for both directions; what is sent from it is only read.
@@ -74,31 +89,15 @@ bool UdpNatSession::connectControl(const std::wstring &proxyHost, HANDLE stopEve
 
 bool UdpNatSession::associateWithProxy(SocketWait &wait, std::uint32_t proxyAddress)
 {
-    const SOCKET control = m_control.get();
-    std::array<std::uint8_t, socks5::methodReplySize> method{};
-    if (!sendWithin(wait, control, socks5::greeting, within(replyTimeout))
-        || receiveWithin(wait, control, method, within(replyTimeout)) < method.size()) {
+    socks5::SocksExchange exchange(socks5::requestBytes(socks5::UdpAssociation()).value());
+    driveExchange(exchange, wait, m_control.get(), [] { return within(replyTimeout); });
+    if (exchange.state() != socks5::SocksExchange::State::Succeeded) {
+        logFailure(exchange.failure());
         return false;
     }
-    if (!socks5::isMethodAccepted(method)) {
-        qCWarning(lcRuvod) << "[UDP-NAT] SOCKS5 auth failed:" << method[0] << method[1];
-        return false;
-    }
-    if (!sendWithin(wait, control, socks5::udpAssociateRequest, within(replyTimeout)))
-        return false;
-    std::array<std::uint8_t, socks5::minReplySize> reply{};
-    const std::size_t received = receiveWithin(wait, control, reply, within(replyTimeout));
-    if (received < reply.size()) {
-        qCWarning(lcRuvod) << "[UDP-NAT] Invalid UDP ASSOCIATE response, got" << received << "bytes";
-        return false;
-    }
-    if (const auto failure = socks5::replyFailure(reply)) {
-        qCWarning(lcRuvod) << "[UDP-NAT] UDP ASSOCIATE failed:" << *failure;
-        return false;
-    }
-    const std::optional<Endpoint> relay = socks5::parseUdpAssociateReply(reply, proxyAddress);
+    const std::optional<Endpoint> relay = socks5::parseUdpAssociateReply(exchange.reply(), proxyAddress);
     if (!relay) {
-        qCWarning(lcRuvod) << "[UDP-NAT] Unexpected ATYP in response:" << reply[replyAddressType];
+        qCWarning(lcRuvod) << "[UDP-NAT] Unexpected ATYP in response:" << exchange.reply()[replyAddressType];
         return false;
     }
     m_relay = socketAddress(relay->address, relay->port);

@@ -166,10 +166,8 @@ void PortExchange::onCompleted(DWORD bytes, DWORD error)
 {
     std::unique_lock lock(m_mutex);
     m_inFlight = false;
-    if (m_over) {
-        m_socket.reset();
+    if (m_over)
         return;
-    }
     std::optional<Outcome> outcome;
     if (error != NO_ERROR)
         outcome = failureAt({Step::Connect, Step::Send, Step::Receive}, completionError(error));
@@ -205,10 +203,7 @@ void PortExchange::finish(std::unique_lock<std::mutex> lock, Outcome outcome)
 {
     m_over = true;
     Callback callback = std::move(m_callback);
-    if (m_inFlight)
-        CancelIoEx(reinterpret_cast<HANDLE>(m_socket.get()), nullptr);
-    else
-        m_socket.reset();
+    m_socket.reset();
     lock.unlock();
     callback(std::move(outcome));
 }
@@ -220,8 +215,7 @@ bool PortExchange::cancel()
     if (std::exchange(m_over, true))
         return false;
     dropped = std::move(m_callback);
-    if (m_inFlight)
-        CancelIoEx(reinterpret_cast<HANDLE>(m_socket.get()), nullptr);
+    m_socket.reset();
     return true;
 }
 

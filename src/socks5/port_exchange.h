@@ -20,10 +20,10 @@ namespace ruvo {
 struct PortExchangePlan
 {
     /// The proxy; or the destination itself, without a request.
-    Endpoint peer;
+    Endpoint peer = {};
     /// What is asked of the proxy (socks5::requestBytes). Nothing: it is over once the connection stands. Empty: once
     /// the proxy has accepted the method.
-    std::optional<socks5::Bytes> request;
+    std::optional<socks5::Bytes> request = {};
     /// Of the socket, for all of its operations.
     CompletionKey key = CompletionKey::TcpConnection;
     /// Small segments go out at once (TCP_NODELAY).
@@ -81,9 +81,9 @@ struct PortExchangeFailure
 /// The outcome comes exactly once, to the callback, without a lock: on a worker, or from inside start if it is known
 /// there already, or from inside expireIfOverdue. After cancel it never comes.
 ///
-/// m_mutex guards the issuing of calls against their cancelling; it is held over Winsock calls that do not wait, and
-/// never over the callback. The socket is closed when nobody can be inside a call on it: by the completion of the
-/// call that was in flight, or with the last reference.
+/// m_mutex guards the issuing of calls against the closing of the socket, which is what ends a call in flight; it is
+/// held over Winsock calls that do not wait, and never over the callback. CancelIoEx would be a second call for the
+/// same end, and one that Wine looks through all of the process's calls for.
 class PortExchange : public std::enable_shared_from_this<PortExchange>
 {
 public:
@@ -103,7 +103,7 @@ public:
     /// and it has been destroyed (in here) with all that it owned. False: the outcome is known already, and the
     /// callback has been called, is running, or is about to run on another thread.
     ///
-    /// What is in flight completes on the port as cancelled.
+    /// The socket is closed in here; what is in flight on it completes on the port as cancelled.
     bool cancel();
     /// If it is overdue, gives WSAETIMEDOUT to the callback, right here.
     void expireIfOverdue(SteadyTime now);

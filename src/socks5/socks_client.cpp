@@ -3,10 +3,14 @@
 #include "common/log_category.h"
 #include "io/socket_options.h"
 #include "io/timed_io.h"
+#include "socks5/blocking_exchange.h"
+#include "socks5/socks_failure_log.h"
 
 #include <QString>
 
-#include <array>
+#include <optional>
+#include <utility>
+#include <variant>
 
 namespace ruvo {
 
@@ -47,61 +51,37 @@ bool SocksClient::connectToProxy()
 
 bool SocksClient::authenticate()
 {
-    if (!sendAll(socks5::greeting)) {
-        qCWarning(lcRuvod) << "Failed to send SOCKS5 greeting";
-        return false;
-    }
-    std::array<std::uint8_t, socks5::methodReplySize> reply{};
-    if (!receiveExactly(reply)) {
-        qCWarning(lcRuvod) << "Failed to receive SOCKS5 response";
-        return false;
-    }
-    if (!socks5::isMethodAccepted(reply)) {
-        qCWarning(lcRuvod) << "SOCKS5 authentication failed";
-        return false;
-    }
-    return true;
+    return drive(socks5::SocksExchange(socks5::Bytes()), false);
 }
 
 bool SocksClient::connectIPv4(std::uint32_t address, std::uint16_t port)
 {
-    if (!sendAll(socks5::connectRequest(address, port))) {
-        qCWarning(lcRuvod) << "Failed to send connection request";
-        return false;
-    }
-    socks5::Bytes reply;
-    if (!receiveReply(reply)) {
-        qCWarning(lcRuvod) << "Failed to receive connection response";
-        return false;
-    }
-    if (const auto failure = socks5::replyFailure(reply)) {
-        qCWarning(lcRuvod) << "SOCKS5 connection failed with reply:" << *failure;
-        return false;
-    }
-    return true;
+    return request(socks5::Endpoint{address, port});
 }
 
 bool SocksClient::connectDomain(std::string_view name, std::uint16_t port)
 {
-    const std::optional<socks5::Bytes> request = socks5::connectRequest(name, port);
-    if (!request) {
+    return request(socks5::NamedDestination{std::string(name), port});
+}
+
+bool SocksClient::request(const socks5::SocksRequest &request)
+{
+    std::optional<socks5::Bytes> bytes = socks5::requestBytes(request);
+    if (!bytes) {
         qCWarning(lcRuvod) << "Invalid domain name length";
         return false;
     }
-    if (!sendAll(*request)) {
-        qCWarning(lcRuvod) << "Failed to send domain connection request";
-        return false;
-    }
-    socks5::Bytes reply;
-    if (!receiveReply(reply)) {
-        qCWarning(lcRuvod) << "Failed to receive domain connection response";
-        return false;
-    }
-    if (const auto failure = socks5::replyFailure(reply)) {
-        qCWarning(lcRuvod) << "SOCKS5 domain connection failed with reply:" << *failure;
-        return false;
-    }
-    return true;
+    return drive(socks5::SocksExchange::ofRequest(std::move(*bytes)),
+                 std::holds_alternative<socks5::NamedDestination>(request));
+}
+
+bool SocksClient::drive(socks5::SocksExchange exchange, bool byName)
+{
+    driveExchange(exchange, m_wait, m_tcpSocket.get(), [this] { return m_deadline; });
+    if (exchange.state() == socks5::SocksExchange::State::Succeeded)
+        return true;
+    logSocksFailure(exchange.failure(), byName);
+    return false;
 }
 
 bool SocksClient::connectTo(std::uint32_t address, std::uint16_t port)
@@ -136,29 +116,6 @@ Socket SocksClient::releaseTcpSocket()
 {
     m_connected = false;
     return std::move(m_tcpSocket);
-}
-
-bool SocksClient::sendAll(socks5::ByteView bytes)
-{
-    return sendWithin(m_wait, m_tcpSocket.get(), bytes, m_deadline);
-}
-
-bool SocksClient::receiveExactly(std::span<std::uint8_t> bytes)
-{
-    return receiveWithin(m_wait, m_tcpSocket.get(), bytes, m_deadline) == bytes.size();
-}
-
-// To the reply's own end and no further: the bytes behind it are the stream's, and a server that speaks first may
-// have sent them already.
-bool SocksClient::receiveReply(socks5::Bytes &reply)
-{
-    reply.resize(socks5::minReplySize);
-    if (!receiveExactly(reply))
-        return false;
-    if (socks5::replyFailure(reply))
-        return true; // nothing of it is read beyond the code
-    reply.resize(socks5::replySize(reply));
-    return receiveExactly(std::span(reply).subspan(socks5::minReplySize));
 }
 
 } // namespace ruvo

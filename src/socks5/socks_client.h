@@ -3,6 +3,7 @@
 #include "common/windows_handles.h"
 #include "io/socket_wait.h"
 #include "socks5/socks5_messages.h"
+#include "socks5/socks_exchange.h"
 
 #include <chrono>
 #include <cstdint>
@@ -60,9 +61,8 @@ public:
 
 private:
     bool parseProxyAddress(in_addr &address) const;
-    bool sendAll(socks5::ByteView bytes);
-    bool receiveExactly(std::span<std::uint8_t> bytes);
-    bool receiveReply(socks5::Bytes &reply);
+    bool request(const socks5::SocksRequest &request);
+    bool drive(socks5::SocksExchange exchange, bool byName);
     bool createBoundSocket(const char *createFailure, const char *bindFailure);
     int sendToRelay(const socks5::Bytes &datagram);
 

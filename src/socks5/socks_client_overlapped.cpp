@@ -2,6 +2,7 @@
 
 #include "socks5/socks_client.h"
 
+#include "common/capped_log.h"
 #include "common/log_category.h"
 #include "io/socket_options.h"
 
@@ -10,6 +11,10 @@ namespace ruvo {
 namespace {
 
 constexpr std::uint32_t loopback = 127;
+
+// Each datagram of an application may ask for such a socket, and none may be had for long.
+CappedLog s_noUdpSocket(10, 100);
+CappedLog s_unboundUdpSocket(10, 100);
 
 bool bindTo(SOCKET socket, std::uint32_t address)
 {
@@ -69,14 +74,16 @@ bool SocksClient::createUdpSocket(std::uint32_t relayAddress, std::uint16_t rela
     m_udpSocket.reset(openSocket(SOCK_DGRAM, IPPROTO_UDP));
     if (!m_udpSocket) {
         const int error = WSAGetLastError();
-        qCWarning(lcRuvod) << "Failed to create UDP socket:" << error;
+        if (s_noUdpSocket.take())
+            qCWarning(lcRuvod) << "Failed to create UDP socket:" << error;
         return false;
     }
     // Bound to loopback where that suffices: nobody from outside can send to it then.
     const bool relayIsLocal = relayAddress >> 24 == loopback;
     if (!bindTo(m_udpSocket.get(), relayIsLocal ? INADDR_LOOPBACK : INADDR_ANY)) {
         const int error = WSAGetLastError();
-        qCWarning(lcRuvod) << "Failed to bind UDP socket:" << error;
+        if (s_unboundUdpSocket.take())
+            qCWarning(lcRuvod) << "Failed to bind UDP socket:" << error;
         m_udpSocket.reset();
         return false;
     }

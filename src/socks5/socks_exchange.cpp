@@ -7,10 +7,6 @@ namespace ruvo::socks5 {
 
 namespace {
 
-constexpr std::size_t addressTypeOffset = 3; // RFC 1928 section 6
-constexpr std::size_t addressOffset = 4;
-constexpr std::uint8_t ipv4Type = 1;
-
 template<std::size_t Size>
 Bytes toBytes(const std::array<std::uint8_t, Size> &bytes)
 {
@@ -110,14 +106,7 @@ void SocksExchange::judge()
 
 std::optional<Endpoint> SocksExchange::bound() const
 {
-    const ByteView whole = reply();
-    if (m_state != State::Succeeded || whole.size() < minReplySize || whole[addressTypeOffset] != ipv4Type)
-        return std::nullopt;
-    Endpoint bound;
-    for (const std::uint8_t byte : whole.subspan(addressOffset, 4))
-        bound.address = bound.address << 8 | byte;
-    bound.port = static_cast<std::uint16_t>(whole[8] << 8 | whole[9]);
-    return bound;
+    return m_state == State::Succeeded ? parseUdpAssociateReply(reply(), 0) : std::nullopt;
 }
 
 SocksFailure SocksExchange::failure() const

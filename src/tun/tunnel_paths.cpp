@@ -20,7 +20,7 @@ Tunnel::Result Tunnel::openTcpNat()
 {
     m_natListener = std::make_shared<TcpNatListener>();
     m_relayConnector = std::make_unique<RelayConnector>(
-        m_settings.proxyHost, m_stopEvent.get(), m_completionPort, m_natListener->table(),
+        m_settings.proxyHost, m_completionPort, m_natListener->table(),
         RelayConnector::Questions{
             .routeFor = [this](const TcpNatSession &session) { return routeFor(session); },
             .nameOf = [this](std::uint32_t address) { return m_learnedNames.nameOf(address); },

@@ -1,0 +1,88 @@
+#include "windows/nat/relay_connector_fixture.h"
+
+#include <cstdio>
+#include <vector>
+
+namespace ruvo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// A proxy that lets everybody in and then says nothing: nobody takes the connections out of its queue.
+class MuteProxyTest : public RelayConnectorTest
+{
+protected:
+    /// RUVOD_MUTE_CONNECTIONS sets another number: 10,000 need as many sockets three times over.
+    static int connectionCount()
+    {
+        bool isSet = false;
+        const int count = qEnvironmentVariableIntValue("RUVOD_MUTE_CONNECTIONS", &isSet);
+        return isSet ? count : 1000;
+    }
+    void SetUp() override
+    {
+        RelayConnectorTest::SetUp();
+        routeThrough(portOf(m_mute.get()));
+        m_begin = steadyNow();
+        m_clients.reserve(static_cast<std::size_t>(connectionCount()));
+        for (int i = 0; i < connectionCount(); ++i)
+            m_clients.push_back(relay());
+    }
+
+    const Socket m_mute = listeningSocket();
+    SteadyTime m_begin;
+    std::vector<Client> m_clients;
+};
+
+TEST_F(MuteProxyTest, holdsUpNobodyNotEvenTheStop)
+{
+    const auto count = static_cast<std::size_t>(connectionCount());
+    EXPECT_EQ(m_connector->waiting(), count);
+    startProxy([](ProxyConnection &proxied, int) {
+        takeRequest(proxied, addressRequest.size());
+        proxied.send(connected + "live");
+        proxied.waitForEnd();
+    });
+    const auto asked = std::chrono::steady_clock::now();
+    const Client live = relay();
+    EXPECT_EQ(receiveBytes(live.socket.get(), 4), "live");
+    const auto answered = std::chrono::steady_clock::now();
+    EXPECT_EQ(m_connector->waiting(), count);
+
+    m_connector->stop();
+    const auto stopped = std::chrono::steady_clock::now();
+    stopWorkers();
+    EXPECT_TRUE(m_port.drain(5s));
+    const auto drained = std::chrono::steady_clock::now();
+    EXPECT_LT(answered - asked, 1s);
+    EXPECT_LT(drained - answered, count <= 1000 ? 1s : 5s);
+    const auto text = [](auto time) { return std::chrono::duration_cast<std::chrono::milliseconds>(time).count(); };
+    std::printf("%zu mute connections: a live one in %lld ms, stop in %lld ms, drained in %lld ms more\n", count,
+                text(answered - asked), text(stopped - answered), text(drained - stopped));
+    for (const Client &client : m_clients) {
+        EXPECT_EQ(readToEnd(client.socket.get()), Ending::Reset);
+        EXPECT_FALSE(client.session->active);
+    }
+    expectRefused(relay());
+}
+
+TEST_F(MuteProxyTest, isGivenUpAfterTenSeconds)
+{
+    m_connector->housekeeping(m_begin + RelayConnector::attemptTimeout - 1ms);
+    EXPECT_EQ(m_connector->waiting(), m_clients.size());
+    m_connector->housekeeping(steadyNow() + RelayConnector::attemptTimeout);
+    EXPECT_EQ(m_connector->waiting(), 0u);
+    for (const Client &client : m_clients) {
+        EXPECT_EQ(readToEnd(client.socket.get()), Ending::Reset);
+        EXPECT_FALSE(client.session->active);
+    }
+    const auto count = static_cast<qsizetype>(m_clients.size());
+    EXPECT_EQ(m_log.linesWith("[TCP-NAT] Failed to connect to SOCKS5 proxy").size(), count);
+    // Those that a worker had not looked at yet were still connecting.
+    EXPECT_EQ(m_log.linesWith("WARNING Failed to receive SOCKS5 response").size()
+                  + m_log.linesWith("WARNING Failed to connect to proxy: 10060").size(),
+              count);
+}
+
+} // namespace
+} // namespace ruvo::test
