@@ -41,6 +41,7 @@ PortExchangePlan TcpConnection::plan()
         // A name that is too long ends it behind the method's reply, where the request would follow.
         .request = requestBytes(request, maxName).value_or(Bytes()),
         .key = CompletionKey::TcpConnection,
+        .noDelay = true, // the application has waited for full segments already, if it wanted to
         .deadline = m_services.clock() + patience,
     };
 }
