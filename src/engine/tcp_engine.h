@@ -83,6 +83,8 @@ private:
     void handleFin(const TcpConnectionPtr &connection, const TcpSegment &segment);
     void handleData(const TcpConnectionPtr &connection, const TcpSegment &segment);
     void forget(const TcpConnectionPtr &connection);
+    enum class Adapter { HasRoom, Full };
+    Adapter drain(const TcpConnectionPtr &connection);
     void noteResumed(const TcpConnection &connection, const TcpSender::Drained &drained);
     void resumeReceiving(const TcpConnectionPtr &connection);
     void countOut(TcpConnection &connection);

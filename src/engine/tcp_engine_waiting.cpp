@@ -5,6 +5,7 @@
 #include "common/log_category.h"
 #include "engine/tcp_notes.h"
 
+#include <new>
 #include <utility>
 
 namespace ruvo {
@@ -45,16 +46,25 @@ void TcpEngine::drainWaiting(const std::function<bool()> &isRunning)
             m_waiting.pop_front();
             connection->isListed = false;
         }
-        const TcpSender::Drained drained = connection->stream().drain(m_services.clock());
-        if (drained.packets > 0)
-            noteResumed(*connection, drained);
-        if (drained.resumes)
-            resumeReceiving(connection);
-        watch(connection); // behind all others
-        endIfDone(connection);
-        if (drained.isRefused)
-            return;
+        try {
+            if (drain(connection) == Adapter::Full)
+                return;
+        } catch (const std::bad_alloc &) { // there is no memory for this one
+            cleanupConnection(connection);
+        }
     }
+}
+
+TcpEngine::Adapter TcpEngine::drain(const TcpConnectionPtr &connection)
+{
+    const TcpSender::Drained drained = connection->stream().drain(m_services.clock());
+    if (drained.packets > 0)
+        noteResumed(*connection, drained);
+    if (drained.resumes)
+        resumeReceiving(connection);
+    watch(connection); // behind all others
+    endIfDone(connection);
+    return drained.isRefused ? Adapter::Full : Adapter::HasRoom;
 }
 
 void TcpEngine::noteResumed(const TcpConnection &connection, const TcpSender::Drained &drained)
