@@ -1,6 +1,7 @@
 """Names that the engine learns from answers that its own flows bring back, and uses towards the proxy."""
 
 import re
+import socket
 
 import pytest
 
@@ -39,6 +40,9 @@ def test_a_name_that_was_answered_is_what_the_proxy_is_asked_for(running, learni
         scripted.proxy.take()
         scripted.proxy.take().sendall(b"by name")
         assert both_ends.receive(connection, 7) == b"by name"
+        # To its very end: from here on nothing of IPv4 is on its way to the guest.
+        connection.shutdown(socket.SHUT_WR)
+        assert both_ends.receive_all(connection) == (b"", None)
     running.log.wait_for("[DATA-ESTABLISHED] Connection reached ESTABLISHED state - port:", count=2)
     established = [text for text in running.log.texts() if text.startswith("[DATA-ESTABLISHED]")]
     for text, name in zip(established, (web[0], "web.test")):
