@@ -158,11 +158,13 @@ def test_a_second_start_and_a_second_stop_say_so_and_change_nothing(tunnel_bench
     client = bench.client()
     assert client.request("stop-tun")["error"] == "TUN not running"
     tunnel.start(client)
-    before = (tunnel.adapters(bench), tunnel.routes(bench), len(tunnel.windows_calls(bench)), bench.counts()["threads"])
+    before = (tunnel.adapters(bench), tunnel.routes(bench), len(tunnel.windows_calls(bench)))
+    threads = bench.counts()["threads"]
     answer = client.request("start-tun", tunnel_ip="10.9.9.1", adapter_name="another")
     assert answer == {"success": False, "error": "TUN already running", "request-id": answer["request-id"]}
-    assert before == (
-        tunnel.adapters(bench), tunnel.routes(bench), len(tunnel.windows_calls(bench)), bench.counts()["threads"])
+    assert before == (tunnel.adapters(bench), tunnel.routes(bench), len(tunnel.windows_calls(bench)))
+    # No second set of them. One that Wine itself had for the service's start may end meanwhile.
+    assert bench.counts()["threads"] <= threads
     tunnel.stop(client)
     answer = client.request("stop-tun")
     assert answer == {"success": False, "error": "TUN not running", "request-id": answer["request-id"]}
