@@ -35,9 +35,11 @@ public:
             erase(known);
         else if (m_entries.size() == maxEntries)
             erase(m_entries.find(m_order.front()));
-        m_order.push_back(address);
         const std::chrono::seconds lifetime(std::clamp(timeToLive, minTimeToLive, maxTimeToLive));
-        m_entries.emplace(address, Entry{name, now + lifetime, std::prev(m_order.end())});
+        // Both or none: without memory for the entry, its place in the order would lead nowhere.
+        std::list<Address> place{address};
+        m_entries.emplace(address, Entry{name, now + lifetime, place.begin()});
+        m_order.splice(m_order.end(), place);
     }
 
     /// Empty if no name is known, or not any more.

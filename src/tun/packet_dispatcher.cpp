@@ -130,7 +130,9 @@ void PacketDispatcher::dispatchUdp(const ParsedPacket &packet)
         };
         if (m_paths.udpNat(datagram))
             return;
-        qCWarning(lcRuvod) << "[UDP-NAT] Forward failed, falling back to old handler";
+        static CappedLog s_refused(10, 100);
+        if (s_refused.take())
+            qCWarning(lcRuvod) << "[UDP-NAT] Forward failed, falling back to old handler";
     }
     if (m_paths.udpFlow)
         m_paths.udpFlow(packet);

@@ -43,7 +43,8 @@ void Tunnel::openEngine()
     m_udpFlows = std::make_unique<UdpFlows>(m_engineServices);
     if (m_udpNatRelay) {
         m_udpNatRelay->setFallback([this](const FlowKey &flow, std::span<const std::uint8_t> payload) {
-            m_udpFlows->forwardFallback(flow, payload);
+            if (m_running)
+                m_udpFlows->forwardFallback(flow, payload);
         });
     }
     m_housekeeping = {
@@ -58,7 +59,10 @@ void Tunnel::runFlowControl()
     const HANDLE wakings[] = {m_stopEvent.get(), m_tcpEngine->drainEvent()};
     const auto isRunning = [this] { return m_running.load(); };
     auto nextHousekeeping = steadyNow() + housekeepingInterval;
-    while (WaitForMultipleObjects(std::size(wakings), wakings, FALSE, flowControlInterval) != WAIT_OBJECT_0) {
+    while (m_running) {
+        // Without the events, for want of memory, it looks just as often, and a stop is seen by the flag.
+        if (WaitForMultipleObjects(std::size(wakings), wakings, FALSE, flowControlInterval) == WAIT_FAILED)
+            Sleep(flowControlInterval);
         m_tcpEngine->drainWaiting(isRunning);
         if (steadyNow() < nextHousekeeping)
             continue;

@@ -12,7 +12,6 @@
 #include <QString>
 
 #include <cstring>
-#include <limits>
 
 namespace ruvo {
 
@@ -66,11 +65,7 @@ void Tunnel::openDispatcher()
     paths.tcpNat = tcpNatPath();
     if (m_udpNatRelay) {
         paths.udpNat = [this](const UdpDatagram &datagram) {
-            const auto &[source, destination] = datagram.flow;
-            return datagram.payload.size() <= std::numeric_limits<std::uint16_t>::max()
-                   && m_udpNatRelay->forward(source.address, source.port, destination.address, destination.port,
-                                             datagram.target.address, datagram.target.port, datagram.payload.data(),
-                                             static_cast<std::uint16_t>(datagram.payload.size()));
+            return m_udpNatRelay->forward(datagram.flow, datagram.target, datagram.payload);
         };
     }
     paths.tcpEngine = [this](const ParsedPacket &packet) { m_tcpEngine->handleTcpPacket(packet); };

@@ -1,5 +1,6 @@
 #include "tun/tunnel_settings.h"
 
+#include "common/dns_redirect.h"
 #include "tun/tunnel_configuration.h"
 
 #include <iterator>
@@ -10,7 +11,7 @@ namespace {
 
 /// Public resolvers: what applications ask there directly stays on its way.
 constexpr std::uint32_t bypassResolvers[] = {
-    0x08080808, // 8.8.8.8
+    publicResolver,
     0x08080404, // 8.8.4.4
     0x01010101, // 1.1.1.1
     0x01000001, // 1.0.0.1

@@ -1,5 +1,6 @@
 #include "tun/upstream_choice.h"
 
+#include "common/capped_log.h"
 #include "common/dns_redirect.h"
 #include "common/ipv4.h"
 #include "common/log_category.h"
@@ -57,7 +58,12 @@ UpstreamDecision UpstreamChoice::decide(const std::wstring &processPath, std::ui
     if (dstPort == dnsPort)
         return direct;
     if (m_bypassIps.contains(dstIp)) {
-        qCWarning(lcRuvod) << "[PORT] destIp" << formatIpv4(dstIp) << "in bypassIps -> direct port" << m_directPort;
+        // Another machine can bring a line about with each packet.
+        static CappedLog s_bypassed(10, 100);
+        if (s_bypassed.take()) {
+            qCWarning(lcRuvod) << "[PORT] destIp" << formatIpv4(dstIp) << "in bypassIps -> direct port"
+                               << m_directPort;
+        }
         return direct;
     }
     if (processPath.empty())
