@@ -8,7 +8,6 @@
 #include "io/socket_options.h"
 
 #include <algorithm>
-#include <new>
 #include <utility>
 
 namespace ruvo {
@@ -53,14 +52,9 @@ int TcpConnection::state()
     return state == TcpState::Connecting && m_exchange ? m_exchange->stage() : static_cast<int>(state);
 }
 
-/// On a worker: without memory for this connection, it ends, and no other.
-void TcpConnection::orEnd(const std::function<void()> &work)
+void TcpConnection::giveUp()
 {
-    try {
-        work();
-    } catch (const std::bad_alloc &) {
-        m_engine.cleanupConnection(shared_from_this());
-    }
+    m_engine.cleanupConnection(shared_from_this());
 }
 
 bool TcpConnection::isClosed()
@@ -260,14 +254,19 @@ void TcpConnection::endUpload()
 
 void TcpConnection::endDownload()
 {
+    noteProgress(m_services.clock());
+    // The state first: what the application sends from here on is not acknowledged, so that nothing that is gets lost
+    // with the socket.
+    const bool isFirst = m_stream.finishDownload();
     {
         const std::lock_guard lock(m_mutex);
         m_isUpstreamEnded = true;
         m_isEnding = true;
     }
-    noteProgress(m_services.clock());
-    if (m_stream.finishDownload())
+    if (isFirst) {
         m_engine.beginClosing(shared_from_this());
+        m_engine.watch(shared_from_this()); // the FIN itself may have found no room
+    }
     finishUpload();
 }
 
@@ -289,8 +288,9 @@ void TcpConnection::finishUpload()
     if (isOver) {
         close(isToldEnd ? Closing::Graceful : Closing::Abortive);
         m_engine.endIfDone(shared_from_this());
-    } else if (!isToldEnd) {
-        m_engine.cleanupConnection(shared_from_this());
+    } else if (!isToldEnd) { // it has gone; what waits for the application has not
+        close(Closing::Abortive);
+        m_engine.endIfDone(shared_from_this());
     }
 }
 

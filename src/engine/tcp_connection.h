@@ -9,9 +9,9 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <span>
 #include <string>
@@ -65,9 +65,8 @@ public:
     /// A packet of the application's. One that comes before the SYN is answered is a stray.
     void noteHeard() { m_isHeard = m_isHeard || m_stream.state() == TcpState::Established; }
     void noteProgress(SteadyTime now) { m_lastProgress = now; }
+    SteadyTime lastProgress() const { return m_lastProgress; }
 
-    /// Of TcpEngine: it was ended with all that waits, and nothing of it is written any more.
-    std::atomic<bool> isGone = false;
     /// Of TcpEngine, under its waiting list's mutex: whether it stands there.
     bool isListed = false;
     /// Of TcpEngine, under its tables' mutex: whether it is counted as established.
@@ -79,7 +78,17 @@ private:
     static constexpr std::size_t bufferSize = 0x10000;
     static constexpr std::chrono::seconds patience{60};
 
-    void orEnd(const std::function<void()> &work);
+    /// On a worker: without memory for this connection it ends, and no other.
+    template<typename Work>
+    void orEnd(const Work &work)
+    {
+        try {
+            work();
+        } catch (const std::bad_alloc &) {
+            giveUp();
+        }
+    }
+    void giveUp();
     PortExchangePlan plan();
     void onExchangeEnded(Result result);
     void onConnectCompleted(const PortExchangeFailure &failure);

@@ -67,10 +67,12 @@ void TcpConnection::onExchangeEnded(Result result)
     // The outcome may have been on its way already when the application gave up.
     if (isClosed())
         return;
-    if (result.error().step == PortExchangeFailure::Step::Connect)
-        onConnectCompleted(result.error());
-    else
-        onHandshakeCompleted(result.error());
+    orEnd([&] {
+        if (result.error().step == PortExchangeFailure::Step::Connect)
+            onConnectCompleted(result.error());
+        else
+            onHandshakeCompleted(result.error());
+    });
     m_engine.cleanupConnection(shared_from_this());
 }
 

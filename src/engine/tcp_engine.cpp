@@ -31,7 +31,7 @@ QString hexBytes(std::span<const std::uint8_t> bytes)
     QString text;
     for (const std::uint8_t byte : bytes)
         text += QString::asprintf("%02x ", byte);
-    return text.trimmed();
+    return text;
 }
 
 void logSyn(const ConnectionKey &key, const ParsedPacket &packet, const TcpSegment &syn)
@@ -61,8 +61,10 @@ TcpSender::Opening openingOf(const ParsedPacket &packet, const TcpSegment &syn)
 
 } // namespace
 
-TcpEngine::TcpEngine(EngineServices services)
-    : m_services(std::move(services)), m_drainEvent(CreateEventW(nullptr, FALSE, FALSE, nullptr))
+TcpEngine::TcpEngine(EngineServices services, std::size_t connectionLimit)
+    : m_services(std::move(services))
+    , m_connectionLimit(connectionLimit)
+    , m_drainEvent(CreateEventW(nullptr, FALSE, FALSE, nullptr))
 {}
 
 TcpEngine::~TcpEngine()
@@ -122,15 +124,29 @@ void TcpEngine::open(const ConnectionKey &key, const ParsedPacket &packet, const
 bool TcpEngine::insert(const TcpConnectionPtr &connection)
 {
     std::size_t total = 0;
+    TcpConnectionPtr evicted;
     {
         const std::lock_guard lock(m_mutex);
-        if (m_isClosed || m_connections.size() >= maxConnections)
+        if (m_isClosed || m_connections.size() >= m_connectionLimit)
             return false;
+        // Closing ones take their sockets and buffers as well. They make room for those that begin.
+        if (m_connections.size() + m_closing.size() >= m_connectionLimit)
+            evicted = longestClosing();
         m_connections.emplace(connection->key(), connection);
         total = m_connections.size();
     }
+    if (evicted)
+        cleanupConnection(evicted);
     qCDebug(lcRuvod) << "[TCP-CONN] Created new connection, total active:" << total;
     return true;
+}
+
+/// The one without progress for the longest time. Under the mutex, while there is one.
+TcpConnectionPtr TcpEngine::longestClosing() const
+{
+    const auto longest = std::ranges::min_element(
+        m_closing, {}, [](const Table::value_type &entry) { return entry.second->lastProgress(); });
+    return longest->second;
 }
 
 /// False if the table holds another one of this key, or none: a successor is left alone.
@@ -142,10 +158,10 @@ bool TcpEngine::remove(const TcpConnectionPtr &connection, bool isClosing)
         const auto found = m_connections.find(connection->key());
         if (found == m_connections.end() || found->second != connection)
             return false;
-        m_connections.erase(found);
-        if (isClosing)
-            m_closing.insert_or_assign(connection->key(), connection);
+        Table::node_type node = m_connections.extract(found);
         countOut(*connection);
+        if (isClosing)
+            m_closing.insert(std::move(node));
         total = m_connections.size();
     }
     qCDebug(lcRuvod) << "[TCP-CONN] Cleaned up connection, total active:" << total;
@@ -185,7 +201,8 @@ void TcpEngine::takeNumbers(const TcpConnectionPtr &connection, const TcpSegment
 {
     connection->noteHeard();
     const TcpSender::Acknowledged acknowledged = connection->stream().acknowledge(segment);
-    if (acknowledged != TcpSender::Acknowledged::Nothing)
+    // While nothing waits for it, an application could keep a closing connection for ever by moving its window.
+    if (acknowledged != TcpSender::Acknowledged::Nothing && connection->stream().hasWork())
         connection->noteProgress(m_services.clock());
     // Once is enough until flow control looks again: setting an event for each acknowledgement of a download would
     // keep the reader thread from the packets that follow.
@@ -284,19 +301,28 @@ void TcpEngine::cleanupConnection(const TcpConnectionPtr &connection)
         m_closing.erase(found);
 }
 
+std::vector<TcpConnectionPtr> TcpEngine::all() const
+{
+    std::vector<TcpConnectionPtr> found;
+    const std::lock_guard lock(m_mutex);
+    found.reserve(m_connections.size() + m_closing.size());
+    for (const Table *table : {&m_connections, &m_closing}) {
+        for (const auto &[key, connection] : *table)
+            found.push_back(connection);
+    }
+    return found;
+}
+
 void TcpEngine::housekeeping()
 {
-    std::vector<TcpConnectionPtr> all;
-    {
-        const std::lock_guard lock(m_mutex);
-        all.reserve(m_connections.size() + m_closing.size());
-        for (const Table *table : {&m_connections, &m_closing}) {
-            for (const auto &[key, connection] : *table)
-                all.push_back(connection);
-        }
+    std::vector<TcpConnectionPtr> connections;
+    try {
+        connections = all();
+    } catch (const std::bad_alloc &) {
+        return; // in a second it may be there
     }
     const SteadyTime now = m_services.clock();
-    for (const TcpConnectionPtr &connection : all) {
+    for (const TcpConnectionPtr &connection : connections) {
         connection->expireExchange(now);
         if (connection->isOverdue(now))
             cleanupConnection(connection);
@@ -347,13 +373,14 @@ void TcpEngine::endAll(bool forGood)
             countOut(*connection);
     }
     for (const auto &[key, connection] : ended) {
-        connection->isGone = true;
+        connection->stream().abandon();
         connection->close(TcpConnection::Closing::Abortive);
     }
+    // New ones may stand there already.
     const std::lock_guard lock(m_waitingMutex);
-    for (const TcpConnectionPtr &connection : m_waiting)
-        connection->isListed = false;
-    m_waiting.clear();
+    std::erase_if(m_waiting, [](const TcpConnectionPtr &connection) {
+        return connection->stream().isAbandoned() && std::exchange(connection->isListed, false);
+    });
 }
 
 std::size_t TcpEngine::connections() const

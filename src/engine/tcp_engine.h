@@ -12,6 +12,7 @@
 #include <map>
 #include <mutex>
 #include <span>
+#include <vector>
 
 namespace ruvo {
 
@@ -25,10 +26,11 @@ namespace ruvo {
 class TcpEngine
 {
 public:
+    /// With those that are closing, which make room for new ones.
     static constexpr std::size_t maxConnections = 4096;
 
     /// `services` are copied. What they refer to has to outlive this; this has to outlive all operations in flight.
-    explicit TcpEngine(EngineServices services);
+    explicit TcpEngine(EngineServices services, std::size_t connectionLimit = maxConnections);
     ~TcpEngine();
     TcpEngine(const TcpEngine &) = delete;
     TcpEngine &operator=(const TcpEngine &) = delete;
@@ -77,6 +79,8 @@ private:
     TcpConnectionPtr find(const Table &table, const ConnectionKey &key) const;
     void open(const ConnectionKey &key, const ParsedPacket &packet, const TcpSegment &syn);
     bool insert(const TcpConnectionPtr &connection);
+    TcpConnectionPtr longestClosing() const;
+    std::vector<TcpConnectionPtr> all() const;
     bool remove(const TcpConnectionPtr &connection, bool isClosing);
     void handleClosing(const ConnectionKey &key, const TcpSegment &segment);
     void takeNumbers(const TcpConnectionPtr &connection, const TcpSegment &segment);
@@ -91,6 +95,7 @@ private:
     void endAll(bool forGood);
 
     const EngineServices m_services;
+    const std::size_t m_connectionLimit;
     const KernelHandle m_drainEvent;
     OutOfOrderBudget m_outOfOrderBudget;
     std::atomic<std::size_t> m_established = 0;

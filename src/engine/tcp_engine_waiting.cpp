@@ -15,14 +15,14 @@ void TcpEngine::watch(const TcpConnectionPtr &connection)
     if (!connection->stream().hasWork())
         return;
     const std::lock_guard lock(m_waitingMutex);
-    if (!connection->isGone && !std::exchange(connection->isListed, true))
+    if (!std::exchange(connection->isListed, true))
         m_waiting.push_back(connection);
 }
 
 /// What waits for an application that has gone: the list would hold the upstream's socket open.
 void TcpEngine::forget(const TcpConnectionPtr &connection)
 {
-    connection->isGone = true;
+    connection->stream().abandon();
     const std::lock_guard lock(m_waitingMutex);
     if (std::exchange(connection->isListed, false))
         std::erase(m_waiting, connection);

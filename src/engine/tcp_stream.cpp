@@ -16,13 +16,12 @@ TcpStream::TcpStream(const TcpSender::Opening &opening, OutOfOrderBudget &budget
 
 bool TcpStream::establish()
 {
-    {
-        const std::lock_guard lock(m_mutex);
-        if (m_state >= TcpState::Established)
-            return false;
-        // Before the SYN is answered: the first bytes may come before this returns.
-        m_state = TcpState::Established;
-    }
+    const std::lock_guard lock(m_mutex);
+    if (m_state >= TcpState::Established)
+        return false;
+    // Before the SYN is answered: the first bytes may come before this returns. Whoever takes them waits for the
+    // lock, so that no answer to them overtakes that to the SYN.
+    m_state = TcpState::Established;
     send(tcpSyn | tcpAck, {});
     return true;
 }
@@ -122,7 +121,7 @@ TcpStream::Downloaded TcpStream::download(std::span<const std::uint8_t> bytes)
 {
     const std::lock_guard lock(m_pendingMutex);
     // The state changes before the FIN is sent: what comes now would be numbered behind it.
-    if (m_state != TcpState::Established)
+    if (m_isAbandoned || m_state != TcpState::Established)
         return {};
     const bool isKept = m_sender.send(tcpPsh | tcpAck, bytes);
     return {isKept, m_sender.pauseIfFull()};
@@ -143,13 +142,13 @@ bool TcpStream::finishDownload()
 bool TcpStream::send(std::uint8_t flags, std::span<const std::uint8_t> payload)
 {
     const std::lock_guard lock(m_pendingMutex);
-    return m_sender.send(flags, payload);
+    return m_isAbandoned || m_sender.send(flags, payload);
 }
 
 TcpSender::Drained TcpStream::drain(SteadyTime now)
 {
     const std::lock_guard lock(m_pendingMutex);
-    return m_sender.drain(now);
+    return m_isAbandoned ? TcpSender::Drained() : m_sender.drain(now);
 }
 
 bool TcpStream::endPause()
@@ -158,10 +157,22 @@ bool TcpStream::endPause()
     return m_sender.endPause();
 }
 
+void TcpStream::abandon()
+{
+    const std::lock_guard lock(m_pendingMutex);
+    m_isAbandoned = true;
+}
+
+bool TcpStream::isAbandoned() const
+{
+    const std::lock_guard lock(m_pendingMutex);
+    return m_isAbandoned;
+}
+
 bool TcpStream::hasWork() const
 {
     const std::lock_guard lock(m_pendingMutex);
-    return m_sender.hasWork();
+    return !m_isAbandoned && m_sender.hasWork();
 }
 
 std::size_t TcpStream::waitingPackets() const

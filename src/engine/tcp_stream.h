@@ -31,7 +31,7 @@ enum class TcpState : int {
 ///
 /// From any thread. One mutex for what the application sends (sequence, what came early, what goes upstream), one for
 /// what is sent to it (sequence, window, what waits); packets are written under the second, by a function that does
-/// not wait. Neither is held while the other is taken.
+/// not wait. The second may be taken inside the first.
 class TcpStream
 {
 public:
@@ -95,6 +95,10 @@ public:
     TcpSender::Drained drain(SteadyTime now);
     /// True if it was paused: `drain` will not say that it resumes, the caller goes on receiving instead.
     bool endPause();
+    /// The application has gone, or a successor has its place: nothing that waits is written any more, and nothing
+    /// new.
+    void abandon();
+    bool isAbandoned() const;
     /// Whether packets wait, or the upstream does.
     bool hasWork() const;
     std::size_t waitingPackets() const;
@@ -118,6 +122,7 @@ private:
 
     mutable std::mutex m_pendingMutex;
     TcpSender m_sender;
+    bool m_isAbandoned = false;
 };
 
 } // namespace ruvo
