@@ -56,15 +56,15 @@ void EchoProxy::serve()
             }
         }
         if (polled[0].revents != 0)
-            acceptOne();
+            while (acceptOne()) {}
     }
 }
 
-void EchoProxy::acceptOne()
+bool EchoProxy::acceptOne()
 {
     Socket socket(accept(m_listener.get(), nullptr, nullptr));
     if (!socket)
-        return;
+        return false;
     setNonBlocking(socket.get());
     const int on = 1;
     setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char *>(&on), sizeof(on));
@@ -74,6 +74,7 @@ void EchoProxy::acceptOne()
     if (client.manner == Resets || client.manner == Ends)
         client.left = static_cast<qsizetype>(m_random() % 50'000);
     m_clients.push_back(std::move(client));
+    return true;
 }
 
 bool EchoProxy::read(Client &client)

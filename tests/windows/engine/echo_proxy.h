@@ -36,7 +36,8 @@ private:
     };
 
     void serve();
-    void acceptOne();
+    /// False if nobody waits.
+    bool acceptOne();
     /// False if it is over.
     bool read(Client &client);
     bool answer(Client &client);

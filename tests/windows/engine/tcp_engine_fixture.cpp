@@ -56,6 +56,12 @@ void FakeAdapter::forget(std::uint16_t port)
     m_replies.erase(port);
 }
 
+void FakeAdapter::forgetAll()
+{
+    const std::lock_guard lock(m_mutex);
+    m_replies.clear();
+}
+
 Application::Application(TcpEngine &engine, FakeAdapter &adapter, FlowKey path, std::uint32_t first)
     : nextSequence(first), acknowledged(first), m_engine(engine), m_adapter(adapter), m_path(path)
 {}
@@ -80,16 +86,17 @@ bool Application::upload(const QByteArray &bytes)
 {
     constexpr qsizetype segment = 1400;
     constexpr std::int32_t window = 65'535;
-    for (qsizetype done = 0; done < bytes.size(); done += segment) {
-        send(tcpPsh | tcpAck, bytes.mid(done, segment));
-        while (static_cast<std::int32_t>(nextSequence - acknowledged) > window - segment) {
-            if (!read())
-                return false;
-        }
-    }
-    while (acknowledged != nextSequence) {
-        if (!read())
+    const std::uint32_t first = nextSequence;
+    const std::uint32_t end = first + static_cast<std::uint32_t>(bytes.size());
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (acknowledged != end) {
+        while (nextSequence != end && static_cast<std::int32_t>(nextSequence - acknowledged) <= window - segment)
+            send(tcpPsh | tcpAck, bytes.mid(nextSequence - first, segment));
+        if (read(200ms))
+            continue;
+        if (std::chrono::steady_clock::now() > deadline)
             return false;
+        nextSequence = acknowledged; // it has found no room
     }
     return true;
 }
@@ -106,9 +113,9 @@ bool Application::connect()
     return true;
 }
 
-bool Application::read()
+bool Application::read(std::chrono::milliseconds timeout)
 {
-    const std::optional<Reply> reply = next();
+    const std::optional<Reply> reply = m_adapter.next(port(), timeout);
     if (!reply || (reply->flags & tcpRst))
         return false;
     acknowledged = reply->ack;

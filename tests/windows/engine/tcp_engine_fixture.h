@@ -44,6 +44,7 @@ public:
     std::size_t unread(std::uint16_t port);
     /// Drops them.
     void forget(std::uint16_t port);
+    void forgetAll();
 
 private:
     std::mutex m_mutex;
@@ -64,13 +65,13 @@ public:
     void send(std::uint8_t flags, const QByteArray &payload = {});
     /// A packet numbered `seq`, which is not counted.
     void sendAt(std::uint32_t seq, std::uint8_t flags, const QByteArray &payload = {});
-    /// Sends all of it in segments, and waits for each window's acknowledgement.
+    /// Sends all of it in segments, those that are not acknowledged again, until the last one is.
     bool upload(const QByteArray &bytes);
     /// Opens the connection, as far as the answer to the SYN, and acknowledges that.
     bool connect();
     std::optional<Reply> next() { return m_adapter.next(port()); }
     /// Takes the next packet of the engine's stream; false if none comes, or not the one whose turn it is.
-    bool read();
+    bool read(std::chrono::milliseconds timeout = std::chrono::seconds(15));
     /// Reads and acknowledges until so many bytes have come in all, or the stream has ended.
     QByteArray download(qsizetype size);
 

@@ -47,6 +47,7 @@ protected:
                 app.acknowledgement = reply->seq + 1;
                 slot.isOpen = true;
                 ++counts.established;
+                ++m_established;
             } else if (!app.read()) {
                 return false;
             }
@@ -74,7 +75,7 @@ protected:
         Application &app = *slot.app;
         bool isOver = !readAll(slot, counts);
         // One that is still opening is left alone, mostly.
-        switch (isOver ? 0 : random() % (slot.isOpen ? 16 : 64)) {
+        switch (isOver ? 0 : random() % (slot.isOpen ? 16 : 256)) {
         case 0: app.send(tcpRst); break;
         case 1: app.send(tcpFin | tcpAck); break;
         default:
@@ -91,6 +92,9 @@ protected:
         slot.sent.clear();
     }
 
+    /// By all of them so far.
+    std::atomic<unsigned> m_established = 0;
+
     /// One application's host: slots and ports of its own.
     Counts use(std::size_t part, const std::atomic<bool> &stops)
     {
@@ -101,7 +105,7 @@ protected:
         while (!stops) {
             const std::size_t port = 2'000 + part * ports + counts.opened % ports;
             act(mine[random() % mine.size()], static_cast<std::uint16_t>(port), random, counts);
-            std::this_thread::sleep_for(100us); // leaves the processors to those who answer
+            std::this_thread::sleep_for(1ms); // leaves the processors to those who answer
         }
         return counts;
     }
@@ -112,17 +116,23 @@ TEST_F(TcpLoadTest, leavesNothingBehind)
     EchoProxy proxy;
     usePort(proxy.port());
     startFlowControl();
-    const auto runFor = [&](std::chrono::milliseconds time) {
+    const auto runFor = [&](std::chrono::milliseconds time, unsigned established) {
+        m_established = 0;
         std::atomic<bool> stops = false;
         std::array<Counts, threads> counts;
         std::vector<std::thread> users;
         for (std::size_t i = 0; i < threads; ++i)
             users.emplace_back([&, i] { counts[i] = use(i, stops); });
-        const auto end = std::chrono::steady_clock::now() + time;
-        for (unsigned round = 0; std::chrono::steady_clock::now() < end; ++round) {
+        // The proxy is slow where others have the processors: it has to have answered so many in any case.
+        const auto start = std::chrono::steady_clock::now();
+        const auto isOver = [&] {
+            const auto passed = std::chrono::steady_clock::now() - start;
+            return passed >= time && (m_established >= established || passed >= time + 30s);
+        };
+        for (unsigned round = 0; !isOver(); ++round) {
             m_adapter.setRoom(round % 4 == 0 ? std::optional<std::size_t>(0) : std::nullopt);
             std::this_thread::sleep_for(20ms); // the adapter stays full, or not, for so long
-            if (round % 50 == 49)
+            if (round % 100 == 99)
                 m_engine->resetAll();
             m_engine->housekeeping();
         }
@@ -132,6 +142,7 @@ TEST_F(TcpLoadTest, leavesNothingBehind)
         m_adapter.setRoom(std::nullopt);
         m_engine->resetAll();
         expectGone();
+        m_adapter.forgetAll(); // the next run has the same ports
         Counts all;
         for (const Counts &part : counts) {
             all.opened += part.opened;
@@ -141,16 +152,14 @@ TEST_F(TcpLoadTest, leavesNothingBehind)
         }
         return all;
     };
-    runFor(500ms); // what the first use of each thing keeps
+    runFor(500ms, 0); // what the first use of each thing keeps
     const std::size_t handles = countOwnHandles();
-    const Counts counts = runFor(qEnvironmentVariableIntValue("RUVOD_WHOLE") == 1 ? 60s : 5s);
+    const Counts counts = runFor(qEnvironmentVariableIntValue("RUVOD_WHOLE") == 1 ? 60s : 5s, held);
     printf("%u connections opened, %u established, %lld bytes came back\n", counts.opened, counts.established,
            static_cast<long long>(counts.echoed));
-    printf("%s\n", m_log.lines().mid(0, 40).join('\n').toUtf8().constData());
-    printf("%s\n", m_log.linesWith("FAIL").join('\n').toUtf8().constData());
     EXPECT_EQ(counts.wrong, 0u);
     EXPECT_GT(counts.opened, unsigned{held});
-    EXPECT_GT(counts.established, unsigned{held / 2});
+    EXPECT_GE(counts.established, unsigned{held});
     EXPECT_GT(counts.echoed, 100'000);
     // A lock that is contended for the first time keeps an event of its own; a leak would be one for each connection.
     constexpr std::size_t events = 20;
