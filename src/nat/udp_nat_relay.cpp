@@ -52,6 +52,11 @@ bool UdpNatRelay::forward(const FlowKey &flow, const Endpoint &target, std::span
     return true;
 }
 
+bool UdpNatRelay::isStopping() const
+{
+    return WaitForSingleObject(m_stopEvent, 0) == WAIT_OBJECT_0;
+}
+
 /// On an opener's thread: one flow after another until none waits.
 void UdpNatRelay::openWaiting()
 {
@@ -59,7 +64,7 @@ void UdpNatRelay::openWaiting()
         std::optional<UdpWaitingFlows::Opening> flow;
         {
             const std::lock_guard lock(m_mutex);
-            if (m_initialized)
+            if (m_initialized && !isStopping())
                 flow = m_waiting.beginOpening();
             if (!flow) {
                 --m_opening;
@@ -85,6 +90,9 @@ void UdpNatRelay::open(const UdpWaitingFlows::Opening &flow)
 
 void UdpNatRelay::giveUp(const UdpWaitingFlows::Opening &flow)
 {
+    // The stop has failed it: shutdown drops what waits, and nobody is to open a flow for it elsewhere.
+    if (isStopping())
+        return;
     UdpWaitingFlows::Datagrams datagrams;
     {
         const std::lock_guard lock(m_mutex);
