@@ -10,7 +10,6 @@
 
 #include <new>
 #include <variant>
-#include <vector>
 
 namespace ruvo {
 
@@ -99,7 +98,8 @@ bool RelayConnector::admit(const PendingClientPtr &client)
 void RelayConnector::begin(const PendingClientPtr &client, PortExchangePlan plan, PortExchange::Callback callback)
 {
     plan.key = CompletionKey::RelayReceive;
-    plan.deadline = steadyNow() + attemptTimeout;
+    const SteadyTime deadline = steadyNow() + attemptTimeout;
+    plan.deadline = deadline;
     const auto attempt = std::make_shared<PortExchange>(m_completionPort, std::move(plan), std::move(callback));
     {
         const std::lock_guard lock(m_mutex);
@@ -107,6 +107,7 @@ void RelayConnector::begin(const PendingClientPtr &client, PortExchangePlan plan
         if (!m_pending.contains(client))
             return;
         client->attempt = attempt;
+        client->deadline = deadline;
     }
     attempt->start();
 }
@@ -198,21 +199,29 @@ void RelayConnector::forget(const PendingClientPtr &client)
 
 void RelayConnector::housekeeping(SteadyTime now)
 {
-    std::vector<PortExchangePtr> attempts;
-    {
-        const std::lock_guard lock(m_mutex);
-        attempts.reserve(m_pending.size());
-        for (const PendingClientPtr &client : m_pending) {
-            if (client->attempt)
-                attempts.push_back(client->attempt);
-        }
-    }
-    for (const PortExchangePtr &attempt : attempts)
+    for (const PortExchangePtr &attempt : overdueAttempts(now)) {
+        if (m_stopped)
+            return;
         attempt->expireIfOverdue(now);
+    }
     m_relays.closeOverdue();
 }
 
-void RelayConnector::stop()
+std::vector<PortExchangePtr> RelayConnector::overdueAttempts(SteadyTime now) const
+{
+    std::vector<PortExchangePtr> attempts;
+    const std::lock_guard lock(m_mutex);
+    for (const PendingClientPtr &client : m_pending) {
+        if (!client->attempt || now < client->deadline)
+            continue;
+        attempts.push_back(client->attempt);
+        if (attempts.size() == maxExpiredAtOnce)
+            break;
+    }
+    return attempts;
+}
+
+void RelayConnector::stopConnecting()
 {
     std::unordered_set<PendingClientPtr> pending;
     {
@@ -224,7 +233,11 @@ void RelayConnector::stop()
         if (client->attempt)
             client->attempt->cancel();
     }
-    pending.clear();
+}
+
+void RelayConnector::stop()
+{
+    stopConnecting();
     m_relays.closeAll();
 }
 
