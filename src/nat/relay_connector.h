@@ -90,7 +90,8 @@ private:
         SOCKET socket() const { return m_socket.get(); }
         const TcpNatSessionPtr &session() const { return m_session; }
         bool hasGone() const;
-        Socket takeSocket() { return std::move(m_socket); }
+        /// For who takes it, or leaves it here.
+        Socket &&takeSocket() { return std::move(m_socket); }
         void forgetSession() { m_session.reset(); }
 
         RelayRoute route;

@@ -226,6 +226,26 @@ TEST_F(RelayConnectorTest, triesTheAddressWhenTheNameTakesTooLong)
     expectLine("WARNING Failed to receive domain connection response");
 }
 
+TEST_F(RelayConnectorTest, resetsAClientWhoseRelayHasNoRoomForItsBuffers)
+{
+    startProxy([](ProxyConnection &proxied, int) {
+        takeRequest(proxied, addressRequest.size());
+        proxied.send(connected);
+        proxied.waitForEnd();
+    });
+    std::atomic<int> refused = 0;
+    const ImportRedirection<IMPORT(VirtualAlloc)> none(
+        [&, own = GetCurrentThreadId(), next = ImportRedirection<IMPORT(VirtualAlloc)>::current()](
+            void *address, SIZE_T size, DWORD type, DWORD protection) -> void * {
+            if (GetCurrentThreadId() == own || size != 0x10000)
+                return next(address, size, type, protection);
+            ++refused;
+            return nullptr;
+        });
+    expectRefused(relay());
+    EXPECT_EQ(refused, 1);
+}
+
 TEST_F(RelayConnectorTest, doesNotConnectForAClientThatHasGone)
 {
     std::atomic<int> requests = 0;
