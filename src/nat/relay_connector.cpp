@@ -57,8 +57,37 @@ RelayConnector::RelayConnector(const std::wstring &proxyHost, CompletionPort &co
 
 void RelayConnector::relay(Socket socket, const TcpNatSessionPtr &session)
 {
-    const auto client = std::make_shared<PendingClient>(std::move(socket), session, m_natTable);
-    const std::optional<RelayRoute> route = m_questions.routeFor(*session);
+    PendingClientPtr client;
+    try {
+        client = std::make_shared<PendingClient>(std::move(socket), session, m_natTable);
+    } catch (const std::bad_alloc &) {
+        resetWhenClosed(socket.get());
+        return m_natTable.end(session);
+    }
+    orForget(client, [&] { findWayOut(client); });
+}
+
+/// No memory for one client is the end of that one only.
+template<typename Step>
+void RelayConnector::orForget(const PendingClientPtr &client, Step step)
+{
+    try {
+        step();
+    } catch (const std::bad_alloc &) {
+        PortExchangePtr attempt;
+        {
+            const std::lock_guard lock(m_mutex);
+            attempt = client->attempt;
+            m_pending.erase(client);
+        }
+        if (attempt)
+            attempt->cancel(); // its callback refers to the client
+    }
+}
+
+void RelayConnector::findWayOut(const PendingClientPtr &client)
+{
+    const std::optional<RelayRoute> route = m_questions.routeFor(*client->session());
     if (!route || !admit(client))
         return;
     client->route = *route;
@@ -117,10 +146,12 @@ void RelayConnector::connectDirectly(const PendingClientPtr &client)
     const Endpoint destination{client->route.address, client->route.port};
     begin(client, directConnectPlan(destination, m_questions.physicalInterface()),
           [this, client, destination](PortExchange::Outcome outcome) {
-              if (outcome)
-                  return startRelay(client, std::move(*outcome));
-              logDirectFailure(outcome.error(), destination);
-              forget(client);
+              orForget(client, [&] {
+                  if (outcome)
+                      return startRelay(client, std::move(*outcome));
+                  logDirectFailure(outcome.error(), destination);
+                  forget(client);
+              });
           });
 }
 
@@ -146,10 +177,12 @@ void RelayConnector::askProxy(const PendingClientPtr &client, const socks5::Sock
         return proxyRefused(client, byName);
     begin(client, {.peer = {*m_proxyAddress, client->route.proxyPort}, .request = std::move(bytes)},
           [this, client, byName](PortExchange::Outcome outcome) {
-              if (outcome)
-                  return startRelay(client, std::move(*outcome));
-              logProxyFailure(outcome.error(), byName);
-              proxyRefused(client, byName);
+              orForget(client, [&] {
+                  if (outcome)
+                      return startRelay(client, std::move(*outcome));
+                  logProxyFailure(outcome.error(), byName);
+                  proxyRefused(client, byName);
+              });
           });
 }
 
@@ -170,19 +203,19 @@ void RelayConnector::startRelay(const PendingClientPtr &client, EstablishedExcha
         return forget(client);
     }
     const std::uint64_t id = m_relays.nextId();
-    RelaySessionPtr relay;
-    try {
-        relay = std::make_shared<RelaySession>(id, client->takeSocket(), std::move(destination.socket),
-                                               client->route.isDirect, m_completionPort,
-                                               [this, id, session = client->session()] {
-                                                   m_relays.remove(id);
-                                                   m_natTable.end(session);
-                                               });
-    } catch (const std::bad_alloc &) { // there is no room for its buffers
-        return forget(client);
-    }
+    const auto relay = std::make_shared<RelaySession>(id, client->takeSocket(), std::move(destination.socket),
+                                                      client->route.isDirect, m_completionPort,
+                                                      [this, id, session = client->session()] {
+                                                          m_relays.remove(id);
+                                                          m_natTable.end(session);
+                                                      });
     client->forgetSession(); // it is the relay's now
-    const bool isRunning = m_relays.insert(relay);
+    bool isRunning = false;
+    try {
+        isRunning = m_relays.insert(relay);
+    } catch (const std::bad_alloc &) {
+        // Aborted below, which resets the client and ends its session.
+    }
     forget(client);
     if (isRunning)
         relay->start(destination.skipsPort);
@@ -199,7 +232,13 @@ void RelayConnector::forget(const PendingClientPtr &client)
 
 void RelayConnector::housekeeping(SteadyTime now)
 {
-    for (const PortExchangePtr &attempt : overdueAttempts(now)) {
+    std::vector<PortExchangePtr> overdue;
+    try {
+        overdue = overdueAttempts(now);
+    } catch (const std::bad_alloc &) {
+        // The next second sees to them.
+    }
+    for (const PortExchangePtr &attempt : overdue) {
         if (m_stopped)
             return;
         attempt->expireIfOverdue(now);

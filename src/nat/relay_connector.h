@@ -108,6 +108,9 @@ private:
     /// Held by m_pending and by the callback of its attempt.
     using PendingClientPtr = std::shared_ptr<PendingClient>;
 
+    template<typename Step>
+    void orForget(const PendingClientPtr &client, Step step);
+    void findWayOut(const PendingClientPtr &client);
     bool admit(const PendingClientPtr &client);
     void begin(const PendingClientPtr &client, PortExchangePlan plan, PortExchange::Callback callback);
     void connectDirectly(const PendingClientPtr &client);
