@@ -189,6 +189,8 @@ void RelayConnector::askProxy(const PendingClientPtr &client, const socks5::Sock
 /// A proxy that refuses the name may still take the address, on a connection of its own.
 void RelayConnector::proxyRefused(const PendingClientPtr &client, bool byName)
 {
+    if (byName && client->hasGone())
+        return forget(client);
     if (byName)
         return askProxy(client, Endpoint{client->route.address, client->route.port});
     qCWarning(lcRuvod) << "[TCP-NAT] Failed to connect to SOCKS5 proxy";

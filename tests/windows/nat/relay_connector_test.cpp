@@ -263,6 +263,28 @@ TEST_F(RelayConnectorTest, doesNotConnectForAClientThatHasGone)
     EXPECT_EQ(requests, 1) << "only for the one that is there";
 }
 
+TEST_F(RelayConnectorTest, asksForNoAddressWhenTheClientHasGoneMeanwhile)
+{
+    m_name = "example.com";
+    std::atomic<bool> isAsked = false;
+    std::atomic<bool> hasGone = false;
+    startProxy([&](ProxyConnection &proxied, int) {
+        takeRequest(proxied, nameRequest.size());
+        isAsked = true;
+        EXPECT_TRUE(waitUntil([&] { return hasGone.load(); }));
+        proxied.send(QByteArray::fromHex("05040001000000000000"));
+        proxied.waitForEnd();
+    });
+    Client client = relay();
+    ASSERT_TRUE(waitUntil([&] { return isAsked.load(); }));
+    resetConnection(client.socket);
+    hasGone = true;
+    EXPECT_TRUE(waitUntil([&] { return !client.session->active; }));
+    EXPECT_EQ(m_connector->waiting(), 0u);
+    EXPECT_EQ(m_proxy->connections(), 1);
+    EXPECT_FALSE(m_log.contains("[TCP-NAT] Failed to connect to SOCKS5 proxy"));
+}
+
 TEST_F(RelayConnectorTest, dropsAllRelaysWhenItStops)
 {
     startProxy([](ProxyConnection &proxied, int) {
