@@ -64,8 +64,10 @@ void UdpFlow::expireIfOverdue(SteadyTime now)
 std::optional<UdpFlow::SetupFailure> UdpFlow::establish(EstablishedExchange established)
 {
     const std::lock_guard lock(m_mutex);
-    if (m_closed)
+    if (m_closed) {
+        resetWhenClosed(established.socket.get()); // as close does with one that it finds
         return SetupFailure{.step = SetupFailure::Step::Closed};
+    }
     m_control = std::move(established.socket);
     m_controlSkipsPort = established.skipsPort;
     if (std::optional<SetupFailure> failure = openRelaySocket(established.bound))

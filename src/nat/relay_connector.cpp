@@ -10,7 +10,6 @@
 
 #include <new>
 #include <variant>
-#include <vector>
 
 namespace ruvo {
 
@@ -58,8 +57,37 @@ RelayConnector::RelayConnector(const std::wstring &proxyHost, CompletionPort &co
 
 void RelayConnector::relay(Socket socket, const TcpNatSessionPtr &session)
 {
-    const auto client = std::make_shared<PendingClient>(std::move(socket), session, m_natTable);
-    const std::optional<RelayRoute> route = m_questions.routeFor(*session);
+    PendingClientPtr client;
+    try {
+        client = std::make_shared<PendingClient>(std::move(socket), session, m_natTable);
+    } catch (const std::bad_alloc &) {
+        resetWhenClosed(socket.get());
+        return m_natTable.end(session);
+    }
+    orForget(client, [&] { findWayOut(client); });
+}
+
+/// No memory for one client is the end of that one only.
+template<typename Step>
+void RelayConnector::orForget(const PendingClientPtr &client, Step step)
+{
+    try {
+        step();
+    } catch (const std::bad_alloc &) {
+        PortExchangePtr attempt;
+        {
+            const std::lock_guard lock(m_mutex);
+            attempt = client->attempt;
+            m_pending.erase(client);
+        }
+        if (attempt)
+            attempt->cancel(); // its callback refers to the client
+    }
+}
+
+void RelayConnector::findWayOut(const PendingClientPtr &client)
+{
+    const std::optional<RelayRoute> route = m_questions.routeFor(*client->session());
     if (!route || !admit(client))
         return;
     client->route = *route;
@@ -99,7 +127,8 @@ bool RelayConnector::admit(const PendingClientPtr &client)
 void RelayConnector::begin(const PendingClientPtr &client, PortExchangePlan plan, PortExchange::Callback callback)
 {
     plan.key = CompletionKey::RelayReceive;
-    plan.deadline = steadyNow() + attemptTimeout;
+    const SteadyTime deadline = steadyNow() + attemptTimeout;
+    plan.deadline = deadline;
     const auto attempt = std::make_shared<PortExchange>(m_completionPort, std::move(plan), std::move(callback));
     {
         const std::lock_guard lock(m_mutex);
@@ -107,6 +136,7 @@ void RelayConnector::begin(const PendingClientPtr &client, PortExchangePlan plan
         if (!m_pending.contains(client))
             return;
         client->attempt = attempt;
+        client->deadline = deadline;
     }
     attempt->start();
 }
@@ -116,10 +146,12 @@ void RelayConnector::connectDirectly(const PendingClientPtr &client)
     const Endpoint destination{client->route.address, client->route.port};
     begin(client, directConnectPlan(destination, m_questions.physicalInterface()),
           [this, client, destination](PortExchange::Outcome outcome) {
-              if (outcome)
-                  return startRelay(client, std::move(*outcome));
-              logDirectFailure(outcome.error(), destination);
-              forget(client);
+              orForget(client, [&] {
+                  if (outcome)
+                      return startRelay(client, std::move(*outcome));
+                  logDirectFailure(outcome.error(), destination);
+                  forget(client);
+              });
           });
 }
 
@@ -145,16 +177,20 @@ void RelayConnector::askProxy(const PendingClientPtr &client, const socks5::Sock
         return proxyRefused(client, byName);
     begin(client, {.peer = {*m_proxyAddress, client->route.proxyPort}, .request = std::move(bytes)},
           [this, client, byName](PortExchange::Outcome outcome) {
-              if (outcome)
-                  return startRelay(client, std::move(*outcome));
-              logProxyFailure(outcome.error(), byName);
-              proxyRefused(client, byName);
+              orForget(client, [&] {
+                  if (outcome)
+                      return startRelay(client, std::move(*outcome));
+                  logProxyFailure(outcome.error(), byName);
+                  proxyRefused(client, byName);
+              });
           });
 }
 
 /// A proxy that refuses the name may still take the address, on a connection of its own.
 void RelayConnector::proxyRefused(const PendingClientPtr &client, bool byName)
 {
+    if (byName && client->hasGone())
+        return forget(client);
     if (byName)
         return askProxy(client, Endpoint{client->route.address, client->route.port});
     qCWarning(lcRuvod) << "[TCP-NAT] Failed to connect to SOCKS5 proxy";
@@ -169,19 +205,19 @@ void RelayConnector::startRelay(const PendingClientPtr &client, EstablishedExcha
         return forget(client);
     }
     const std::uint64_t id = m_relays.nextId();
-    RelaySessionPtr relay;
-    try {
-        relay = std::make_shared<RelaySession>(id, client->takeSocket(), std::move(destination.socket),
-                                               client->route.isDirect, m_completionPort,
-                                               [this, id, session = client->session()] {
-                                                   m_relays.remove(id);
-                                                   m_natTable.end(session);
-                                               });
-    } catch (const std::bad_alloc &) { // there is no room for its buffers
-        return forget(client);
-    }
+    const auto relay = std::make_shared<RelaySession>(id, client->takeSocket(), std::move(destination.socket),
+                                                      client->route.isDirect, m_completionPort,
+                                                      [this, id, session = client->session()] {
+                                                          m_relays.remove(id);
+                                                          m_natTable.end(session);
+                                                      });
     client->forgetSession(); // it is the relay's now
-    const bool isRunning = m_relays.insert(relay);
+    bool isRunning = false;
+    try {
+        isRunning = m_relays.insert(relay);
+    } catch (const std::bad_alloc &) {
+        // Aborted below, which resets the client and ends its session.
+    }
     forget(client);
     if (isRunning)
         relay->start(destination.skipsPort);
@@ -198,21 +234,35 @@ void RelayConnector::forget(const PendingClientPtr &client)
 
 void RelayConnector::housekeeping(SteadyTime now)
 {
-    std::vector<PortExchangePtr> attempts;
-    {
-        const std::lock_guard lock(m_mutex);
-        attempts.reserve(m_pending.size());
-        for (const PendingClientPtr &client : m_pending) {
-            if (client->attempt)
-                attempts.push_back(client->attempt);
-        }
+    std::vector<PortExchangePtr> overdue;
+    try {
+        overdue = overdueAttempts(now);
+    } catch (const std::bad_alloc &) {
+        // The next second sees to them.
     }
-    for (const PortExchangePtr &attempt : attempts)
+    for (const PortExchangePtr &attempt : overdue) {
+        if (m_stopped)
+            return;
         attempt->expireIfOverdue(now);
+    }
     m_relays.closeOverdue();
 }
 
-void RelayConnector::stop()
+std::vector<PortExchangePtr> RelayConnector::overdueAttempts(SteadyTime now) const
+{
+    std::vector<PortExchangePtr> attempts;
+    const std::lock_guard lock(m_mutex);
+    for (const PendingClientPtr &client : m_pending) {
+        if (!client->attempt || now < client->deadline)
+            continue;
+        attempts.push_back(client->attempt);
+        if (attempts.size() == maxExpiredAtOnce)
+            break;
+    }
+    return attempts;
+}
+
+void RelayConnector::stopConnecting()
 {
     std::unordered_set<PendingClientPtr> pending;
     {
@@ -224,7 +274,11 @@ void RelayConnector::stop()
         if (client->attempt)
             client->attempt->cancel();
     }
-    pending.clear();
+}
+
+void RelayConnector::stop()
+{
+    stopConnecting();
     m_relays.closeAll();
 }
 

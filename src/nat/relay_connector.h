@@ -7,6 +7,7 @@
 #include "nat/tcp_nat_table.h"
 #include "socks5/port_exchange.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +18,7 @@
 #include <string>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 namespace ruvo {
 
@@ -43,6 +45,9 @@ public:
     static constexpr std::chrono::seconds attemptTimeout{10};
     /// Relays, and clients that wait for theirs, at a time.
     static constexpr std::size_t maxConnections = 16384;
+    /// Each attempt that is overdue costs a socket closed and, by name, another one opened. Thousands of them at once
+    /// would hold up the thread that does the housekeeping.
+    static constexpr std::size_t maxExpiredAtOnce = 256;
 
     struct Questions
     {
@@ -62,10 +67,12 @@ public:
 
     /// On a worker. A connection that cannot be relayed is reset; its session has ended then.
     void relay(Socket client, const TcpNatSessionPtr &session);
-    /// Resets all clients that wait, then aborts all relays; from here on every client is reset. Does not wait: what
-    /// was in flight completes on the port.
+    /// Resets all clients that wait; from here on every client is reset, and nothing connects any more. Relays go on.
+    /// From any thread, while workers and housekeeping still run.
+    void stopConnecting();
+    /// The same, and aborts all relays. Does not wait: what was in flight completes on the port.
     void stop();
-    /// Once a second: ends attempts that are overdue, and relays that do not end.
+    /// Once a second: ends attempts that are overdue, maxExpiredAtOnce at most, and relays that do not end.
     void housekeeping(SteadyTime now = steadyNow());
     std::size_t relays() const { return m_relays.size(); }
     std::size_t waiting() const;
@@ -83,12 +90,15 @@ private:
         SOCKET socket() const { return m_socket.get(); }
         const TcpNatSessionPtr &session() const { return m_session; }
         bool hasGone() const;
-        Socket takeSocket() { return std::move(m_socket); }
+        /// For who takes it, or leaves it here.
+        Socket &&takeSocket() { return std::move(m_socket); }
         void forgetSession() { m_session.reset(); }
 
         RelayRoute route;
         /// The attempt under way. Under the connector's mutex.
         PortExchangePtr attempt;
+        /// When that is overdue. Under the same.
+        SteadyTime deadline = SteadyTime::max();
 
     private:
         Socket m_socket;
@@ -98,6 +108,9 @@ private:
     /// Held by m_pending and by the callback of its attempt.
     using PendingClientPtr = std::shared_ptr<PendingClient>;
 
+    template<typename Step>
+    void orForget(const PendingClientPtr &client, Step step);
+    void findWayOut(const PendingClientPtr &client);
     bool admit(const PendingClientPtr &client);
     void begin(const PendingClientPtr &client, PortExchangePlan plan, PortExchange::Callback callback);
     void connectDirectly(const PendingClientPtr &client);
@@ -106,6 +119,7 @@ private:
     void proxyRefused(const PendingClientPtr &client, bool byName);
     void startRelay(const PendingClientPtr &client, EstablishedExchange destination);
     void forget(const PendingClientPtr &client);
+    std::vector<PortExchangePtr> overdueAttempts(SteadyTime now) const;
 
     const std::wstring m_proxyHost;
     /// In host order; nothing if the host is no address.
@@ -117,7 +131,8 @@ private:
     RelayTable m_relays;
 
     mutable std::mutex m_mutex;
-    bool m_stopped = false;
+    /// Entered under the mutex.
+    std::atomic<bool> m_stopped = false;
     std::unordered_set<PendingClientPtr> m_pending;
 };
 

@@ -42,16 +42,16 @@ void RelaySession::Direction::takeTurn()
         state = State::Relaying;
 }
 
-RelaySession::RelaySession(std::uint64_t id, Socket client, Socket destination, bool isDirect,
+RelaySession::RelaySession(std::uint64_t id, Socket &&client, Socket &&destination, bool isDirect,
                            CompletionPort &completionPort, std::function<void()> onClosed)
     : m_id(id)
     , m_isDirect(isDirect)
     , m_completionPort(completionPort)
     , m_onClosed(std::move(onClosed))
-    , m_client{std::move(client)}
-    , m_destination{std::move(destination)}
     , m_upload(*this, m_client, m_destination, "[TCP-NAT-IOCP] WSARecv (client) failed:")
     , m_download(*this, m_destination, m_client, "[TCP-NAT-IOCP] WSARecv (dest) failed:")
+    , m_client{std::move(client)}
+    , m_destination{std::move(destination)}
 {}
 
 void RelaySession::start(std::optional<bool> destinationSkipsPort)

@@ -32,9 +32,10 @@ public:
     /// After a direction has ended the other may take this long to finish.
     static constexpr std::chrono::seconds endingTime{30};
 
-    /// `onClosed` is called once, on any thread, without a lock.
-    RelaySession(std::uint64_t id, Socket client, Socket destination, bool isDirect, CompletionPort &completionPort,
-                 std::function<void()> onClosed);
+    /// `onClosed` is called once, on any thread, without a lock. Without memory for the buffers, which is
+    /// std::bad_alloc, the sockets stay the caller's.
+    RelaySession(std::uint64_t id, Socket &&client, Socket &&destination, bool isDirect,
+                 CompletionPort &completionPort, std::function<void()> onClosed);
 
     /// Puts both sockets on the completion port and starts receiving; relays what is there already. Closes itself if
     /// that fails. A destination that is on the port already comes with what skipPortOnSuccess said of it.
@@ -131,10 +132,11 @@ private:
     bool m_closed = false;
     /// When the first direction ended. Under m_mutex.
     std::optional<SteadyTime> m_endingSince;
-    Side m_client;
-    Side m_destination;
+    // Before the sockets, which are taken only once there are buffers.
     Direction m_upload;
     Direction m_download;
+    Side m_client;
+    Side m_destination;
 };
 
 using RelaySessionPtr = std::shared_ptr<RelaySession>;

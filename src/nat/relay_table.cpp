@@ -3,6 +3,7 @@
 #include "common/log_category.h"
 #include "common/steady_clock.h"
 
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -29,11 +30,13 @@ void RelayTable::remove(std::uint64_t id)
 void RelayTable::closeOverdue()
 {
     std::vector<RelaySessionPtr> sessions;
-    {
+    try {
         const std::lock_guard lock(m_mutex);
         sessions.reserve(m_sessions.size());
         for (const auto &[id, session] : m_sessions)
             sessions.push_back(session);
+    } catch (const std::bad_alloc &) {
+        return; // the next second sees to them
     }
     const SteadyTime now = steadyNow();
     for (const RelaySessionPtr &session : sessions)

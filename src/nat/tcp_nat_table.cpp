@@ -1,5 +1,7 @@
 #include "nat/tcp_nat_table.h"
 
+#include <new>
+
 namespace ruvo {
 
 std::uint16_t TcpNatTable::allocateNatPort(const FlowKey &flow)
@@ -95,8 +97,13 @@ void TcpNatTable::replace(TcpNatSessionPtr &session)
 void TcpNatTable::end(const TcpNatSessionPtr &session)
 {
     const std::lock_guard lock(m_mutex);
-    if (session->active.exchange(false) && m_byNatPort[session->natPort] == session)
+    if (!session->active.exchange(false) || m_byNatPort[session->natPort] != session)
+        return;
+    try {
         m_ended.push_back({session, m_clock()});
+    } catch (const std::bad_alloc &) {
+        erase(*session); // its port does not linger, but is not lost either
+    }
 }
 
 void TcpNatTable::expire()

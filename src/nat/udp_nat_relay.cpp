@@ -6,7 +6,7 @@
 
 #include <QString>
 
-#include <iterator>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -52,6 +52,11 @@ bool UdpNatRelay::forward(const FlowKey &flow, const Endpoint &target, std::span
     return true;
 }
 
+bool UdpNatRelay::isStopping() const
+{
+    return WaitForSingleObject(m_stopEvent, 0) == WAIT_OBJECT_0;
+}
+
 /// On an opener's thread: one flow after another until none waits.
 void UdpNatRelay::openWaiting()
 {
@@ -59,7 +64,7 @@ void UdpNatRelay::openWaiting()
         std::optional<UdpWaitingFlows::Opening> flow;
         {
             const std::lock_guard lock(m_mutex);
-            if (m_initialized)
+            if (m_initialized && !isStopping())
                 flow = m_waiting.beginOpening();
             if (!flow) {
                 --m_opening;
@@ -72,11 +77,18 @@ void UdpNatRelay::openWaiting()
 
 void UdpNatRelay::open(const UdpWaitingFlows::Opening &flow)
 {
-    const auto session = std::make_shared<UdpNatSession>(flow.key, flow.target,
-                                                         flow.target.port == dnsPort ? m_directPort : m_proxyPort);
-    if (!session->open(m_proxyHost, m_stopEvent, *m_completionPort))
+    UdpNatSessionPtr session;
+    bool isOurs = false;
+    try {
+        session = std::make_shared<UdpNatSession>(flow.key, flow.target,
+                                                  flow.target.port == dnsPort ? m_directPort : m_proxyPort);
+        if (!session->open(m_proxyHost, m_stopEvent, *m_completionPort))
+            return giveUp(flow);
+        isOurs = insert(session);
+    } catch (const std::bad_alloc &) {
         return giveUp(flow);
-    if (insert(session)) {
+    }
+    if (isOurs) {
         session->startReceiving(
             *m_completionPort,
             [this](UdpNatSession &answered, std::span<const std::uint8_t> payload) { onAnswer(answered, payload); });
@@ -85,6 +97,9 @@ void UdpNatRelay::open(const UdpWaitingFlows::Opening &flow)
 
 void UdpNatRelay::giveUp(const UdpWaitingFlows::Opening &flow)
 {
+    // The stop has failed it: shutdown drops what waits, and nobody is to open a flow for it elsewhere.
+    if (isStopping())
+        return;
     UdpWaitingFlows::Datagrams datagrams;
     {
         const std::lock_guard lock(m_mutex);
@@ -104,6 +119,7 @@ void UdpNatRelay::giveUp(const UdpWaitingFlows::Opening &flow)
 /// mutex.
 bool UdpNatRelay::insert(const UdpNatSessionPtr &session)
 {
+    std::list<UdpNatSessionPtr> place{session};
     const std::lock_guard lock(m_mutex);
     if (!m_initialized)
         return false;
@@ -113,7 +129,8 @@ bool UdpNatRelay::insert(const UdpNatSessionPtr &session)
         remove(UdpNatSessionPtr(m_byActivity.front()));
     m_flows.emplace(session->key(), session);
     session->lastActivity = m_clock();
-    session->position = m_byActivity.insert(m_byActivity.end(), session);
+    session->position = place.begin();
+    m_byActivity.splice(m_byActivity.end(), place);
     for (const std::vector<std::uint8_t> &datagram : m_waiting.take(session->key()))
         session->send(datagram);
     return true;
@@ -158,13 +175,13 @@ void UdpNatRelay::forget(const UdpNatSession &session)
 void UdpNatRelay::expireIdle()
 {
     // Closed after the lock: they may be thousands after a burst, and the reader thread sends under it.
-    std::vector<UdpNatSessionPtr> expired;
+    std::list<UdpNatSessionPtr> expired;
     {
         const std::lock_guard lock(m_mutex);
         const SteadyTime now = m_clock();
         while (!m_byActivity.empty() && now - m_byActivity.front()->lastActivity >= idleTime) {
-            expired.push_back(m_byActivity.front());
-            forget(*expired.back());
+            m_flows.erase(m_byActivity.front()->key());
+            expired.splice(expired.end(), m_byActivity, m_byActivity.begin());
         }
     }
     for (const UdpNatSessionPtr &session : expired)

@@ -87,6 +87,7 @@ public:
 private:
     static constexpr unsigned maxOpeners = 16;
 
+    bool isStopping() const;
     void openWaiting();
     void open(const UdpWaitingFlows::Opening &flow);
     void giveUp(const UdpWaitingFlows::Opening &flow);

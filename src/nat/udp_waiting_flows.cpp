@@ -1,12 +1,14 @@
 #include "nat/udp_waiting_flows.h"
 
-#include <iterator>
 #include <utility>
 
 namespace ruvo {
 
 bool UdpWaitingFlows::add(const FlowKey &key, const Endpoint &target, std::span<const std::uint8_t> payload)
 {
+    // Each step that takes memory leaves nothing half done if there is none.
+    Datagrams datagram;
+    datagram.emplace_back(payload.begin(), payload.end());
     auto found = m_flows.find(key);
     const bool isNew = found == m_flows.end();
     if (isNew) {
@@ -14,13 +16,14 @@ bool UdpWaitingFlows::add(const FlowKey &key, const Endpoint &target, std::span<
             m_flows.erase(m_unopened.front());
             m_unopened.pop_front();
         }
-        m_unopened.push_back(key);
-        found = m_flows.emplace(key, Flow{target, {}, std::prev(m_unopened.end())}).first;
+        std::list<FlowKey> unopened{key};
+        found = m_flows.emplace(key, Flow{target, {}, unopened.begin()}).first;
+        m_unopened.splice(m_unopened.end(), unopened);
     }
     Datagrams &datagrams = found->second.datagrams;
     if (datagrams.size() == maxDatagrams)
         datagrams.pop_front();
-    datagrams.emplace_back(payload.begin(), payload.end());
+    datagrams.splice(datagrams.end(), datagram);
     return isNew;
 }
 

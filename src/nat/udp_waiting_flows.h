@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <list>
 #include <map>
 #include <optional>
@@ -21,7 +20,8 @@ public:
     static constexpr std::size_t maxDatagrams = 64; // of one flow
     static constexpr std::size_t maxFlows = 1024;
 
-    using Datagrams = std::deque<std::vector<std::uint8_t>>;
+    /// A list: to move one takes no memory, so a flow can be taken out when there is none.
+    using Datagrams = std::list<std::vector<std::uint8_t>>;
     struct Opening
     {
         FlowKey key;

@@ -1,6 +1,7 @@
 #include "socks5/socks_exchange.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace ruvo::socks5 {
@@ -111,7 +112,13 @@ std::optional<Endpoint> SocksExchange::bound() const
 
 SocksFailure SocksExchange::failure() const
 {
-    return {.step = m_step, .isCutOff = m_isCutOff, .bytes = Bytes(reply().begin(), reply().end())};
+    SocksFailure failure{.step = m_step, .isCutOff = m_isCutOff, .bytes = {}};
+    try {
+        failure.bytes.assign(reply().begin(), reply().end());
+    } catch (const std::bad_alloc &) {
+        // They are for the log only.
+    }
+    return failure;
 }
 
 } // namespace ruvo::socks5

@@ -97,7 +97,7 @@ public:
     ByteView reply() const { return {m_reply.data(), m_received}; }
     /// The address in the reply of an exchange that has succeeded; nothing if that is no IPv4 address.
     std::optional<Endpoint> bound() const;
-    /// Of an exchange that has failed: why.
+    /// Of an exchange that has failed: why. Without its bytes if there is no memory for them.
     SocksFailure failure() const;
 
 private:

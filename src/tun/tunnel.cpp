@@ -56,6 +56,8 @@ void Tunnel::stop()
     SetEvent(m_stopEvent.get());
     if (m_natListener)
         m_natListener->stopAccepting();
+    if (m_relayConnector)
+        m_relayConnector->stopConnecting();
     joinThreads();
     closePaths();
     if (!m_completionPort.drain(drainTimeout)) {

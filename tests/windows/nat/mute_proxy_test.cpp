@@ -1,6 +1,10 @@
 #include "windows/nat/relay_connector_fixture.h"
 
+#include "windows/support/import_redirection.h"
+
+#include <atomic>
 #include <cstdio>
+#include <thread>
 #include <vector>
 
 namespace ruvo::test {
@@ -70,8 +74,7 @@ TEST_F(MuteProxyTest, isGivenUpAfterTenSeconds)
 {
     m_connector->housekeeping(m_begin + RelayConnector::attemptTimeout - 1ms);
     EXPECT_EQ(m_connector->waiting(), m_clients.size());
-    m_connector->housekeeping(steadyNow() + RelayConnector::attemptTimeout);
-    EXPECT_EQ(m_connector->waiting(), 0u);
+    expireAll();
     for (const Client &client : m_clients) {
         EXPECT_EQ(readToEnd(client.socket.get()), Ending::Reset);
         EXPECT_FALSE(client.session->active);
@@ -82,6 +85,45 @@ TEST_F(MuteProxyTest, isGivenUpAfterTenSeconds)
     EXPECT_EQ(m_log.linesWith("WARNING Failed to receive SOCKS5 response").size()
                   + m_log.linesWith("WARNING Failed to connect to proxy: 10060").size(),
               count);
+}
+
+/// The same for clients whose name is known: each would take a second attempt, by address.
+class MuteProxyByNameTest : public MuteProxyTest
+{
+protected:
+    void SetUp() override
+    {
+        m_name = "example.com";
+        MuteProxyTest::SetUp();
+    }
+};
+
+TEST_F(MuteProxyByNameTest, connectsNothingMoreOnceItStops)
+{
+    constexpr int openedBefore = 10;
+    std::atomic<int> opened = 0;
+    std::atomic<DWORD> expiring = 0;
+    const ImportRedirection<IMPORT(WSASocketW)> watched(
+        [&, next = ImportRedirection<IMPORT(WSASocketW)>::current()](auto... arguments) {
+            // The last one before the stop is on its way until the stop has begun.
+            if (GetCurrentThreadId() == expiring && ++opened == openedBefore) {
+                EXPECT_TRUE(waitUntil([this] { return m_connector->waiting() == 0; }));
+            }
+            return next(arguments...);
+        });
+    std::thread housekeeping([&] {
+        expiring = GetCurrentThreadId();
+        m_connector->housekeeping(steadyNow() + RelayConnector::attemptTimeout);
+    });
+    EXPECT_TRUE(waitUntil([&] { return opened == openedBefore; }));
+    m_connector->stopConnecting();
+    housekeeping.join();
+    EXPECT_EQ(opened, openedBefore);
+    for (const Client &client : m_clients) {
+        EXPECT_EQ(readToEnd(client.socket.get()), Ending::Reset);
+        EXPECT_FALSE(client.session->active);
+    }
+    expectRefused(relay());
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 
 #include "nat/relay_connector.h"
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <string>
@@ -92,6 +93,16 @@ protected:
         EXPECT_EQ(readToEnd(client.socket.get()), Ending::Reset);
         EXPECT_TRUE(waitUntil([&] { return !client.session->active; }));
         EXPECT_EQ(m_connector->relays(), 0u);
+    }
+    /// Ends the last attempts of all that wait: so many a second, for the thread that does this has more to do.
+    void expireAll()
+    {
+        std::size_t left = m_connector->waiting();
+        while (left > 0) {
+            left -= std::min(left, RelayConnector::maxExpiredAtOnce);
+            m_connector->housekeeping(steadyNow() + RelayConnector::attemptTimeout);
+            ASSERT_EQ(m_connector->waiting(), left);
+        }
     }
     void expectLine(const QString &line)
     {

@@ -226,6 +226,26 @@ TEST_F(RelayConnectorTest, triesTheAddressWhenTheNameTakesTooLong)
     expectLine("WARNING Failed to receive domain connection response");
 }
 
+TEST_F(RelayConnectorTest, resetsAClientWhoseRelayHasNoRoomForItsBuffers)
+{
+    startProxy([](ProxyConnection &proxied, int) {
+        takeRequest(proxied, addressRequest.size());
+        proxied.send(connected);
+        proxied.waitForEnd();
+    });
+    std::atomic<int> refused = 0;
+    const ImportRedirection<IMPORT(VirtualAlloc)> none(
+        [&, own = GetCurrentThreadId(), next = ImportRedirection<IMPORT(VirtualAlloc)>::current()](
+            void *address, SIZE_T size, DWORD type, DWORD protection) -> void * {
+            if (GetCurrentThreadId() == own || size != 0x10000)
+                return next(address, size, type, protection);
+            ++refused;
+            return nullptr;
+        });
+    expectRefused(relay());
+    EXPECT_EQ(refused, 1);
+}
+
 TEST_F(RelayConnectorTest, doesNotConnectForAClientThatHasGone)
 {
     std::atomic<int> requests = 0;
@@ -241,6 +261,28 @@ TEST_F(RelayConnectorTest, doesNotConnectForAClientThatHasGone)
     const Client live = relay();
     EXPECT_TRUE(waitUntil([&] { return m_connector->relays() == 1; }));
     EXPECT_EQ(requests, 1) << "only for the one that is there";
+}
+
+TEST_F(RelayConnectorTest, asksForNoAddressWhenTheClientHasGoneMeanwhile)
+{
+    m_name = "example.com";
+    std::atomic<bool> isAsked = false;
+    std::atomic<bool> hasGone = false;
+    startProxy([&](ProxyConnection &proxied, int) {
+        takeRequest(proxied, nameRequest.size());
+        isAsked = true;
+        EXPECT_TRUE(waitUntil([&] { return hasGone.load(); }));
+        proxied.send(QByteArray::fromHex("05040001000000000000"));
+        proxied.waitForEnd();
+    });
+    Client client = relay();
+    ASSERT_TRUE(waitUntil([&] { return isAsked.load(); }));
+    resetConnection(client.socket);
+    hasGone = true;
+    EXPECT_TRUE(waitUntil([&] { return !client.session->active; }));
+    EXPECT_EQ(m_connector->waiting(), 0u);
+    EXPECT_EQ(m_proxy->connections(), 1);
+    EXPECT_FALSE(m_log.contains("[TCP-NAT] Failed to connect to SOCKS5 proxy"));
 }
 
 TEST_F(RelayConnectorTest, dropsAllRelaysWhenItStops)

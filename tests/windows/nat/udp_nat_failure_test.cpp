@@ -143,6 +143,36 @@ TEST_F(UdpNatFailureTest, handsAllThatWaitedOverInOrder)
     m_relay->shutdown();
 }
 
+// From the stop on every opening fails at once: the fallback would get all that waits, in the middle of its own end.
+TEST_F(UdpNatFailureTest, handsNothingOverOnceItStops)
+{
+    constexpr int openers = 16;
+    std::atomic<int> begun = 0;
+    std::atomic<int> ended = 0;
+    const ParallelProxy mute([&](ProxyConnection &connection, int) {
+        connection.receive(3);
+        ++begun;
+        connection.waitForEnd();
+        ++ended;
+    });
+    ASSERT_TRUE(m_relay->initialize(client, "127.0.0.1", mute.port(), mute.port(), m_port, {}));
+    for (std::uint16_t port = 1; port <= 100; ++port)
+        ASSERT_TRUE(forward(port, "waits"));
+    ASSERT_TRUE(waitUntil([&] { return begun == openers; }));
+    std::atomic<int> opened = 0;
+    const ImportRedirection<IMPORT(WSASocketW)> watched(
+        [&, next = ImportRedirection<IMPORT(WSASocketW)>::current()](auto... arguments) {
+            ++opened;
+            return next(arguments...);
+        });
+    SetEvent(m_stopEvent.get());
+    EXPECT_TRUE(waitUntil([&] { return ended == openers; })) << "each has been given up by then";
+    m_relay->shutdown();
+    EXPECT_EQ(opened, 0);
+    EXPECT_TRUE(refused().empty());
+    EXPECT_TRUE(m_log.linesWith("WARNING").isEmpty()) << m_log.lines().join('\n').toStdString();
+}
+
 TEST_F(UdpNatFailureTest, saysThatAReceiveFailedAndStillSends)
 {
     startRelay();
