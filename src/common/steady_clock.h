@@ -1,7 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
 
 namespace ruvo {
@@ -14,12 +13,6 @@ using SteadyClock = std::function<SteadyTime()>;
 inline SteadyTime steadyNow()
 {
     return std::chrono::steady_clock::now();
-}
-
-/// The same in nanoseconds.
-inline std::int64_t steadyNanoseconds()
-{
-    return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 } // namespace ruvo

@@ -2,22 +2,11 @@
 
 #include "io/socket_options.h"
 
-#include <mswsock.h>
-
 #include <utility>
 
 namespace ruvo {
 
 namespace {
-
-/// A datagram that its receiver refused (ICMP "port unreachable") fails the next receive otherwise. Failure does not
-/// matter.
-void keepReceivingAfterRefusals(SOCKET socket)
-{
-    BOOL off = FALSE;
-    DWORD size = 0;
-    WSAIoctl(socket, SIO_UDP_CONNRESET, &off, sizeof(off), nullptr, 0, &size, nullptr, nullptr);
-}
 
 bool connectTo(SOCKET socket, const Endpoint &relay)
 {

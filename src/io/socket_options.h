@@ -2,6 +2,8 @@
 
 #include "common/winsock_headers.h"
 
+#include <mswsock.h>
+
 #include <cstdint>
 
 namespace ruvo {
@@ -53,6 +55,15 @@ inline void resetWhenClosed(SOCKET socket)
 {
     const linger now{.l_onoff = 1, .l_linger = 0};
     setsockopt(socket, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char *>(&now), sizeof(now));
+}
+
+/// A datagram that its receiver refused (ICMP "port unreachable") fails the next receive otherwise, and with it all
+/// that is still to come. Failure does not matter.
+inline void keepReceivingAfterRefusals(SOCKET socket)
+{
+    BOOL off = FALSE;
+    DWORD size = 0;
+    WSAIoctl(socket, SIO_UDP_CONNRESET, &off, sizeof(off), nullptr, 0, &size, nullptr, nullptr);
 }
 
 } // namespace ruvo

@@ -5,8 +5,6 @@
 #include "io/timed_io.h"
 #include "socks5/blocking_exchange.h"
 
-#include <mswsock.h>
-
 #include <chrono>
 #include <cstdint>
 #include <utility>
@@ -24,15 +22,6 @@ constexpr std::size_t replyAddressType = 3; // RFC 1928 section 6
 SocketWait::Clock::time_point within(std::chrono::seconds time)
 {
     return SocketWait::Clock::now() + time;
-}
-
-/// A datagram that its receiver refused (ICMP "port unreachable") fails the next receive otherwise, and with it all
-/// that is still to come.
-void keepReceivingAfterRefusals(SOCKET socket)
-{
-    BOOL off = FALSE;
-    DWORD size = 0;
-    WSAIoctl(socket, SIO_UDP_CONNRESET, &off, sizeof(off), nullptr, 0, &size, nullptr, nullptr);
 }
 
 void logFailure(const socks5::SocksFailure &failure)

@@ -155,11 +155,7 @@ std::optional<PortExchange::Outcome> PortExchange::take(DWORD bytes)
 
 PortExchange::Outcome PortExchange::established()
 {
-    const socks5::ByteView reply = m_exchange.reply();
-    return EstablishedExchange{.socket = std::move(m_socket),
-                               .skipsPort = m_skipsPort,
-                               .bound = m_exchange.bound(),
-                               .reply = {reply.begin(), reply.end()}};
+    return EstablishedExchange{.socket = std::move(m_socket), .skipsPort = m_skipsPort, .bound = m_exchange.bound()};
 }
 
 void PortExchange::onCompleted(DWORD bytes, DWORD error)

@@ -43,8 +43,6 @@ struct EstablishedExchange
     bool skipsPort = false;
     /// The address in the proxy's reply; nothing if that is no IPv4 address, or nothing was asked.
     std::optional<Endpoint> bound;
-    /// The whole of it, for those that say what was wrong with its address.
-    socks5::Bytes reply;
 };
 
 /// Why none stands. The socket has been closed.

@@ -46,7 +46,6 @@ TEST_F(PortExchangeTest, asksTheProxyAndLeavesWhatFollowsTheReply)
     ASSERT_TRUE(done);
     EXPECT_EQ(asked, greeting + request);
     EXPECT_EQ(done->bound, (Endpoint{0x7F000001, 0x1234}));
-    EXPECT_EQ(QByteArray(reinterpret_cast<const char *>(done->reply.data()), 10), connected);
     EXPECT_EQ(exchange->stage(), 5);
     EXPECT_EQ(m_port.inFlight(), 0);
     EXPECT_EQ(read(done->socket.get(), 9), "220 ready");
@@ -108,7 +107,6 @@ TEST_F(PortExchangeTest, takesAnswersByteByByte)
     });
     start(plan(m_proxy->port()));
     ASSERT_TRUE(outcome());
-    EXPECT_EQ(outcome()->reply.size(), static_cast<std::size_t>(nameReply.size()));
     EXPECT_EQ(read(outcome()->socket.get(), 1), "!");
 }
 
