@@ -14,7 +14,10 @@ namespace {
 
 constexpr DWORD endTimeout = 10000; // ms, for what was told to end and takes its time
 constexpr DWORD pollInterval = 10;  // ms
-constexpr wchar_t consoleHost[] = L"conhost.exe";
+
+/// What the system itself starts for a process, in the same job: for its console, and in Wine for the first window of
+/// a desktop that nobody else has one on.
+constexpr const wchar_t *systemPrograms[] = {L"conhost.exe", L"explorer.exe"};
 
 struct CloseProcess
 {
@@ -96,7 +99,8 @@ std::vector<ProcessJob::Member> ProcessJob::others() const
         const auto pid = static_cast<DWORD>(list->ProcessIdList[i]);
         if (pid == GetCurrentProcessId())
             continue;
-        if (std::wstring name = executableOf(pid); !name.empty() && name != consoleHost)
+        std::wstring name = executableOf(pid);
+        if (!name.empty() && std::ranges::find(systemPrograms, name) == std::end(systemPrograms))
             members.push_back({pid, std::move(name)});
     }
     return members;
