@@ -201,9 +201,13 @@ void TcpEngine::takeNumbers(const TcpConnectionPtr &connection, const TcpSegment
 {
     connection->noteHeard();
     const TcpSender::Acknowledged acknowledged = connection->stream().acknowledge(segment);
-    // While nothing waits for it, an application could keep a closing connection for ever by moving its window.
-    if (acknowledged != TcpSender::Acknowledged::Nothing && connection->stream().hasWork())
+    // While nothing waits for it, an application could keep a closing connection for ever by moving its window. One
+    // that is established needs no such look, which may have to wait for a worker that writes a whole chunk: with
+    // several downloads the reader thread would fall behind.
+    if (acknowledged != TcpSender::Acknowledged::Nothing && connection->stream().state() != TcpState::Established
+        && connection->stream().hasWork()) {
         connection->noteProgress(m_services.clock());
+    }
     // Once is enough until flow control looks again: setting an event for each acknowledgement of a download would
     // keep the reader thread from the packets that follow.
     if (acknowledged == TcpSender::Acknowledged::Room && !m_isDrainWanted.exchange(true))

@@ -39,8 +39,32 @@ void TcpStream::refuse()
 
 TcpSender::Acknowledged TcpStream::acknowledge(const TcpSegment &segment)
 {
-    const std::lock_guard lock(m_pendingMutex);
-    return m_sender.acknowledge(segment);
+    // A worker writes a whole chunk under this lock. A reader thread that waited for it with each acknowledgement of
+    // several downloads would fall behind, until the adapter drops what comes.
+    const std::unique_lock lock(m_pendingMutex, std::try_to_lock);
+    if (lock) {
+        takeLeftNumbers();
+        return m_sender.acknowledge(segment);
+    }
+    const std::lock_guard left(m_leftMutex);
+    if (!m_left || static_cast<std::int32_t>(segment.ack - m_left->ack) >= 0) {
+        m_left = segment;
+        m_left->options = {};
+        m_left->payload = {};
+        m_isLeft = true;
+    }
+    return m_packetsWait ? TcpSender::Acknowledged::Room : TcpSender::Acknowledged::Progress;
+}
+
+/// Under the pending mutex.
+void TcpStream::takeLeftNumbers()
+{
+    if (!m_isLeft)
+        return;
+    const std::lock_guard left(m_leftMutex);
+    m_sender.acknowledge(*m_left);
+    m_left.reset();
+    m_isLeft = false;
 }
 
 std::optional<TcpStream::Received> TcpStream::receive(const TcpSegment &segment)
@@ -123,7 +147,9 @@ TcpStream::Downloaded TcpStream::download(std::span<const std::uint8_t> bytes)
     // The state changes before the FIN is sent: what comes now would be numbered behind it.
     if (m_isAbandoned || m_state != TcpState::Established)
         return {};
+    takeLeftNumbers();
     const bool isKept = m_sender.send(tcpPsh | tcpAck, bytes);
+    m_packetsWait = m_sender.waiting() > 0;
     return {isKept, m_sender.pauseIfFull()};
 }
 
@@ -142,13 +168,21 @@ bool TcpStream::finishDownload()
 bool TcpStream::send(std::uint8_t flags, std::span<const std::uint8_t> payload)
 {
     const std::lock_guard lock(m_pendingMutex);
-    return m_isAbandoned || m_sender.send(flags, payload);
+    takeLeftNumbers();
+    const bool isKept = m_isAbandoned || m_sender.send(flags, payload);
+    m_packetsWait = m_sender.waiting() > 0;
+    return isKept;
 }
 
 TcpSender::Drained TcpStream::drain(SteadyTime now)
 {
     const std::lock_guard lock(m_pendingMutex);
-    return m_isAbandoned ? TcpSender::Drained() : m_sender.drain(now);
+    if (m_isAbandoned)
+        return {};
+    takeLeftNumbers();
+    const TcpSender::Drained drained = m_sender.drain(now);
+    m_packetsWait = m_sender.waiting() > 0;
+    return drained;
 }
 
 bool TcpStream::endPause()

@@ -46,7 +46,7 @@ public:
 
     // What comes from the application.
 
-    /// Takes the acknowledgement and the window of any segment.
+    /// Takes the acknowledgement and the window of any segment. Does not wait for packets that are being written.
     TcpSender::Acknowledged acknowledge(const TcpSegment &segment);
     struct Received : TcpReceiver::Outcome
     {
@@ -120,9 +120,19 @@ private:
     std::size_t m_chunkSent = 0;
     bool m_isUploading = false;
 
+    void takeLeftNumbers();
+
     mutable std::mutex m_pendingMutex;
     TcpSender m_sender;
     bool m_isAbandoned = false;
+    /// Whether packets wait, as the last one who had the lock left it.
+    std::atomic<bool> m_packetsWait = false;
+
+    /// Numbers of the application's that came while packets were being written, the newest: whoever has the lock next
+    /// takes them. Taken inside any of the others, for a moment.
+    std::mutex m_leftMutex;
+    std::optional<TcpSegment> m_left;
+    std::atomic<bool> m_isLeft = false;
 };
 
 } // namespace ruvo
