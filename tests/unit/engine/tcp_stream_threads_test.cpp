@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <span>
@@ -238,6 +239,43 @@ TEST_F(TcpStreamThreads, oneFinWhoeverClosesFirst)
         EXPECT_EQ(fins, 1U);
         EXPECT_EQ(stream.waitingPackets(), 0U);
     }
+}
+
+// RFC 9293 section 3.10.7.4: its numbers count all the same, once the chunk has been written.
+TEST(TcpStreamLock, acknowledgementDoesNotWaitForAChunkThatIsBeingWritten)
+{
+    OutOfOrderBudget budget;
+    std::function<void()> whileWriting;
+    TcpSender::Opening opening;
+    opening.path = FlowKey{{0x5DB8D822, 443}, {0x0A090909, 5000}};
+    opening.initialSequence = engineStart;
+    opening.synSequence = applicationStart;
+    opening.window = 1000;
+    unsigned written = 0;
+    TcpStream stream(opening, budget, [&](const std::uint8_t *, std::size_t) {
+        ++written;
+        if (whileWriting)
+            std::exchange(whileWriting, nullptr)();
+        return true;
+    });
+    ASSERT_TRUE(stream.establish());
+    whileWriting = [&] {
+        // The lock is held here, so this would never come back if it waited for it.
+        std::thread reader([&] {
+            TcpSegment segment;
+            segment.seq = applicationStart + 1;
+            segment.ack = engineStart + 1;
+            segment.flags = tcpAck;
+            segment.window = 5000;
+            stream.acknowledge(segment);
+        });
+        reader.join();
+    };
+    const Bytes bytes(1000);
+    stream.download(bytes); // fills the first window
+    stream.download(bytes);
+    EXPECT_EQ(stream.waitingPackets(), 0u);
+    EXPECT_EQ(written, 3u);
 }
 
 } // namespace
