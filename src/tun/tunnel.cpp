@@ -64,6 +64,7 @@ void Tunnel::stop()
         qCWarning(lcRuvod) << "[RUVO-TUN] Operations still in flight at the stop:" << m_completionPort.inFlight();
     }
     m_completionPort.close();
+    m_firewall.reset(); // removes the filters
     m_adapter->stopReading();
     m_adapter->endSession();
     m_adapter.reset();

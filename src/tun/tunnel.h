@@ -8,6 +8,7 @@
 #include "nat/relay_connector.h"
 #include "nat/tcp_nat_listener.h"
 #include "nat/udp_nat_relay.h"
+#include "netcfg/firewall_manager.h"
 #include "netcfg/wintun_adapter.h"
 #include "tun/learned_names.h"
 #include "tun/packet_dispatcher.h"
@@ -85,6 +86,7 @@ private:
 
     Result openAdapter(const std::wstring &adapterName, const std::wstring &wintunLibraryPath);
     Result configureAdapter(std::uint8_t prefixLength);
+    void openFirewall();
     Result openSession();
     Result openTcpNat();
     void openUdpNat();
@@ -106,7 +108,11 @@ private:
     UpstreamChoice m_upstreamChoice;
     std::function<void()> m_healthCheckFailed;
 
+    // In this order: a start that has failed lets go of the filters while the adapter that they name is still there,
+    // and the session goes with the adapter.
     std::unique_ptr<WintunAdapter> m_adapter;
+    /// Null while there are no filters.
+    std::unique_ptr<FirewallManager> m_firewall;
     /// Set for the time of a stop: ends every wait.
     const KernelHandle m_stopEvent;
     LearnedNames m_learnedNames;
