@@ -8,6 +8,7 @@
 #include "nat/relay_connector.h"
 #include "nat/tcp_nat_listener.h"
 #include "nat/udp_nat_relay.h"
+#include "netcfg/firewall_manager.h"
 #include "netcfg/wintun_adapter.h"
 #include "tun/learned_names.h"
 #include "tun/packet_dispatcher.h"
@@ -108,6 +109,7 @@ private:
 
     void dropConnections();
     void logInterfaceState() const;
+    void checkFilters() const;
     void startProxyReadyThread(ProxyGate::Closing closing);
     void runProxyReady(ProxyGate::Closing closing);
     void joinProxyReadyThread();
@@ -121,6 +123,8 @@ private:
     std::function<void()> m_healthCheckFailed;
 
     std::unique_ptr<WintunAdapter> m_adapter;
+    /// Null if there can be no filters.
+    std::unique_ptr<FirewallManager> m_firewall;
     /// Set for the time of a stop: ends every wait.
     const KernelHandle m_stopEvent;
     LearnedNames m_learnedNames;

@@ -25,6 +25,7 @@ void Tunnel::resetConnections()
     flushDnsCache();
     logInterfaceState();
     qCDebug(lcRuvod) << "Connection reset complete - starting proxy health check";
+    checkFilters();
     joinProxyReadyThread(); // of an earlier reset: the gate was shut again, so it waits no longer
     startProxyReadyThread(closing);
 }
@@ -54,6 +55,18 @@ void Tunnel::logInterfaceState() const
     } else {
         qCWarning(lcRuvod) << "[RESET] Failed to get interface entry";
     }
+}
+
+/// Logged as critical, so that it stands out among everything else.
+void Tunnel::checkFilters() const
+{
+    if (!m_firewall) {
+        qCCritical(lcRuvod) << "[RESET] ❌ m_firewall is NULL! This must never occur: nothing keeps DNS and IPv6 from"
+                               " leaving around the tunnel.";
+        return;
+    }
+    qCCritical(lcRuvod) << "[RESET] 🔍 Checking if WFP filters survived connection reset...";
+    m_firewall->verifyFilters();
 }
 
 /// A tunnel whose gate stayed shut would be dead: without a thread, flow control opens it.
