@@ -58,6 +58,7 @@ void Tunnel::stop()
         m_natListener->stopAccepting();
     if (m_relayConnector)
         m_relayConnector->stopConnecting();
+    m_proxyGate.open(); // nobody waits for that any more
     joinThreads();
     closePaths();
     if (!m_completionPort.drain(drainTimeout)) {
@@ -79,6 +80,7 @@ void Tunnel::stop()
 
 void Tunnel::joinThreads()
 {
+    joinProxyReadyThread();
     if (m_flowControlThread.joinable())
         m_flowControlThread.join();
     for (std::size_t i = 0; i < m_workers.size(); ++i)
@@ -112,7 +114,7 @@ void Tunnel::dispatchPacket(const std::uint8_t *data, std::size_t len)
 {
     // After the stop began, nothing new may reach what it is taking down.
     if (m_running)
-        m_dispatcher->dispatch(data, len, m_proxyReady);
+        m_dispatcher->dispatch(data, len, m_proxyGate.isOpen());
 }
 
 } // namespace ruvo

@@ -12,6 +12,7 @@
 #include "netcfg/wintun_adapter.h"
 #include "tun/learned_names.h"
 #include "tun/packet_dispatcher.h"
+#include "tun/proxy_gate.h"
 #include "tun/tunnel_settings.h"
 #include "tun/upstream_choice.h"
 #include "tun/worker_housekeeping.h"
@@ -58,6 +59,12 @@ public:
     /// False too when the adapter has died under it.
     bool isRunning() const;
 
+    /// Throws away the connections and flows of the engine, so that applications make new ones through a proxy that
+    /// has been restarted, and looks whether the host around the tunnel is still as it was made. Relays go on. For a
+    /// second afterwards connections are refused and all else is dropped. Takes about 100 ms; nothing if the tunnel
+    /// does not run. Service thread, as start and stop.
+    void resetConnections();
+
     /// Which interface direct connections leave through; 0 if it is not known.
     void setPhysicalInterface(std::uint32_t interfaceIndex) { m_physicalInterface = interfaceIndex; }
     std::uint64_t adapterLuid() const { return m_adapter ? m_adapter->luid() : 0; }
@@ -101,6 +108,14 @@ private:
     void runFlowControl();
     void joinThreads();
 
+    void dropConnections();
+    void logInterfaceState() const;
+    void checkFilters() const;
+    void startProxyReadyThread(ProxyGate::Closing closing);
+    void runProxyReady(ProxyGate::Closing closing);
+    void joinProxyReadyThread();
+    void announceProxyReady();
+
     /// Its addresses and processes stand in m_upstreamChoice.
     const TunnelSettings m_settings;
     std::uint32_t m_tunnelIp = 0;
@@ -129,8 +144,10 @@ private:
 
     std::vector<std::thread> m_workers;
     std::thread m_flowControlThread;
+    std::thread m_proxyReadyThread;
     std::atomic<bool> m_running = false;
-    std::atomic<bool> m_proxyReady = true;
+    /// proxyReady.
+    ProxyGate m_proxyGate;
 };
 
 } // namespace ruvo
