@@ -15,7 +15,7 @@ from bench import processes, sockets
 from bench.filters import Filters, remove_abandoned
 from bench.network import Network, ip
 from bench.waiting import wait_for
-from filterengine import cgroups
+from filterengine import cgroups, check
 
 ATTEMPTS = Path(__file__).with_name("attempts.py")
 KEY = "{5F1C6E0A-7D0E-4C43-93D0-0B6B5B3C7A11}"
@@ -348,6 +348,12 @@ def test_a_change_takes_little_time(machine, session):
     # Of 17 filters: the blocks, and what comes after one of the same family.
     assert len(changes) == 4
     assert slowest < 0.1
+
+
+def test_the_check_of_the_machine(machine, monkeypatch):
+    assert sockets.in_namespace(machine, "host", check.problem) is None
+    monkeypatch.setattr(check.Nftables, "enforce", lambda *_: None)
+    assert "in the family ip passes" in sockets.in_namespace(machine, "host", check.problem)
 
 
 def test_nothing_is_left(tmp_path):
