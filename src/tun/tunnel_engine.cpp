@@ -38,6 +38,7 @@ void Tunnel::openEngine()
             },
         .send = [this](const std::uint8_t *packet,
                        std::size_t size) { m_adapter->sendPacket(packet, static_cast<std::uint32_t>(size)); },
+        .proxyWitness = proxyWitness(),
     };
     m_tcpEngine = std::make_unique<TcpEngine>(m_engineServices);
     m_udpFlows = std::make_unique<UdpFlows>(m_engineServices);
@@ -64,7 +65,9 @@ void Tunnel::runFlowControl()
         if (WaitForMultipleObjects(std::size(wakings), wakings, FALSE, flowControlInterval) == WAIT_FAILED)
             Sleep(flowControlInterval);
         m_tcpEngine->drainWaiting(isRunning);
-        if (steadyNow() < nextHousekeeping)
+        const SteadyTime now = steadyNow();
+        m_proxyCheck->poll(now);
+        if (now < nextHousekeeping)
             continue;
         housekeeping();
         nextHousekeeping = steadyNow() + housekeepingInterval;
