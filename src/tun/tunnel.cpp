@@ -75,6 +75,8 @@ void Tunnel::stop()
     m_tcpEngine.reset();
     m_relayConnector.reset();
     m_natListener.reset();
+    m_proxyCheck.reset();
+    m_proxyHealth.reset();
     qCDebug(lcRuvod) << "Tunnel stopped";
 }
 

@@ -13,6 +13,8 @@
 #include "tun/learned_names.h"
 #include "tun/packet_dispatcher.h"
 #include "tun/proxy_gate.h"
+#include "tun/proxy_check.h"
+#include "tun/proxy_health.h"
 #include "tun/tunnel_settings.h"
 #include "tun/upstream_choice.h"
 #include "tun/worker_housekeeping.h"
@@ -98,6 +100,8 @@ private:
     Result openTcpNat();
     void openUdpNat();
     void openEngine();
+    void openProxyHealth();
+    ProxyWitness proxyWitness();
     void openDispatcher();
     TcpNatPath tcpNatPath();
     std::optional<RelayRoute> routeFor(const TcpNatSession &session) const;
@@ -133,6 +137,8 @@ private:
     LearnedNames m_learnedNames;
     CompletionPort m_completionPort;
     // What completions refer to: it goes after the port has been drained.
+    std::unique_ptr<ProxyHealth> m_proxyHealth;
+    std::unique_ptr<ProxyCheck> m_proxyCheck;
     std::shared_ptr<TcpNatListener> m_natListener;
     std::unique_ptr<RelayConnector> m_relayConnector;
     std::unique_ptr<UdpNatRelay> m_udpNatRelay;

@@ -35,6 +35,7 @@ std::expected<void, std::string> Tunnel::start(const std::wstring &adapterName, 
     if (Result session = openSession(); !session)
         return session;
     ResetEvent(m_stopEvent.get());
+    openProxyHealth();
     if (Result tcpNat = openTcpNat(); !tcpNat)
         return tcpNat;
     openUdpNat();
