@@ -15,6 +15,8 @@ WINEHOST = ("tests/winehost/winehost.dll", "tests/winehost/wtsapi32.dll", "tests
             "tests/winehost/iphlpapi_wine.dll", "tests/winehost/fwpuclnt.dll", "tests/winehost/fwpuclnt_wine.dll")
 # And in its folder tun2.
 WINTUN = "tests/winehost/tun2/wintun.dll"
+# A client of TCP or UDP, step by step; as Ruvo.exe it stands for the desktop app.
+NETCLIENT = "tests/winehost/netclient/netclient.exe"
 WINPROBE = BUILD / "tests" / "winehost" / "winprobe.exe"
 
 
