@@ -43,8 +43,8 @@ HRESULT FirewallRules::Remove(BSTR name)
         call.add("name", name);
         if (!name)
             return E_INVALIDARG;
-        const DWORD error = removeStoredRule(name); // not inside the macro, which evaluates it twice
-        return HRESULT_FROM_WIN32(error);
+        const DWORD error = removeStoredRule(name);
+        return HRESULT_FROM_WIN32(error); // a macro that looks at it several times
     });
 }
 
