@@ -57,6 +57,7 @@ const RequestDispatcher::Action RequestDispatcher::actions[] = {
     {"stop-tun", &RequestDispatcher::stopTun},
     {"tun-status", &RequestDispatcher::tunStatus},
     {"flush-dns-cache", &RequestDispatcher::flushDnsCache},
+    {"reset-connections", &RequestDispatcher::resetConnections},
 };
 
 RequestDispatcher::RequestDispatcher(RequestServices services, ProcessOwnership &ownership, QObject *parent)
@@ -204,6 +205,12 @@ RequestDispatcher::Response RequestDispatcher::tunStatus(const Request &)
 RequestDispatcher::Response RequestDispatcher::flushDnsCache(const Request &)
 {
     m_services.flushDnsCache();
+    return success();
+}
+
+RequestDispatcher::Response RequestDispatcher::resetConnections(const Request &)
+{
+    m_services.resetConnections();
     return success();
 }
 

@@ -37,6 +37,7 @@ struct RequestServices
     std::function<QJsonObject()> stopTun;
     std::function<QJsonObject()> tunStatus;
     std::function<void()> flushDnsCache;
+    std::function<void()> resetConnections;
 };
 
 /// Runs the action that a client's message names, and answers it.
@@ -85,6 +86,7 @@ private:
     Response stopTun(const Request &request);
     Response tunStatus(const Request &request);
     Response flushDnsCache(const Request &request);
+    Response resetConnections(const Request &request);
 
     void restartForNewerClient(const Request &request);
 

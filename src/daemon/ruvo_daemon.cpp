@@ -66,6 +66,7 @@ RequestServices RuvoDaemon::requestServices()
     services.stopTun = [this] { return m_tunManager->stop(); };
     services.tunStatus = [this] { return m_tunManager->status(); };
     services.flushDnsCache = [this] { m_tunManager->flushDnsCache(); };
+    services.resetConnections = [this] { m_tunManager->resetConnections(); };
     return services;
 }
 

@@ -304,29 +304,18 @@ void TcpEngine::cleanupConnection(const TcpConnectionPtr &connection)
         m_closing.erase(found);
 }
 
-void TcpEngine::resetAll()
+TcpEngine::Table TcpEngine::takeAll()
 {
-    endAll(false);
-}
-
-void TcpEngine::close()
-{
-    endAll(true);
-}
-
-void TcpEngine::endAll(bool forGood)
-{
-    Table ended;
+    Table taken;
     {
         const std::lock_guard lock(m_mutex);
-        m_isClosed = m_isClosed || forGood;
-        ended.swap(m_connections);
-        ended.merge(m_closing);
+        taken.swap(m_connections);
+        taken.merge(m_closing);
         m_closing.clear();
-        for (const auto &[key, connection] : ended)
+        for (const auto &[key, connection] : taken)
             countOut(*connection);
     }
-    for (const auto &[key, connection] : ended) {
+    for (const auto &[key, connection] : taken) {
         connection->stream().abandon();
         connection->close(TcpConnection::Closing::Abortive);
     }
@@ -335,6 +324,16 @@ void TcpEngine::endAll(bool forGood)
     std::erase_if(m_waiting, [](const TcpConnectionPtr &connection) {
         return connection->stream().isAbandoned() && std::exchange(connection->isListed, false);
     });
+    return taken;
+}
+
+void TcpEngine::close()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_isClosed = true;
+    }
+    resetAll();
 }
 
 std::size_t TcpEngine::connections() const

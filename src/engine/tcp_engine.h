@@ -47,8 +47,14 @@ public:
     /// The connections by state, for the log.
     void logConnectionStates();
 
-    /// Ends every connection at once; packets for them are dropped from now on. New ones may still be opened.
-    void resetAll();
+    using Table = std::map<ConnectionKey, TcpConnectionPtr>;
+    /// Takes every connection out, those that are closing as well, and cancels what is in flight for them: their
+    /// packets are dropped from now on, and the applications are told nothing. New ones may still be opened. Without
+    /// an allocation. The caller lets go of them, which closes their sockets, once the cancelled completions have
+    /// been through the workers.
+    [[nodiscard]] Table takeAll();
+    /// The same for who has no reason to wait.
+    void resetAll() { static_cast<void>(takeAll()); }
     /// The same, for good.
     void close();
 
@@ -74,8 +80,6 @@ public:
     void cleanupConnection(const TcpConnectionPtr &connection);
 
 private:
-    using Table = std::map<ConnectionKey, TcpConnectionPtr>;
-
     TcpConnectionPtr find(const Table &table, const ConnectionKey &key) const;
     void open(const ConnectionKey &key, const ParsedPacket &packet, const TcpSegment &syn);
     bool insert(const TcpConnectionPtr &connection);
@@ -92,7 +96,6 @@ private:
     void noteResumed(const TcpConnection &connection, const TcpSender::Drained &drained);
     void resumeReceiving(const TcpConnectionPtr &connection);
     void countOut(TcpConnection &connection);
-    void endAll(bool forGood);
 
     const EngineServices m_services;
     const std::size_t m_connectionLimit;

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -58,6 +59,16 @@ public:
     std::uint64_t luid() const { return m_luid.Value; }
     /// 0 if there is none.
     std::uint32_t interfaceIndex() const;
+
+    /// What Windows makes of the interface for IPv4.
+    struct InterfaceState
+    {
+        std::uint32_t metric = 0;
+        bool isMetricAutomatic = false;
+        bool isForwarding = false;
+    };
+    /// Nothing, and nothing logged, if it cannot be read.
+    std::optional<InterfaceState> interfaceState() const;
 
     // Settings of the interface; they belong to the adapter and go with it, except for DNS in the registry.
     bool setIpAddress(std::uint32_t address, std::uint8_t prefixLength);

@@ -13,7 +13,27 @@ namespace {
 
 constexpr ULONG tunnelMtu = 1500;
 
+DWORD readInterfaceRow(const NET_LUID &luid, MIB_IPINTERFACE_ROW &row)
+{
+    InitializeIpInterfaceEntry(&row);
+    row.Family = AF_INET;
+    row.InterfaceLuid = luid;
+    return GetIpInterfaceEntry(&row);
+}
+
 } // namespace
+
+std::optional<WintunAdapter::InterfaceState> WintunAdapter::interfaceState() const
+{
+    MIB_IPINTERFACE_ROW row;
+    if (readInterfaceRow(m_luid, row) != NO_ERROR)
+        return std::nullopt;
+    return InterfaceState{
+        .metric = row.Metric,
+        .isMetricAutomatic = row.UseAutomaticMetric != FALSE,
+        .isForwarding = row.ForwardingEnabled != FALSE,
+    };
+}
 
 bool WintunAdapter::setIpAddress(std::uint32_t address, std::uint8_t prefixLength)
 {
@@ -57,10 +77,7 @@ bool WintunAdapter::setMetric(std::uint32_t metric)
     if (!requireAdapter())
         return false;
     MIB_IPINTERFACE_ROW row;
-    InitializeIpInterfaceEntry(&row);
-    row.Family = AF_INET;
-    row.InterfaceLuid = m_luid;
-    DWORD error = GetIpInterfaceEntry(&row);
+    DWORD error = readInterfaceRow(m_luid, row);
     if (error != NO_ERROR) {
         qCWarning(lcRuvod) << "[RUVO-TUN] Failed to get interface entry:" << error;
         return false;

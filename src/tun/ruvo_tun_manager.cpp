@@ -115,4 +115,14 @@ void RuvoTunManager::flushDnsCache()
     qCDebug(lcRuvod) << "RuvoTunManager: DNS cache flushed";
 }
 
+void RuvoTunManager::resetConnections()
+{
+    if (!m_started) {
+        qCWarning(lcRuvod) << "RuvoTunManager: Cannot reset connections - TUN not running";
+        return;
+    }
+    m_tunnel->resetConnections();
+    qCDebug(lcRuvod) << "RuvoTunManager: All connections reset";
+}
+
 } // namespace ruvo

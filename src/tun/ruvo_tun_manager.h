@@ -27,6 +27,8 @@ public:
     QJsonObject stop();
     QJsonObject status() const;
     void flushDnsCache();
+    /// See Tunnel::resetConnections. Nothing but a warning without a tunnel.
+    void resetConnections();
 
     /// Whether there is a tunnel to stop, alive or not.
     bool isStarted() const { return m_started; }

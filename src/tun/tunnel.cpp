@@ -58,12 +58,14 @@ void Tunnel::stop()
         m_natListener->stopAccepting();
     if (m_relayConnector)
         m_relayConnector->stopConnecting();
+    m_proxyGate.open(); // nobody waits for that any more
     joinThreads();
     closePaths();
     if (!m_completionPort.drain(drainTimeout)) {
         qCWarning(lcRuvod) << "[RUVO-TUN] Operations still in flight at the stop:" << m_completionPort.inFlight();
     }
     m_completionPort.close();
+    m_firewall.reset(); // removes the filters
     m_adapter->stopReading();
     m_adapter->endSession();
     m_adapter.reset();
@@ -80,6 +82,7 @@ void Tunnel::stop()
 
 void Tunnel::joinThreads()
 {
+    joinProxyReadyThread();
     if (m_flowControlThread.joinable())
         m_flowControlThread.join();
     for (std::size_t i = 0; i < m_workers.size(); ++i)
@@ -113,7 +116,7 @@ void Tunnel::dispatchPacket(const std::uint8_t *data, std::size_t len)
 {
     // After the stop began, nothing new may reach what it is taking down.
     if (m_running)
-        m_dispatcher->dispatch(data, len, m_proxyReady);
+        m_dispatcher->dispatch(data, len, m_proxyGate.isOpen());
 }
 
 } // namespace ruvo

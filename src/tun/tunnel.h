@@ -8,10 +8,12 @@
 #include "nat/relay_connector.h"
 #include "nat/tcp_nat_listener.h"
 #include "nat/udp_nat_relay.h"
+#include "netcfg/firewall_manager.h"
 #include "netcfg/wintun_adapter.h"
 #include "tun/learned_names.h"
 #include "tun/packet_dispatcher.h"
 #include "tun/proxy_check.h"
+#include "tun/proxy_gate.h"
 #include "tun/proxy_health.h"
 #include "tun/tunnel_settings.h"
 #include "tun/upstream_choice.h"
@@ -59,6 +61,12 @@ public:
     /// False too when the adapter has died under it.
     bool isRunning() const;
 
+    /// Throws away the connections and flows of the engine, so that applications make new ones through a proxy that
+    /// has been restarted, and looks whether the host around the tunnel is still as it was made. Relays go on. For a
+    /// second afterwards connections are refused and all else is dropped. Takes about 100 ms; nothing if the tunnel
+    /// does not run. Service thread, as start and stop.
+    void resetConnections();
+
     /// Which interface direct connections leave through; 0 if it is not known.
     void setPhysicalInterface(std::uint32_t interfaceIndex) { m_physicalInterface = interfaceIndex; }
     std::uint64_t adapterLuid() const { return m_adapter ? m_adapter->luid() : 0; }
@@ -87,6 +95,7 @@ private:
 
     Result openAdapter(const std::wstring &adapterName, const std::wstring &wintunLibraryPath);
     Result configureAdapter(std::uint8_t prefixLength);
+    void openFirewall();
     Result openSession();
     Result openTcpNat();
     void openUdpNat();
@@ -103,6 +112,14 @@ private:
     void runFlowControl();
     void joinThreads();
 
+    void dropConnections();
+    void logInterfaceState() const;
+    void checkFilters() const;
+    void startProxyReadyThread(ProxyGate::Closing closing);
+    void runProxyReady(ProxyGate::Closing closing);
+    void joinProxyReadyThread();
+    void announceProxyReady();
+
     /// Its addresses and processes stand in m_upstreamChoice.
     const TunnelSettings m_settings;
     std::uint32_t m_tunnelIp = 0;
@@ -110,7 +127,11 @@ private:
     UpstreamChoice m_upstreamChoice;
     std::function<void()> m_healthCheckFailed;
 
+    // In this order: a start that has failed lets go of the filters while the adapter that they name is still there,
+    // and the session goes with the adapter.
     std::unique_ptr<WintunAdapter> m_adapter;
+    /// Null while there are no filters.
+    std::unique_ptr<FirewallManager> m_firewall;
     /// Set for the time of a stop: ends every wait.
     const KernelHandle m_stopEvent;
     LearnedNames m_learnedNames;
@@ -129,8 +150,10 @@ private:
 
     std::vector<std::thread> m_workers;
     std::thread m_flowControlThread;
+    std::thread m_proxyReadyThread;
     std::atomic<bool> m_running = false;
-    std::atomic<bool> m_proxyReady = true;
+    /// proxyReady.
+    ProxyGate m_proxyGate;
 };
 
 } // namespace ruvo

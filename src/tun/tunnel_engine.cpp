@@ -44,7 +44,7 @@ void Tunnel::openEngine()
     m_udpFlows = std::make_unique<UdpFlows>(m_engineServices);
     if (m_udpNatRelay) {
         m_udpNatRelay->setFallback([this](const FlowKey &flow, std::span<const std::uint8_t> payload) {
-            if (m_running)
+            if (m_running && m_proxyGate.isOpen())
                 m_udpFlows->forwardFallback(flow, payload);
         });
     }
@@ -65,6 +65,8 @@ void Tunnel::runFlowControl()
         if (WaitForMultipleObjects(std::size(wakings), wakings, FALSE, flowControlInterval) == WAIT_FAILED)
             Sleep(flowControlInterval);
         m_tcpEngine->drainWaiting(isRunning);
+        if (m_proxyGate.openIfDue())
+            announceProxyReady();
         const SteadyTime now = steadyNow();
         m_proxyCheck->poll(now);
         if (now < nextHousekeeping)

@@ -97,6 +97,7 @@ protected:
             return result;
         };
         services.flushDnsCache = [this] { calls.append("flush"); };
+        services.resetConnections = [this] { calls.append("reset"); };
         dispatcher = std::make_unique<RequestDispatcher>(std::move(services), ownership);
     }
 
@@ -333,6 +334,13 @@ TEST_F(RequestDispatcherTest, flushDnsCacheAlwaysSucceeds)
     works = false;
     EXPECT_EQ(ask(R"({"action": "flush-dns-cache"})"), successAnswer);
     EXPECT_EQ(calls, QStringList{"flush"});
+}
+
+TEST_F(RequestDispatcherTest, resetConnectionsAlwaysSucceeds)
+{
+    works = false;
+    EXPECT_EQ(ask(R"({"action": "reset-connections"})"), successAnswer);
+    EXPECT_EQ(calls, QStringList{"reset"});
 }
 
 // The hello
