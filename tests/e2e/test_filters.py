@@ -1,21 +1,21 @@
 """The filters against leaks as Windows has them: what they let through, the calls that make them, and their end."""
 
 import itertools
-import os
-import signal
+import json
 
 import pytest
 
 from bench import tunnel
-from bench.paths import ROOT, windows_path
-from bench.waiting import wait_for
+from bench.network import ip
+from bench.paths import ROOT
 
 pytestmark = pytest.mark.parametrize("bench", [("host", "net")], indirect=True)
 
 DOCUMENT = ROOT / "docs" / "host-changes.md"
 BEGIN, END = "<!-- truth table: begin (made by tests/e2e/test_filters.py) -->\n", "<!-- truth table: end -->\n"
-DAEMON, CORE, DESKTOP, OTHER = "ruvod.exe", r"core\xray.exe", "Ruvo.exe", "another program"
-PROGRAMS = (DAEMON, CORE, DESKTOP, OTHER)
+OTHER = r"C:\Program Files\Other\other.exe"
+# As the engine's front knows them, and as the document shows them.
+PROGRAMS = {"daemon": "`ruvod.exe`", "core": r"`core\xray.exe`", "app": "`Ruvo.exe`", OTHER: "another program"}
 INTERFACES = (tunnel.INTERFACE, "uplink")
 FAMILIES = (4, 6)
 PORTS = (53, 443)
@@ -23,17 +23,20 @@ DIRECTIONS = ("connect", "accept")
 QUESTIONS = tuple(itertools.product(DIRECTIONS, PROGRAMS, FAMILIES, INTERFACES, PORTS))
 
 
-def path_of(bench, program):
-    """As Windows knows it."""
-    if program == OTHER:
-        return r"C:\Program Files\Other\other.exe"
-    return windows_path(bench.application / program.replace("\\", "/"))
+def index_of(bench, interface):
+    """The number of an interface; one that no interface has if it is not there."""
+    links = json.loads(ip("-json", "-n", bench.network.name("host"), "link"))
+    return {link["ifname"]: link["ifindex"] for link in links}.get(interface, 9999)
 
 
 def truth_table(bench):
     """{(direction, program, family, interface, port): whether it passes}"""
-    return {question: bench.filters.would_pass(path_of(bench, question[1]), *question[2:], direction=question[0])
-            for question in QUESTIONS}
+    indices = {interface: index_of(bench, interface) for interface in INTERFACES}
+    return {question: ask(bench, *question, indices) for question in QUESTIONS}
+
+
+def ask(bench, direction, program, family, interface, port, indices):
+    return bench.filters.would_pass(program, family, indices[interface], port, direction=direction)
 
 
 def is_to_pass(direction, program, family, interface, port, *, ipv6_blocked):
@@ -54,8 +57,7 @@ def as_text(blocked, free):
     for title, table in (("", blocked), ("; without \"block ipv6\"", free)):
         for direction, program in itertools.product(DIRECTIONS, PROGRAMS):
             cells = ["passes" if table[direction, program, *column] else "**blocked**" for column in columns]
-            shown = program if program == OTHER else f"`{program}`"
-            lines.append(f"| {direction}s{title} | {shown} | " + " | ".join(cells) + " |")
+            lines.append(f"| {direction}s{title} | {PROGRAMS[program]} | " + " | ".join(cells) + " |")
     return "\n".join(lines) + "\n"
 
 
