@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/proxy_sign.h"
 #include "common/steady_clock.h"
 #include "common/upstream_decision.h"
 #include "engine/connection_key.h"
@@ -30,6 +31,8 @@ struct EngineServices
     std::function<bool(const std::uint8_t *packet, std::size_t size)> trySend;
     /// Writes a packet to the adapter, and waits for room for a short while: with no mutex held.
     std::function<void(const std::uint8_t *packet, std::size_t size)> send;
+    /// Told of the connections to the proxy; may be null.
+    ProxyWitness proxyWitness = {};
     SteadyClock clock = steadyNow;
 };
 

@@ -7,6 +7,7 @@
 #include "engine/tcp_failures.h"
 #include "engine/tcp_notes.h"
 #include "io/socket_options.h"
+#include "socks5/proxy_signs.h"
 
 #include <utility>
 
@@ -62,6 +63,7 @@ void TcpConnection::startUpstreamConnect()
 
 void TcpConnection::onExchangeEnded(Result result)
 {
+    tell(m_services.proxyWitness, m_upstream.port, proxySignOf(result));
     if (result)
         return orEnd([&] { onEstablished(std::move(*result)); });
     // The outcome may have been on its way already when the application gave up.

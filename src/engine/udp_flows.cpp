@@ -5,6 +5,7 @@
 #include "engine/dns_answers.h"
 #include "packet/packet_builder.h"
 #include "packet/packet_headers.h"
+#include "socks5/proxy_signs.h"
 
 #include <QString>
 
@@ -143,6 +144,7 @@ void UdpFlows::forget(const UdpFlow &flow)
 
 void UdpFlows::onControlCompleted(const UdpFlowPtr &flow, PortExchange::Outcome outcome)
 {
+    tell(m_services.proxyWitness, flow->upstreamPort(), proxySignOf(outcome));
     if (!outcome) {
         m_log.exchangeFailed(outcome.error());
         return cleanupFlow(flow);

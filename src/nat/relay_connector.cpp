@@ -5,6 +5,7 @@
 #include "io/socket_options.h"
 #include "nat/connect_log.h"
 #include "nat/direct_connect.h"
+#include "socks5/proxy_signs.h"
 
 #include <QString>
 
@@ -177,6 +178,7 @@ void RelayConnector::askProxy(const PendingClientPtr &client, const socks5::Sock
         return proxyRefused(client, byName);
     begin(client, {.peer = {*m_proxyAddress, client->route.proxyPort}, .request = std::move(bytes)},
           [this, client, byName](PortExchange::Outcome outcome) {
+              tell(m_questions.proxyWitness, client->route.proxyPort, proxySignOf(outcome));
               orForget(client, [&] {
                   if (outcome)
                       return startRelay(client, std::move(*outcome));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/proxy_sign.h"
 #include "common/steady_clock.h"
 #include "common/windows_handles.h"
 #include "io/completion_port.h"
@@ -58,6 +59,8 @@ public:
         std::function<std::string(std::uint32_t address)> nameOf;
         /// The interface for direct connections; 0 if it is not known.
         std::function<std::uint32_t()> physicalInterface;
+        /// Told of the attempts through the proxy; may be null.
+        ProxyWitness proxyWitness = {};
     };
 
     /// `proxyHost` is a dotted IPv4 address. Clients over `limit` are refused. All that is referred to has to outlive

@@ -82,7 +82,11 @@ void UdpNatRelay::open(const UdpWaitingFlows::Opening &flow)
     try {
         session = std::make_shared<UdpNatSession>(flow.key, flow.target,
                                                   flow.target.port == dnsPort ? m_directPort : m_proxyPort);
-        if (!session->open(m_proxyHost, m_stopEvent, *m_completionPort))
+        const bool isOpen = session->open(m_proxyHost, m_stopEvent, *m_completionPort);
+        // What the stop has cut off tells nothing of the proxy.
+        if (!isStopping())
+            tell(m_proxyWitness, session->socksPort(), session->proxySign());
+        if (!isOpen)
             return giveUp(flow);
         isOurs = insert(session);
     } catch (const std::bad_alloc &) {

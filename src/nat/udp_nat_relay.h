@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/endpoint.h"
+#include "common/proxy_sign.h"
 #include "common/steady_clock.h"
 #include "io/completion_port.h"
 #include "io/connection_threads.h"
@@ -67,6 +68,8 @@ public:
     }
     /// Before the first datagram.
     void setFallback(Fallback fallback) { m_fallback = std::move(fallback); }
+    /// Told of the control connections, on the openers' threads. Before the first datagram.
+    void setProxyWitness(ProxyWitness witness) { m_proxyWitness = std::move(witness); }
 
     /// Sends the datagram, or keeps it until it can be sent. `flow` is what the client sees: itself, and where it
     /// sends and gets its answers from; `target` is where the proxy shall send. False if it was refused.
@@ -107,6 +110,7 @@ private:
     CompletionPort *m_completionPort = nullptr;
     PacketOutput m_packetOutput;
     Fallback m_fallback;
+    ProxyWitness m_proxyWitness;
     std::atomic<bool> m_initialized = false;
 
     mutable std::mutex m_mutex;

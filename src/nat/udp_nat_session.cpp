@@ -4,6 +4,7 @@
 #include "io/socket_options.h"
 #include "io/timed_io.h"
 #include "socks5/blocking_exchange.h"
+#include "socks5/proxy_signs.h"
 
 #include <chrono>
 #include <cstdint>
@@ -70,6 +71,7 @@ bool UdpNatSession::connectControl(const std::wstring &proxyHost, HANDLE stopEve
         return false;
     SocketWait wait(stopEvent);
     if (const int error = connectWithin(wait, m_control.get(), proxy, within(connectTimeout)); error != NO_ERROR) {
+        m_proxySign = proxySignOfConnect(error);
         qCWarning(lcRuvod) << "[UDP-NAT] Failed to connect to SOCKS5 proxy:" << error;
         return false;
     }
@@ -80,6 +82,7 @@ bool UdpNatSession::associateWithProxy(SocketWait &wait, std::uint32_t proxyAddr
 {
     socks5::SocksExchange exchange(socks5::requestBytes(socks5::UdpAssociation()).value());
     driveExchange(exchange, wait, m_control.get(), [] { return within(replyTimeout); });
+    m_proxySign = exchange.isGreetingAccepted() ? ProxySign::Accepted : ProxySign::Failed;
     if (exchange.state() != socks5::SocksExchange::State::Succeeded) {
         logFailure(exchange.failure());
         return false;

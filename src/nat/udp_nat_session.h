@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/endpoint.h"
+#include "common/proxy_sign.h"
 #include "common/steady_clock.h"
 #include "common/windows_handles.h"
 #include "io/completion_port.h"
@@ -15,6 +16,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -36,10 +38,13 @@ public:
 
     const FlowKey &key() const { return m_key; }
     const Endpoint &target() const { return m_target; }
+    std::uint16_t socksPort() const { return m_socksPort; }
 
     /// Connects to the proxy, asks for the association, and puts the UDP socket on the port. Every failure but the
     /// silent ones (no socket, no host address, an end in the middle of a reply) is logged.
     bool open(const std::wstring &proxyHost, HANDLE stopEvent, CompletionPort &completionPort);
+    /// What open has seen of the proxy, for the thread that has called it; the stop event counts as a failure here.
+    std::optional<ProxySign> proxySign() const { return m_proxySign; }
     /// From here on answers come, and the end of the control connection makes the session inactive.
     void startReceiving(CompletionPort &completionPort, AnswerCallback answer);
     /// False, and logged, if the datagram cannot be sent.
@@ -67,6 +72,7 @@ private:
     const Endpoint m_target;
     const std::uint16_t m_socksPort;
     const std::array<std::uint8_t, socks5::udpHeaderSizeIpv4> m_header;
+    std::optional<ProxySign> m_proxySign;
     std::atomic<bool> m_active = true;
 
     std::mutex m_mutex;

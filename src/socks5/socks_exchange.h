@@ -56,6 +56,8 @@ struct SocksFailure
     std::uint8_t version() const { return bytes.empty() ? 0 : bytes[0]; }
     /// Its second byte: the method, or the REP field; 0 if it never came.
     std::uint8_t code() const { return bytes.size() < 2 ? 0 : bytes[1]; }
+    /// Whether the proxy had accepted the method by then.
+    bool isGreetingAccepted() const { return step >= ExchangeStep::Request; }
 };
 
 /// One exchange with a SOCKS5 proxy (RFC 1928) on a stream that is connected already: greeting, method, request and
@@ -80,6 +82,9 @@ public:
 
     State state() const { return m_state; }
     ExchangeStep step() const { return m_step; }
+
+    /// Whether the proxy has accepted the method; whatever becomes of the exchange then, it still has.
+    bool isGreetingAccepted() const { return m_state == State::Succeeded || m_step >= ExchangeStep::Request; }
 
     /// What is to be sent next; never empty in Sends, empty in all other states.
     ByteView toSend() const;

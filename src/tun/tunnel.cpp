@@ -65,6 +65,7 @@ void Tunnel::stop()
         qCWarning(lcRuvod) << "[RUVO-TUN] Operations still in flight at the stop:" << m_completionPort.inFlight();
     }
     m_completionPort.close();
+    m_firewall.reset(); // removes the filters
     m_adapter->stopReading();
     m_adapter->endSession();
     m_adapter.reset();
@@ -74,6 +75,8 @@ void Tunnel::stop()
     m_tcpEngine.reset();
     m_relayConnector.reset();
     m_natListener.reset();
+    m_proxyCheck.reset();
+    m_proxyHealth.reset();
     qCDebug(lcRuvod) << "Tunnel stopped";
 }
 

@@ -13,6 +13,8 @@
 #include "tun/learned_names.h"
 #include "tun/packet_dispatcher.h"
 #include "tun/proxy_gate.h"
+#include "tun/proxy_check.h"
+#include "tun/proxy_health.h"
 #include "tun/tunnel_settings.h"
 #include "tun/upstream_choice.h"
 #include "tun/worker_housekeeping.h"
@@ -93,10 +95,13 @@ private:
 
     Result openAdapter(const std::wstring &adapterName, const std::wstring &wintunLibraryPath);
     Result configureAdapter(std::uint8_t prefixLength);
+    void openFirewall();
     Result openSession();
     Result openTcpNat();
     void openUdpNat();
     void openEngine();
+    void openProxyHealth();
+    ProxyWitness proxyWitness();
     void openDispatcher();
     TcpNatPath tcpNatPath();
     std::optional<RelayRoute> routeFor(const TcpNatSession &session) const;
@@ -122,14 +127,18 @@ private:
     UpstreamChoice m_upstreamChoice;
     std::function<void()> m_healthCheckFailed;
 
+    // In this order: a start that has failed lets go of the filters while the adapter that they name is still there,
+    // and the session goes with the adapter.
     std::unique_ptr<WintunAdapter> m_adapter;
-    /// Null if there can be no filters.
+    /// Null while there are no filters.
     std::unique_ptr<FirewallManager> m_firewall;
     /// Set for the time of a stop: ends every wait.
     const KernelHandle m_stopEvent;
     LearnedNames m_learnedNames;
     CompletionPort m_completionPort;
     // What completions refer to: it goes after the port has been drained.
+    std::unique_ptr<ProxyHealth> m_proxyHealth;
+    std::unique_ptr<ProxyCheck> m_proxyCheck;
     std::shared_ptr<TcpNatListener> m_natListener;
     std::unique_ptr<RelayConnector> m_relayConnector;
     std::unique_ptr<UdpNatRelay> m_udpNatRelay;

@@ -38,6 +38,7 @@ void Tunnel::openEngine()
             },
         .send = [this](const std::uint8_t *packet,
                        std::size_t size) { m_adapter->sendPacket(packet, static_cast<std::uint32_t>(size)); },
+        .proxyWitness = proxyWitness(),
     };
     m_tcpEngine = std::make_unique<TcpEngine>(m_engineServices);
     m_udpFlows = std::make_unique<UdpFlows>(m_engineServices);
@@ -66,7 +67,9 @@ void Tunnel::runFlowControl()
         m_tcpEngine->drainWaiting(isRunning);
         if (m_proxyGate.openIfDue())
             announceProxyReady();
-        if (steadyNow() < nextHousekeeping)
+        const SteadyTime now = steadyNow();
+        m_proxyCheck->poll(now);
+        if (now < nextHousekeeping)
             continue;
         housekeeping();
         nextHousekeeping = steadyNow() + housekeepingInterval;

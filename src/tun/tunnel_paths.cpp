@@ -24,6 +24,7 @@ Tunnel::Result Tunnel::openTcpNat()
             .routeFor = [this](const TcpNatSession &session) { return routeFor(session); },
             .nameOf = [this](std::uint32_t address) { return m_learnedNames.nameOf(address); },
             .physicalInterface = [this] { return m_physicalInterface.load(); },
+            .proxyWitness = proxyWitness(),
         });
     std::uint16_t port = 0;
     const bool isListening = m_natListener->initialize(
@@ -43,6 +44,7 @@ Tunnel::Result Tunnel::openTcpNat()
 void Tunnel::openUdpNat()
 {
     m_udpNatRelay = std::make_unique<UdpNatRelay>(m_stopEvent.get());
+    m_udpNatRelay->setProxyWitness(proxyWitness());
     const auto send = [this](const std::uint8_t *packet, std::size_t length) {
         m_adapter->sendPacket(packet, static_cast<std::uint32_t>(length));
     };
@@ -137,6 +139,7 @@ void Tunnel::closePaths()
         m_udpNatRelay->shutdown();
     m_tcpEngine->close();
     m_udpFlows->closeAll();
+    m_proxyCheck->stop();
 }
 
 } // namespace ruvo

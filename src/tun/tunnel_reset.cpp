@@ -21,6 +21,7 @@ void Tunnel::resetConnections()
     if (!m_running)
         return;
     const ProxyGate::Closing closing = m_proxyGate.close();
+    m_proxyHealth->noteReset();
     dropConnections();
     flushDnsCache();
     logInterfaceState();
@@ -91,6 +92,7 @@ void Tunnel::runProxyReady(ProxyGate::Closing closing)
 void Tunnel::announceProxyReady()
 {
     qCDebug(lcRuvod) << "[RESET] Proxy marked ready after 1000ms initialization delay";
+    m_proxyHealth->noteReady(steadyNow());
 }
 
 /// Whoever calls it has shut or opened the gate before, which ends the thread's wait.

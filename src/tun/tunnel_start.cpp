@@ -16,6 +16,8 @@ namespace {
 constexpr wchar_t tunnelType[] = L"SocksTunnel";
 constexpr std::uint32_t ringCapacity = 0x1000000; // 16 MiB
 constexpr std::uint32_t interfaceMetric = 0;
+/// The tunnel carries no IPv6 of this host: whatever has a way around it would leave unseen.
+constexpr bool blockIpv6 = true;
 
 } // namespace
 
@@ -29,9 +31,11 @@ std::expected<void, std::string> Tunnel::start(const std::wstring &adapterName, 
         return opened;
     if (Result configured = configureAdapter(prefixLength); !configured)
         return configured;
+    openFirewall();
     if (Result session = openSession(); !session)
         return session;
     ResetEvent(m_stopEvent.get());
+    openProxyHealth();
     if (Result tcpNat = openTcpNat(); !tcpNat)
         return tcpNat;
     openUdpNat();
@@ -50,6 +54,7 @@ std::expected<void, std::string> Tunnel::start(const std::wstring &adapterName, 
 
 Tunnel::Result Tunnel::openAdapter(const std::wstring &adapterName, const std::wstring &wintunLibraryPath)
 {
+    m_firewall.reset(); // a failed start has left it: its filters name the adapter that goes now
     m_adapter = std::make_unique<WintunAdapter>();
     if (!m_adapter->load(wintunLibraryPath)) {
         qCCritical(lcRuvod) << "Failed to initialize Wintun";
@@ -84,8 +89,26 @@ Tunnel::Result Tunnel::configureAdapter(std::uint8_t prefixLength)
     if (!m_adapter->setIpv6DnsServers({}, {}))
         qCWarning(lcRuvod) << "Warning: Failed to clear IPv6 DNS servers (continuing anyway)";
     flushDnsCache();
-    qCWarning(lcRuvod) << "This build has no firewall filters: DNS and IPv6 may leave around the tunnel";
     return {};
+}
+
+/// The tunnel goes on without what fails here: its traffic takes its way all the same, only other ways stay open.
+void Tunnel::openFirewall()
+{
+    m_firewall = std::make_unique<FirewallManager>();
+    if (!m_firewall->initialize()) {
+        qCWarning(lcRuvod) << "Warning: Failed to initialize firewall manager (continuing without firewall rules)";
+        m_firewall.reset();
+        return;
+    }
+    const std::uint32_t interfaceIndex = m_adapter->interfaceIndex();
+    if (interfaceIndex == 0) {
+        qCWarning(lcRuvod) << "Warning: Failed to get TUN interface index (continuing without firewall rules)";
+        m_firewall.reset();
+        return;
+    }
+    if (!m_firewall->applyStrictRoute(interfaceIndex, m_tunnelIp + 1, blockIpv6))
+        qCWarning(lcRuvod) << "Warning: Failed to apply firewall rules (DNS leaks may occur)";
 }
 
 Tunnel::Result Tunnel::openSession()

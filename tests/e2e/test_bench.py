@@ -11,6 +11,7 @@ import pytest
 
 from bench import processes, sweep, wait_for
 from bench.daemon_log import DaemonLog
+from bench.filters import cgroups
 from bench.network import namespaces
 from bench.paths import OUTPUT, WINPROBE
 
@@ -102,14 +103,15 @@ def test_what_a_killed_run_leaves_is_removed_by_the_next():
     directory = OUTPUT / "test_bench.killed"
     script = ("import sys; from pathlib import Path; from bench import Bench\n"
               "bench = Bench(Path(sys.argv[1])); bench.up(); bench.register(); bench.start()\n"
-              "print(bench.network.name('host'), flush=True); sys.stdin.read()")
+              "print(bench.network.name('host'), bench.filters.pid(), flush=True); sys.stdin.read()")
     run = subprocess.Popen([sys.executable, "-c", script, directory], cwd=HERE, stdin=subprocess.PIPE,
                            stdout=subprocess.PIPE, text=True)
     try:
-        namespace = run.stdout.readline().strip()
+        namespace, engine = run.stdout.readline().split()
+        engine = int(engine)
         prefix = directory / "prefix"
         left = processes.pids_with_environment("WINEPREFIX", prefix)
-        assert namespace in namespaces() and len(left) > 3
+        assert namespace in namespaces() and engine in cgroups.owners() and len(left) > 3
         sweep.remove_abandoned()
         assert namespace in namespaces() and prefix.exists(), "a run that lives is left alone"
         os.kill(run.pid, signal.SIGKILL)
@@ -117,7 +119,8 @@ def test_what_a_killed_run_leaves_is_removed_by_the_next():
         sweep.remove_abandoned()
         assert namespace not in namespaces()
         assert not prefix.exists()
-        assert not any(processes.is_alive(pid) for pid in left)
+        assert not any(processes.is_alive(pid) for pid in [engine, *left])
+        assert engine not in cgroups.owners()
     finally:
         run.kill()
         run.wait(10)

@@ -22,7 +22,7 @@ def client(running):
 
 
 def test_the_core_carries_traffic_under_supervision(running, client):
-    spec = core.install(running)
+    spec = core.configure(running)
     server = core.WebServer(running)
     try:
         answer = client.request("start", **spec)

@@ -7,27 +7,9 @@ import pytest
 
 from bench import tunnel, volume, wait_for
 from bench.flood import Flood
+from bench.holdings import held, is_back
 
 pytestmark = pytest.mark.parametrize("bench", [("host", "net")], indirect=True)
-
-# Per process, not per cycle: a critical section gets its event when two threads first meet there, and a heap keeps
-# blocks for later.
-HANDLE_NOISE = 4
-MEMORY_NOISE_KIB = 3 * 1024
-
-
-def held(bench):
-    counts = bench.counts()
-    return {"handles": counts["handles"], "threads": counts["threads"], "private KiB": bench.memory()["Private_Dirty"],
-            "adapters": len(tunnel.adapters(bench)), "addresses": len(tunnel.addresses(bench)),
-            "routes": len(tunnel.routes(bench))}
-
-
-def is_back(after, before):
-    same = all(after[what] == before[what] for what in ("adapters", "addresses", "routes"))
-    return (same and after["threads"] <= before["threads"] and after["handles"] <= before["handles"] + HANDLE_NOISE
-            and after["private KiB"] <= before["private KiB"] + MEMORY_NOISE_KIB)
-
 
 def cycle(bench, client, configurations, count):
     for number in range(count):

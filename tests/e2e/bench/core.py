@@ -1,16 +1,20 @@
 """The real proxy core, built for Windows, as a client starts it through the daemon; and a web server behind it."""
 
 import hashlib
+import os
 import re
 import shutil
 import subprocess
 import sys
+from pathlib import Path
 
 from .network import UPLINK_ADDRESSES
 from .paths import ROOT, windows_path
 from .waiting import wait_for
 
-CORE = ROOT / "build" / "core-windows" / "core.exe"
+BUILT = ROOT / "build" / "core-windows" / "core.exe"
+# The program that the product's filters let pass, below the folder of the product.
+EXECUTABLE = "core/xray.exe"
 sys.path.append(str(ROOT / "tests" / "winehost" / "core"))
 
 import core_config  # noqa: E402  pylint: disable=wrong-import-position
@@ -18,16 +22,24 @@ import core_config  # noqa: E402  pylint: disable=wrong-import-position
 PROXY_PORT, DIRECT_PORT = core_config.DEFAULT_PORTS
 
 
-def install(bench, **options):
-    """Puts the core and its configuration (core_config.build) beside the product; the process specification of it."""
-    if not CORE.exists():
-        raise RuntimeError(f"{CORE} is missing: run scripts/build-core first")
-    folder = bench.application / "core"
-    folder.mkdir(exist_ok=True)
-    shutil.copy2(CORE, folder)
-    config = core_config.write(folder / "config.json", **options)
-    return {"process-id": "core", "executable": windows_path(folder / "core.exe"),
-            "arguments": ["-config", windows_path(config)], "working-dir": windows_path(folder)}
+def install(application):
+    """Puts the program where the product expects it: each bench has it from the start."""
+    if not BUILT.exists():
+        raise RuntimeError(f"{BUILT} is missing: run scripts/build-core first")
+    executable = application / EXECUTABLE
+    executable.parent.mkdir()
+    try:
+        os.link(BUILT.resolve(), executable)
+    except OSError:  # another file system
+        shutil.copy2(BUILT, executable)
+
+
+def configure(bench, **options):
+    """Writes a configuration (core_config.build); returns the process specification of the core."""
+    executable = bench.application / EXECUTABLE
+    config = core_config.write(executable.with_name("config.json"), **options)
+    return {"process-id": "core", "executable": windows_path(executable),
+            "arguments": ["-config", windows_path(config)], "working-dir": windows_path(executable.parent)}
 
 
 def output(client, process_id="core"):
@@ -43,7 +55,7 @@ def wait_until_up(client, process_id="core", starts=1):
 def start(bench, client, **options):
     """Starts the core through the daemon, its own connections kept out of any tunnel, and waits until it is up."""
     starts = output(client).count("started")
-    answer = client.request("start", **install(bench, send_through=UPLINK_ADDRESSES, **options))
+    answer = client.request("start", **configure(bench, send_through=UPLINK_ADDRESSES, **options))
     assert answer["status"] == "started", answer
     wait_until_up(client, starts=starts + 1)
 
@@ -59,7 +71,7 @@ def kill(bench, client):
     """Ends it in the middle of whatever it does."""
     answer = client.request("kill", process_id="core")
     assert answer["status"] == "killed", answer
-    wait_for(lambda: not bench.windows_processes(CORE.name), 10, "the end of the core")
+    wait_for(lambda: not bench.windows_processes(Path(EXECUTABLE).name), 10, "the end of the core")
 
 
 def taken(client, process_id="core"):

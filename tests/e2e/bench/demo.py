@@ -91,7 +91,7 @@ class Show:
         headline("the real proxy core, started through the daemon")
         # The daemon's first sweep after its start takes a process for old that was started before it.
         self.bench.log.allow(r'Found stale process entry on startup: "core" - state: QProcess::Running')
-        spec = core.install(self.bench, send_through=UPLINK_ADDRESSES)
+        spec = core.configure(self.bench, send_through=UPLINK_ADDRESSES)
         assert self.ask(client, "client 1", "start", **spec)["status"] == "started"
         core.wait_until_up(client)
         self.show_messages(client, "client 1")

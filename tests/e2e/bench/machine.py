@@ -4,12 +4,13 @@ import itertools
 import os
 import shutil
 
-from . import processes
+from . import core, processes
 from .client import Client
 from .daemon_log import DaemonLog, read_log
+from .filters import PROGRAMS, Filters
 from .journal import Journal
 from .network import Network
-from .paths import BUILD, OUTPUT, PRODUCT, WINEHOST, WINTUN, windows_path
+from .paths import BUILD, NETCLIENT, OUTPUT, PRODUCT, WINEHOST, WINTUN, windows_path
 from .service import RUNNING, STOPPED, Service
 from .waiting import wait_for
 from .wine import CRASH_MARKS, Prefix
@@ -32,11 +33,12 @@ class Bench(Service):
         self.application = directory / "Ruvo Client"
         self.substitutes = self.application / "winehost"
         self.network = Network(roles)
-        self.prefix = Prefix(directory / "prefix", self.network.enter("host"))
+        self.prefix = Prefix(directory / "prefix")
         super().__init__(self.prefix, self.application)
         self.log = DaemonLog()
         self.log.add(self.prefix.directory, DEFAULT_LOG)
         self.journal = Journal(self.substitutes / "journal.jsonl")
+        self.filters = Filters(self.network, self.application, directory / "filters.log")
         self.clients = []
         self._numbers = itertools.count(1)
         self._plans = itertools.count(1)
@@ -52,16 +54,20 @@ class Bench(Service):
         for name in PRODUCT + WINEHOST:
             self._install(name, self.application)
         self._install(WINTUN, self.application / "tun2")
+        self._install(NETCLIENT, self.application, PROGRAMS["app"])
+        core.install(self.application)
         self.set_sessions("1 active user")
         self.network.up()
+        self.filters.up()
+        self.prefix.enter = self.filters.enter_as("wine")
         self.prefix.up()
 
     @staticmethod
-    def _install(name, folder):
+    def _install(name, folder, new_name=""):
         if not (BUILD / name).exists():
             raise RuntimeError(f"{BUILD / name} is missing: build the preset 'windows' first")
         folder.mkdir(exist_ok=True)
-        shutil.copy2(BUILD / name, folder)
+        shutil.copy2(BUILD / name, folder / new_name)
 
     def down(self, keep_logs=False):
         """Ends and removes everything; with `keep_logs` the logs of daemon, substitutes and clients stay."""
@@ -73,7 +79,10 @@ class Bench(Service):
         try:
             self.prefix.down()
         finally:
-            self.network.down()
+            try:
+                self.filters.down()
+            finally:
+                self.network.down()
         for client in self.clients:
             client.process.wait(10)
         if keep_logs:
@@ -84,7 +93,7 @@ class Bench(Service):
     def ends_of_logs(self, lines=30):
         """(title, text) of each log: what happened last."""
         return [(path.name, "\n".join(read_log(path).splitlines()[-lines:]))
-                for path in [self.journal.path, *self.log.files()]]
+                for path in [self.journal.path, self.filters.log, *self.log.files()] if path.exists()]
 
     def finish(self):
         """The last part of every test: the service stops in order if it runs, and left nothing unexpected behind."""
@@ -94,6 +103,7 @@ class Bench(Service):
         reports = self.journal.calls("SetServiceStatus")
         assert not reports or reports[-1]["state"] == STOPPED, "the daemon has ended without a report of it"
         self.log.check()
+        self.filters.check()
         # What crashes before that is one of Wine's own programs at the start, and none of ours.
         _, _, output = self.prefix.output.read_text(errors="replace").partition('{"ready":true}')
         assert not any(mark in output for mark in CRASH_MARKS), output[-4000:]

@@ -20,6 +20,9 @@ ROUTES = (
 # Where servers are, far behind the gateway: public resolvers, and addresses for documentation.
 RESOLVERS = ("8.8.8.8", "8.8.4.4", "1.1.1.1", "1.0.0.1")
 SERVERS = ("203.0.113.10", "203.0.113.20")
+# The uplink has IPv6 as far as the gateway.
+UPLINK6 = (("host", "uplink", "2001:db8:3::2/64"), ("net", "host0", "2001:db8:3::1/64"))
+GATEWAY6 = "2001:db8:3::1"
 # The guest has IPv6 as well, and the servers have an address in it. How `host` reaches that is the test's to say: the
 # tunnel makes no routes for IPv6.
 GUEST_LINK6 = (("guest", "uplink", "2001:db8:1::2/64"), ("host", "guest0", "2001:db8:1::1/64"))
@@ -110,11 +113,14 @@ class Network:
             ip("-n", self.name("net"), "address", "add", f"{SERVER6}/128", "dev", "lo", "nodad")
         if {"host", "net"} <= set(self.roles):
             self._make_way_around_routes()
+            self._give_ipv6(UPLINK6)
         if "host" in self.roles:
             self.set("host", **HOST_SETTINGS)
         if "guest" in self.roles:
             self.set("host", **{"net.ipv4.ip_forward": "1", "net.ipv6.conf.all.forwarding": "1"})
-            self._give_guest_ipv6()
+            self._give_ipv6(GUEST_LINK6)
+            if "host" in self.roles:
+                ip("-n", self.name("guest"), "-6", "route", "add", "default", "via", GUEST_GATEWAY6)
 
     def set(self, role, **settings):
         """Sets sysctls of a namespace."""
@@ -129,13 +135,11 @@ class Network:
             ip("-n", self.name(end_role), "address", "add", address, "dev", end_device)
             ip("-n", self.name(end_role), "link", "set", end_device, "up")
 
-    def _give_guest_ipv6(self):
-        for role, device, address in GUEST_LINK6:
+    def _give_ipv6(self, link):
+        for role, device, address in link:
             if role in self.roles:
                 # Nobody else can have it: it is of use at once.
                 ip("-n", self.name(role), "address", "add", address, "dev", device, "nodad")
-        if "host" in self.roles:
-            ip("-n", self.name("guest"), "-6", "route", "add", "default", "via", GUEST_GATEWAY6)
 
     def _make_way_around_routes(self):
         host = self.name("host")

@@ -4,9 +4,9 @@ import json
 import shutil
 import subprocess
 
-from .paths import BUILD
+from . import paths
 
-NETCLIENT = BUILD / "tests" / "winehost" / "netclient" / "netclient.exe"
+NETCLIENT = paths.BUILD / paths.NETCLIENT
 
 
 def _copy(bench, program, name):

@@ -11,6 +11,7 @@ from .network import ip
 
 NAME = "ruvo-default-tun"
 INTERFACE = "ruvo-def-519a5f"  # Linux has no room for that name
+FILTERS = 17  # against leaks
 
 # One Wintun adapter. `metric` is Windows' (None: automatic).
 Adapter = namedtuple("Adapter", "name type guid interface up mtu addresses metric forwarding")
@@ -136,8 +137,11 @@ USUAL_WARNINGS = (
     r"^\[RUVO-TUN\] ✓ Set interface metric to 0 with ForwardingEnabled and MTU 1500$",
     r"^\[TCP-NAT\] Listening on \d+\.\d+\.\d+\.\d+:\d+$",
     r'^Explicit stop-tun request from client "[0-9a-f]+"$',
-    # What is still to be built says so.
-    r"^This build has no ",
+    # All of them are there; of one that is not, other lines tell.
+    rf"^\[WFP\] Created {FILTERS} filters$",
+    rf"^\[FILTER-CHECK\] 🔍 Verifying {FILTERS} filters still exist\.\.\.$",
+    rf"^\[FILTER-CHECK\] {FILTERS} filters exist, 0 are MISSING$",
+    r"^\[FILTER-CHECK\] ✅ All filters verified - DNS protection active$",
 )
 
 

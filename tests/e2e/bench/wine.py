@@ -67,7 +67,7 @@ def template():
 
 
 class Prefix:
-    """A copy of the template. `enter` is what a command starts with to run in the bench's network.
+    """A copy of the template. `enter` is what a command starts with to run in the bench's network and group.
 
     What services print lands in the file `output`, beside the prefix: they inherit the streams of Wine's first
     program.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "windows/nat/nat_test.h"
+#include "windows/socks5/recording_witness.h"
 
 #include "nat/relay_connector.h"
 
@@ -36,6 +37,7 @@ protected:
                 .routeFor = [this](const TcpNatSession &) { return m_route; },
                 .nameOf = [this](std::uint32_t address) { return address == destination ? m_name : "wrong address"; },
                 .physicalInterface = [this] { return m_physicalInterface; },
+                .proxyWitness = m_witness.function(),
             },
             limit);
     }
@@ -116,6 +118,7 @@ protected:
     std::string m_name;
     std::uint32_t m_physicalInterface = 0;
     std::unique_ptr<ParallelProxy> m_proxy;
+    RecordingWitness m_witness;
     std::unique_ptr<RelayConnector> m_connector;
 
 private:

@@ -1,0 +1,115 @@
+// What the associations of the NAT path tell of the proxy.
+
+#include "windows/nat/udp_nat_fixture.h"
+#include "windows/socks5/recording_witness.h"
+
+#include "windows/support/import_redirection.h"
+
+namespace ruvo::test {
+namespace {
+
+class UdpNatWitnessTest : public UdpNatRelayTest
+{
+protected:
+    void SetUp() override
+    {
+        UdpNatRelayTest::SetUp();
+        m_witness.whenTold = [this] { m_relay->sessions(); };
+        m_relay->setProxyWitness(m_witness.function());
+    }
+    /// Another kind of main inbound, and a datagram for it.
+    void forwardTowards(AssociationProxy::Answers answers)
+    {
+        useProxy(std::move(answers));
+        startRelay();
+        ASSERT_TRUE(forward(5000, "datagram"));
+    }
+
+    RecordingWitness m_witness;
+};
+
+TEST_F(UdpNatWitnessTest, hearsOfARefusedConnect)
+{
+    const std::uint16_t nobody = closedPort();
+    ASSERT_TRUE(m_relay->initialize(client, "127.0.0.1", nobody, nobody, m_port, {}));
+    ASSERT_TRUE(forward(5000, "datagram"));
+    m_witness.expectFailure(nobody);
+}
+
+TEST_F(UdpNatWitnessTest, hearsOfAnotherMethod)
+{
+    forwardTowards({.method = QByteArray::fromHex("05ff"), .reply = std::nullopt});
+    m_witness.expectFailure(m_proxy->port());
+}
+
+TEST_F(UdpNatWitnessTest, hearsOfAnEndWithoutAnAnswer)
+{
+    const ParallelProxy silent([](ProxyConnection &connection, int) { connection.receive(3); });
+    ASSERT_TRUE(m_relay->initialize(client, "127.0.0.1", silent.port(), silent.port(), m_port, {}));
+    ASSERT_TRUE(forward(5000, "datagram"));
+    m_witness.expectFailure(silent.port());
+}
+
+TEST_F(UdpNatWitnessTest, hearsOfAProxyThatSaysNothing)
+{
+    // Its five seconds are over at once.
+    const ImportRedirection<IMPORT(WaitForMultipleObjects)> hurried(
+        [&](DWORD count, const HANDLE *handles, BOOL all, DWORD milliseconds) {
+            const bool isForTheReply = milliseconds > 4000 && milliseconds <= 5000;
+            return hurried.real(count, handles, all, isForTheReply ? 1 : milliseconds);
+        });
+    forwardTowards({.reply = std::nullopt, .isMute = true});
+    m_witness.expectFailure(m_proxy->port());
+}
+
+TEST_F(UdpNatWitnessTest, hearsThatItIsAccepted)
+{
+    startRelay();
+    establish(5000);
+    m_witness.expectAccepted(m_proxy->port());
+}
+
+TEST_F(UdpNatWitnessTest, hearsWhichInboundItWas)
+{
+    startRelay();
+    ASSERT_TRUE(forwardTo(53, 5000, "query"));
+    m_witness.expectAccepted(m_direct->port());
+}
+
+TEST_F(UdpNatWitnessTest, takesARefusedRequestForALivingProxy)
+{
+    forwardTowards({.reply = QByteArray::fromHex("05070001000000000000")});
+    m_witness.expectAccepted(m_proxy->port());
+}
+
+TEST_F(UdpNatWitnessTest, takesAReplyThatIsCutShortForALivingProxy)
+{
+    forwardTowards({.reply = QByteArray::fromHex("05000001")});
+    m_witness.expectAccepted(m_proxy->port());
+}
+
+TEST_F(UdpNatWitnessTest, hearsNothingOfAFailureOfThisMachine)
+{
+    startRelay();
+    const ImportRedirection<IMPORT(WSASocketW)> none([&, own = GetCurrentThreadId()](auto... arguments) -> SOCKET {
+        if (GetCurrentThreadId() == own)
+            return none.real(arguments...);
+        WSASetLastError(WSAEMFILE);
+        return INVALID_SOCKET;
+    });
+    ASSERT_TRUE(forward(5000, "datagram"));
+    EXPECT_TRUE(waitUntil([this] { return !refused().empty(); }));
+    EXPECT_EQ(m_witness.signs(), RecordingWitness::Signs());
+}
+
+TEST_F(UdpNatWitnessTest, hearsNothingOfAnAttemptThatTheStopHasEnded)
+{
+    forwardTowards({.reply = std::nullopt, .isMute = true});
+    EXPECT_TRUE(waitUntil([this] { return m_proxy->connections() == 1; }));
+    SetEvent(m_stopEvent.get());
+    m_relay->shutdown();
+    EXPECT_EQ(m_witness.signs(), RecordingWitness::Signs());
+}
+
+} // namespace
+} // namespace ruvo::test
