@@ -13,6 +13,7 @@
 
 #include <gmock/gmock.h>
 
+#include <fwpmu.h>
 #include <process.h>
 
 #include <atomic>
@@ -31,6 +32,7 @@ constexpr std::uint32_t opening = 7000;      // the number of a SYN
 
 const QString waiting = "DEBUG [RESET] Waiting 1000ms for xray to initialize...";
 const QString ready = "DEBUG [RESET] Proxy marked ready after 1000ms initialization delay";
+const QString checking = "CRITICAL [RESET] \U0001F50D Checking if WFP filters survived connection reset...";
 const QString resetDone = "DEBUG Connection reset complete - starting proxy health check";
 
 class TunnelReset : public TunnelTest
@@ -85,6 +87,7 @@ TEST_F(TunnelReset, ofAStoppedTunnelDoesNothingAndSaysNothing)
 TEST_F(TunnelReset, ofNoConnectionsGoesThroughAllItsSteps)
 {
     ASSERT_EQ(startError(), "");
+    const QString filters = QString::number(journal("\"FwpmFilterAdd0\"").size());
     m_log.clear();
     const auto begin = Clock::now();
     m_tunnel->resetConnections();
@@ -93,11 +96,18 @@ TEST_F(TunnelReset, ofNoConnectionsGoesThroughAllItsSteps)
     EXPECT_LT(held, 1s) << "the thread is not held for the proxy";
     EXPECT_TRUE(waitUntil([this] { return count(ready) == 1; }));
     EXPECT_GE(Clock::now() - begin, 1100ms);
-    const QStringList lines = m_log.lines();
-    EXPECT_EQ(lines.first(3),
-              (QStringList{"DEBUG \u2713 DNS resolver cache flushed",
-                           "WARNING [RESET] Interface metric: 0 AutoMetric: false Forwarding: true", resetDone}));
-    EXPECT_EQ(lines.last(2), (QStringList{waiting, ready}));
+    EXPECT_EQ(m_log.lines(),
+              (QStringList{
+                  "DEBUG \u2713 DNS resolver cache flushed",
+                  "WARNING [RESET] Interface metric: 0 AutoMetric: false Forwarding: true",
+                  resetDone,
+                  checking,
+                  "CRITICAL [FILTER-CHECK] \U0001F50D Verifying " + filters + " filters still exist...",
+                  "CRITICAL [FILTER-CHECK] " + filters + " filters exist, 0 are MISSING",
+                  "CRITICAL [FILTER-CHECK] \u2705 All filters verified - DNS protection active",
+                  waiting,
+                  ready,
+              }));
     printf("a reset of no connections holds its thread for %lld ms\n",
            static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(held).count()));
 }
@@ -124,6 +134,36 @@ TEST_F(TunnelReset, goesOnThoughTheResolverCacheIsNotFlushed)
     }
     EXPECT_EQ(m_log.lines().constFirst(), "WARNING Failed to flush DNS resolver cache");
     EXPECT_EQ(count(resetDone), 1);
+    EXPECT_TRUE(waitUntil([this] { return !isRefused(); }));
+}
+
+TEST_F(TunnelReset, namesAFilterThatHasGone)
+{
+    ASSERT_EQ(startError(), "");
+    m_log.clear();
+    UINT64 gone = 0;
+    {
+        const ImportRedirection<IMPORT(FwpmFilterGetById0)> lost([&](HANDLE engine, UINT64 id, auto filter) -> DWORD {
+            gone = gone == 0 ? id : gone;
+            return id == gone ? static_cast<DWORD>(FWP_E_FILTER_NOT_FOUND) : lost.real(engine, id, filter);
+        });
+        m_tunnel->resetConnections();
+    }
+    EXPECT_EQ(count(checking), 1);
+    EXPECT_EQ(m_log.linesWith("CRITICAL [FILTER-CHECK] \u274C Filter ID " + QString::number(gone)).size(), 1);
+    EXPECT_TRUE(waitUntil([this] { return !isRefused(); }));
+}
+
+TEST_F(TunnelReset, saysThatThereAreNoFilters)
+{
+    fail("FwpmEngineOpen0", RPC_S_UNKNOWN_IF);
+    ASSERT_EQ(startError(), "");
+    failNothing();
+    m_log.clear();
+    m_tunnel->resetConnections();
+    EXPECT_EQ(m_log.linesWith("CRITICAL").size(), 1);
+    EXPECT_EQ(m_log.linesWith("CRITICAL [RESET] \u274C m_firewall is NULL! This must never occur").size(), 1);
+    EXPECT_EQ(count(checking), 0);
     EXPECT_TRUE(waitUntil([this] { return !isRefused(); }));
 }
 
