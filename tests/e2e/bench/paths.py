@@ -12,7 +12,7 @@ WINE_PREFIX = ROOT / "tests" / "winehost" / "wine-prefix"
 # What lies in the application folder of a bench.
 PRODUCT = ("src/app/ruvod.exe", "tools/ruvoctl/ruvoctl.exe")
 WINEHOST = ("tests/winehost/winehost.dll", "tests/winehost/wtsapi32.dll", "tests/winehost/iphlpapi.dll",
-            "tests/winehost/iphlpapi_wine.dll")
+            "tests/winehost/iphlpapi_wine.dll", "tests/winehost/fwpuclnt.dll", "tests/winehost/fwpuclnt_wine.dll")
 # And in its folder tun2.
 WINTUN = "tests/winehost/tun2/wintun.dll"
 # A client of TCP or UDP, step by step; as Ruvo.exe it stands for the desktop app.

@@ -24,16 +24,21 @@ enum class SystemCall : std::int64_t {
     yield = 24,
     processId = 39,
     socket = 41,
+    connect = 42,
+    accept = 43,
     sendTo = 44,
     receiveFrom = 45,
     bind = 49,
+    listen = 50,
     socketName = 51,
     setSocketOption = 54,
+    getSocketOption = 55,
     readLink = 89,
     directoryEntries = 217, // getdents64
     clockTime = 228,        // clock_gettime
     epollWait = 232,
     epollControl = 233,
+    unshare = 272,
     eventDescriptor = 290,
     epollCreate = 291,
 };

@@ -24,6 +24,10 @@ const Redirection redirections[] = {
     {"advapi32.dll", "RegSetValueExA", address(regSetValueExA)},
     {"kernel32.dll", "CreateIoCompletionPort", address(createIoCompletionPort)},
     {"kernel32.dll", "GetProcAddress", address(getProcAddress)},
+    {"ole32.dll", "CoInitializeEx", address(coInitializeEx)},
+    {"ole32.dll", "CoUninitialize", address(coUninitialize)},
+    // Wine's Windows Firewall takes every rule and keeps none.
+    {"ole32.dll", "CoCreateInstance", address(coCreateInstance)},
     // Passed on unless a test has planned a failure.
     {"ws2_32.dll", "WSASocketW", address(openSocket)},
     {"ws2_32.dll", "listen", address(listenOnSocket)},
@@ -33,7 +37,12 @@ const Redirection redirections[] = {
     {"ws2_32.dll", "setsockopt", address(setSocketOption)},
     // The sockets of Wine's programs are its server's: the tables of owners would not know whose they are.
     {"ws2_32.dll", "bind", address(bindSocket)},
+    // That too, and the kernel cannot tell Wine's programs apart: the filters are asked here.
     {"ws2_32.dll", "connect", address(connectSocket)},
+    {"ws2_32.dll", "WSAConnect", address(connectSocketByProvider)},
+    {"ws2_32.dll", "WSAIoctl", address(controlSocket)},
+    {"ws2_32.dll", "sendto", address(sendDatagram)},
+    {"ws2_32.dll", "WSASendTo", address(sendDatagramParts)},
     {"kernel32.dll", "OpenProcess", address(openProcess)},
     {"kernel32.dll", "QueryFullProcessImageNameW", address(queryFullProcessImageName)},
     {"kernel32.dll", "CloseHandle", address(closeHandle)},

@@ -79,12 +79,6 @@ HANDLE associateSocket(HANDLE socket, HANDLE port, ULONG_PTR key, DWORD threads)
     return CreateIoCompletionPort(socket, port, key, threads);
 }
 
-int WINAPI connectSocket(SOCKET socket, const sockaddr *address, int size)
-{
-    noteOwnSocket(socket);
-    return connect(socket, address, size);
-}
-
 int WINAPI bindSocket(SOCKET socket, const sockaddr *address, int size)
 {
     if (const auto error = plannedFault("bind")) {
