@@ -67,11 +67,12 @@ inline constexpr std::array permittedPrograms = {
 };
 
 /// For nobody but them, not even through the tunnel.
-inline constexpr auto ipv6Block = FilterRule{FilterLayer::ConnectV6, 12,
-                                             FilterAction::Block,    FilterCondition::None,
-                                             L"block ipv6",          "Failed to add block ipv6 filter:"};
+inline constexpr std::array ipv6Blocks = {
+    FilterRule{FilterLayer::ConnectV6, 12, FilterAction::Block, FilterCondition::None, L"block ipv6",
+               "Failed to add block ipv6 filter:"},
+};
 
-/// What goes through the tunnel itself. The second is of no use without the first.
+/// What goes through the tunnel itself. The second is added only behind the first.
 inline constexpr std::array tunnelPermits = {
     FilterRule{FilterLayer::ConnectV4, 11, FilterAction::Permit, FilterCondition::InterfaceIndex, L"allow ipv4",
                "Failed to add allow ipv4 filter:"},
@@ -88,7 +89,7 @@ inline constexpr std::array dnsBlocks = {
 
 /// All filters that there can be at a time.
 inline constexpr std::size_t mostFilters =
-    permittedPrograms.size() * programPermits.size() + 1 + tunnelPermits.size() + dnsBlocks.size();
+    permittedPrograms.size() * programPermits.size() + ipv6Blocks.size() + tunnelPermits.size() + dnsBlocks.size();
 
 /// The full path of `program`, given the daemon's own.
 std::wstring pathOf(const PermittedProgram &program, const std::wstring &daemonPath);

@@ -132,8 +132,10 @@ bool FirewallManager::permitProgram(const PermittedProgram &program, const std::
 
 bool FirewallManager::blockIpv6Connections()
 {
-    if (!addFilter(ipv6Block, {}))
-        return false;
+    for (const FilterRule &rule : ipv6Blocks) {
+        if (!addFilter(rule, {}))
+            return false;
+    }
     qCDebug(lcRuvod) << "Added IPv6 block filter (weight 12)";
     return true;
 }

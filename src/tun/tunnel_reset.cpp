@@ -34,9 +34,10 @@ void Tunnel::resetConnections()
 void Tunnel::dropConnections()
 {
     {
-        const TcpEngine::Table connections = m_tcpEngine->takeAll();
+        TcpEngine::Table connections = m_tcpEngine->takeAll();
         const std::list<UdpFlowPtr> flows = m_udpFlows->takeAll();
         Sleep(drainTime);
+        connections.clear(); // closes their sockets
         for (const UdpFlowPtr &flow : flows)
             flow->close();
     }

@@ -147,6 +147,13 @@ TEST_F(TcpLimitsTest, countACompletedSendAsProgress)
 class TcpResetAllTest : public TcpLimitsTest
 {
 protected:
+    /// Something has come, or the stream has ended.
+    static bool isReadable(SOCKET socket)
+    {
+        WSAPOLLFD one{.fd = socket, .events = POLLRDNORM, .revents = 0};
+        return WSAPoll(&one, 1, 0) != 0;
+    }
+
     /// Connections in every state; the upstreams of those that have one.
     std::vector<Socket> openOneOfEach()
     {
@@ -192,6 +199,26 @@ TEST_F(TcpResetAllTest, endsConnectionsInEveryState)
     auto [app, upstream] = connectedApplication(46007);
     app.send(tcpPsh | tcpAck, "anew");
     EXPECT_EQ(receiveBytes(upstream.get(), 4), "anew");
+}
+
+TEST_F(TcpResetAllTest, closesTheSocketsOfWhatIsTakenOutOnlyWhenThatIsLetGo)
+{
+    const std::vector<Socket> upstreams = openOneOfEach();
+    {
+        const TcpEngine::Table taken = m_engine->takeAll();
+        EXPECT_EQ(taken.size(), 6u);
+        EXPECT_EQ(m_engine->connections() + m_engine->closingConnections(), 0u);
+        EXPECT_EQ(m_engine->establishedConnections(), 0u);
+        EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 0; })) << m_port.inFlight();
+        EXPECT_EQ(records(), 6);
+        EXPECT_FALSE(isReadable(upstreams[0].get()));
+        m_adapter.setRoom(std::nullopt);
+        const std::size_t unread = m_adapter.unread(46003);
+        drain();
+        EXPECT_EQ(m_adapter.unread(46003), unread);
+    }
+    expectGone();
+    EXPECT_EQ(readToEnd(upstreams[0].get()), Ending::Reset);
 }
 
 TEST_F(TcpResetAllTest, forGoodOpensNoMore)

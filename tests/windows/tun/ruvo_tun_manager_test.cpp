@@ -316,5 +316,24 @@ TEST_F(RuvoTunManagerTest, flushesTheResolverCacheWhetherATunnelRunsOrNot)
     EXPECT_EQ(m_log.lines().constLast(), "DEBUG RuvoTunManager: DNS cache flushed");
 }
 
+TEST_F(RuvoTunManagerTest, resetsConnectionsOnlyOfATunnelThatRuns)
+{
+    m_manager->resetConnections();
+    const QStringList warning{"WARNING RuvoTunManager: Cannot reset connections - TUN not running"};
+    EXPECT_EQ(m_log.lines(), warning);
+
+    ASSERT_EQ(m_manager->start({}), started());
+    m_log.clear();
+    m_manager->resetConnections();
+    EXPECT_EQ(m_log.linesWith("Connection reset complete").size(), 1);
+    EXPECT_EQ(m_log.linesWith("DEBUG RuvoTunManager: All connections reset").size(), 1);
+    EXPECT_EQ(m_log.linesWith("Cannot reset"), QStringList());
+
+    ASSERT_EQ(m_manager->stop(), success);
+    m_log.clear();
+    m_manager->resetConnections();
+    EXPECT_EQ(m_log.lines(), warning);
+}
+
 } // namespace
 } // namespace ruvo::test
