@@ -2,6 +2,7 @@
 
 import json
 import os
+import shutil
 import signal
 import socket
 import subprocess
@@ -9,13 +10,14 @@ import time
 
 import pytest
 
-from bench import core, leaks, sockets, traffic, tunnel
-from bench.network import GATEWAY6, RESOLVERS, SERVER6, SERVER_NETWORK6, ip
+from bench import core, leaks, programs, sockets, traffic, tunnel
+from bench.network import GATEWAY6, RESOLVERS, SERVER6, SERVER_NETWORK6, UPLINK_ADDRESSES, ip
 from bench.waiting import wait_for
 
 pytestmark = pytest.mark.parametrize("bench", [("host", "net")], indirect=True)
 
-UPLINK = "192.0.2.2"
+UPLINK = UPLINK_ADDRESSES[0]
+WSAEACCES = 10013
 RESOLVER = "8.8.8.8"
 PORT_OF_HOST = 7000
 # What another program tries, and of that what leads around the tunnel.
@@ -125,6 +127,32 @@ def test_ipv6_of_another_program_leaves_only_where_it_may(running, way_for_ipv6)
         assert [cell for cell in cells if not leaves(*cell)] == [("uplink", 53)]
         tunnel.stop(client)
         assert leaves("uplink", 53)
+
+
+def windows_error(bench, name, *words):
+    """The error with which a client under Wine fails that lies under `name` beside the daemon; 0 if it does not."""
+    program = bench.application / name
+    if not program.exists():
+        shutil.copy2(programs.NETCLIENT, program)
+    result = bench.prefix.run(program, *words)
+    last = json.loads(result.stdout.splitlines()[-1])
+    assert (last["event"] == "failed") == (result.status != 0), result
+    return last.get("error", 0)
+
+
+def test_programs_of_windows_fare_like_others(running, way_for_ipv6, servers):  # pylint: disable=unused-argument
+    tunnel.expect_in_log(running)
+    around = (("tcp", RESOLVER, 53), ("udp", SERVER6, traffic.ECHO[1], "hello"))
+
+    def errors(name):
+        return [windows_error(running, name, *words) for words in around]
+
+    assert errors("other.exe") == errors("Ruvo.exe") == [0, 0], "without a tunnel"
+    client = running.client()
+    tunnel.start(client)
+    assert (errors("other.exe"), errors("Ruvo.exe")) == ([WSAEACCES, WSAEACCES], [0, 0])
+    tunnel.stop(client)
+    assert errors("other.exe") == [0, 0], "after the tunnel"
 
 
 class Phases:
