@@ -180,6 +180,30 @@ TEST_F(JudgeTest, whatAFilterBlocksFailsAsOnWindows)
     EXPECT_EQ(sendPartsError(sender.get()), 0);
 }
 
+TEST_F(JudgeTest, aBoundSocketIsJudgedByWhatItWasBoundTo)
+{
+    const auto boundSender = [](const char *address) {
+        Socket made(WSASocketW(AF_INET, SOCK_DGRAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED));
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        inet_pton(AF_INET, address, &local.sin_addr);
+        EXPECT_EQ(bind(made.get(), reinterpret_cast<const sockaddr *>(&local), sizeof local), 0);
+        return made;
+    };
+    const UINT64 id = block();
+    {
+        const Socket sender = boundSender("127.0.0.1");
+        EXPECT_EQ(sendError(sender.get()), WSAEACCES);
+        EXPECT_EQ(sendPartsError(sender.get()), WSAEACCES);
+        unblock(id);
+        EXPECT_EQ(sendError(sender.get()), 0);
+        EXPECT_EQ(sendPartsError(sender.get()), 0);
+    }
+    block();
+    const Socket unbound(WSASocketW(AF_INET, SOCK_DGRAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED)); // perhaps its handle
+    EXPECT_EQ(sendError(unbound.get()), WSAEACCES);
+}
+
 TEST_F(JudgeTest, filtersOfOtherProgramsLayersAndPortsDoNotMatter)
 {
     block(L"C:\\windows\\system32\\ntdll.dll");
