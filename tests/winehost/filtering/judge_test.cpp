@@ -140,7 +140,7 @@ protected:
     static std::filesystem::path copyOfNetclient(const std::filesystem::path &path)
     {
         std::filesystem::create_directories(path.parent_path());
-        std::filesystem::copy_file(RUVOD_NETCLIENT, path, std::filesystem::copy_options::overwrite_existing);
+        EXPECT_TRUE(CopyFileW(L"" RUVOD_NETCLIENT, path.c_str(), FALSE)) << GetLastError();
         return path;
     }
 
