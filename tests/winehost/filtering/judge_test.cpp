@@ -140,7 +140,7 @@ protected:
     static std::filesystem::path copyOfNetclient(const std::filesystem::path &path)
     {
         std::filesystem::create_directories(path.parent_path());
-        std::filesystem::copy_file(RUVOD_NETCLIENT, path, std::filesystem::copy_options::overwrite_existing);
+        EXPECT_TRUE(CopyFileW(L"" RUVOD_NETCLIENT, path.c_str(), FALSE)) << GetLastError();
         return path;
     }
 
@@ -178,6 +178,30 @@ TEST_F(JudgeTest, whatAFilterBlocksFailsAsOnWindows)
     EXPECT_EQ(connectExError(), 0);
     EXPECT_EQ(sendError(sender.get()), 0);
     EXPECT_EQ(sendPartsError(sender.get()), 0);
+}
+
+TEST_F(JudgeTest, aBoundSocketIsJudgedByWhatItWasBoundTo)
+{
+    const auto boundSender = [](const char *address) {
+        Socket made(WSASocketW(AF_INET, SOCK_DGRAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED));
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        inet_pton(AF_INET, address, &local.sin_addr);
+        EXPECT_EQ(bind(made.get(), reinterpret_cast<const sockaddr *>(&local), sizeof local), 0);
+        return made;
+    };
+    const UINT64 id = block();
+    {
+        const Socket sender = boundSender("127.0.0.1");
+        EXPECT_EQ(sendError(sender.get()), WSAEACCES);
+        EXPECT_EQ(sendPartsError(sender.get()), WSAEACCES);
+        unblock(id);
+        EXPECT_EQ(sendError(sender.get()), 0);
+        EXPECT_EQ(sendPartsError(sender.get()), 0);
+    }
+    block();
+    const Socket unbound(WSASocketW(AF_INET, SOCK_DGRAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED)); // perhaps its handle
+    EXPECT_EQ(sendError(unbound.get()), WSAEACCES);
 }
 
 TEST_F(JudgeTest, filtersOfOtherProgramsLayersAndPortsDoNotMatter)
