@@ -63,6 +63,7 @@ def start(bench, client, **options):
 def allow_kill(bench):
     """What may be logged when it is killed: what cannot reach it, and a sweep that finds what is left."""
     bench.log.allow(r'Found stale process entry (on startup: |for )"core" - state: QProcess::NotRunning')
+    bench.log.allow(r"^\[RUVO-TUN\] The proxy does not answer any more on port \d+$")
     bench.log.allow(r"^\[UDP-NAT\] Failed to (create SOCKS5 UDP session for |connect to SOCKS5 proxy: 10061$)")
     bench.log.allow(r"^Failed to (connect to proxy: 10061|send |receive )|^\[TCP-NAT\] Failed to connect to SOCKS5 proxy$")
 

@@ -11,6 +11,7 @@ import time
 
 from . import core, demo_traffic, processes, sweep, traffic, tunnel
 from .demo_output import headline, say
+from .filters import STAND_INS
 from .machine import Bench
 from .network import UPLINK_ADDRESSES
 from .paths import ROOT
@@ -193,6 +194,7 @@ def write_state(bench):
     """What scripts/inside needs to know."""
     values = bench.prefix.environment() | {
         "RUVOD_BENCH_PID": os.getpid(), "RUVOD_NAMESPACES": bench.network.run, "RUVOD_APPLICATION": bench.application}
+    values |= {f"RUVOD_GROUP_{name}": bench.filters.group(name) for name in STAND_INS}
     text = "".join(f"export {name}={shlex.quote(str(value))}\n" for name, value in values.items())
     (DIRECTORY / "bench.env").write_text(text, encoding="utf-8")
 

@@ -1,5 +1,6 @@
 """What scripts/run shows of the tunnel's work: real programs use it, the core and the servers tell what they saw."""
 
+import subprocess
 import time
 
 from . import core, traffic
@@ -39,6 +40,15 @@ def show_name(bench, client, servers):
     assert "web.test" in servers.queries()
 
 
+def show_filters(bench):
+    words = ["dig", "+short", "+tries=1", "+time=1", "@8.8.8.8", "web.test"]
+    for title, enter in (("another program", bench.network.enter("host")), ("the core", bench.filters.enter_as("core"))):
+        done = subprocess.run([*enter, *words], capture_output=True, text=True, timeout=20, check=False)
+        answered = done.returncode == 0
+        say(f"   dig @8.8.8.8 web.test, around the tunnel, by {title}: {done.stdout.strip() if answered else 'nothing'}")
+        assert answered == (title == "the core"), done.stdout
+
+
 def show_datagrams(bench, client):
     host, port = traffic.ECHO
     say(f"   five datagrams to the echo server at {host}:{port}")
@@ -63,5 +73,6 @@ def show_traffic(bench, client, servers):
     assert not core.taken(client), "the core has been used before"
     show_page(bench, client)
     show_name(bench, client, servers)
+    show_filters(bench)
     show_datagrams(bench, client)
     show_upload(bench, client)

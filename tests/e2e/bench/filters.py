@@ -57,10 +57,14 @@ class Filters:
         """The process of the engine."""
         return self._process.pid
 
+    def group(self, name):
+        """The control group of "core", "app" or "wine": a process joins by writing its id into its file cgroup.procs."""
+        return self._groups[name]
+
     def enter_as(self, name):
         """What a command starts with to run in `host` as "core" or "app", or as one of Wine's programs ("wine")."""
         script = 'echo $$ >"$0/cgroup.procs" && exec "$@"'
-        return [*self.network.enter("host"), "sh", "-c", script, self._groups[name]]
+        return [*self.network.enter("host"), "sh", "-c", script, self.group(name)]
 
     def filters(self):
         """All filters in order of addition, as dictionaries: id, layer, sublayer, weight, action, conditions …"""

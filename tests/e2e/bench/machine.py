@@ -1,6 +1,7 @@
 """One Windows machine under test: namespaces, prefix, service, sessions, clients, logs; and its removal."""
 
 import itertools
+import json
 import os
 import shutil
 
@@ -127,6 +128,14 @@ class Bench(Service):
     def plan_packets(self, *lines):
         """What happens to packets from now on: "reorder 10 3", "full 100 50" (docs/bench.md); none: they just pass."""
         self._replace(self.substitutes / "packets.txt", lines)
+
+    def firewall_rules(self):
+        """The rules of the Windows Firewall, in the order in which they were added."""
+        path = self.substitutes / "firewall-rules.json"
+        return json.loads(path.read_text(encoding="utf-8")) if path.exists() else []
+
+    def forget_firewall_rules(self):
+        (self.substitutes / "firewall-rules.json").unlink(missing_ok=True)
 
     @staticmethod
     def _replace(path, lines):

@@ -2,6 +2,7 @@
 
 #include "windows/engine/udp_flows_fixture.h"
 #include "windows/socks5/recording_witness.h"
+#include "windows/support/import_redirection.h"
 
 namespace ruvo::test {
 namespace {
@@ -87,9 +88,12 @@ TEST_F(UdpFlowsWitnessTest, hearsNothingOfAnAttemptThatTheStopHasEnded)
     EXPECT_EQ(m_witness.signs(), RecordingWitness::Signs());
 }
 
-TEST_F(UdpFlowsWitnessTest, hearsNothingOfAPortThatIsNone)
+TEST_F(UdpFlowsWitnessTest, hearsNothingOfAFailureOfThisMachine)
 {
-    goTo(0);
+    const ImportRedirection<IMPORT(WSASocketW)> none([](auto...) {
+        WSASetLastError(WSAEMFILE);
+        return INVALID_SOCKET;
+    });
     send(5000, "datagram");
     expectGone();
     EXPECT_EQ(m_witness.signs(), RecordingWitness::Signs());

@@ -120,12 +120,14 @@ def _entry(cells, echo, answers_pass):
     ports = {port for _, port in cells}
     if not ports:
         return []
-    port = "" if None in ports else f"th dport {_set(sorted(ports))} "
-    judged = f"meta l4proto {{ tcp, udp }} {port}socket wildcard {{ 0, 1 }}"
-    rules = [f"{judged} goto judge"]
+    # Plain comparisons, which cost the packets that they do not concern least.
+    packets = {protocol: [f"meta l4proto {protocol}"] if None in ports else
+               [f"{protocol} dport {port}" for port in sorted(ports)] for protocol in ("tcp", "udp")}
+    judged = "socket wildcard { 0, 1 } goto judge"
+    rules = [f"{packet} {judged}" for protocol in packets for packet in packets[protocol]]
     if answers_pass:
-        rules = [f"tcp flags & (syn | ack) == syn {port}socket wildcard {{ 0, 1 }} goto judge",
-                 f"{_FLOW_OUT} @taken accept", *rules]
+        begins = [f"{packet} tcp flags & (syn | ack) == syn {judged}" for packet in packets["tcp"]]
+        rules = [*begins, f"{_FLOW_OUT} @taken accept", *rules]
     return rules + ([f"{echo} goto judge_echo"] if None in ports else [])
 
 

@@ -37,7 +37,8 @@ def test_only_the_ports_in_question_are_looked_at():
     filters = rules("connect-v4", (13, "permit", "app-id", CORE), (11, "permit", "interface-index", 7),
                     (10, "block", "remote-port", 53))
     assert added("ip", filters) == [
-        "outgoing meta l4proto { tcp, udp } th dport { 53 } socket wildcard { 0, 1 } goto judge",
+        "outgoing tcp dport 53 socket wildcard { 0, 1 } goto judge",
+        "outgoing udp dport 53 socket wildcard { 0, 1 } goto judge",
         'judge socket cgroupv2 level 2 "wine" accept',
         'judge socket cgroupv2 level 2 "core" accept',
         "judge th dport 53 oif != { 7 } goto refuse",
@@ -49,9 +50,10 @@ def test_only_the_ports_in_question_are_looked_at():
 def test_what_is_blocked_whole_has_echoes_too_and_answers_that_pass():
     filters = rules("connect-v6", (13, "permit", "app-id", CORE), (12, "block", None, None))
     assert added("ip6", filters, [WINE]) == [
-        "outgoing tcp flags & (syn | ack) == syn socket wildcard { 0, 1 } goto judge",
+        "outgoing meta l4proto tcp tcp flags & (syn | ack) == syn socket wildcard { 0, 1 } goto judge",
         "outgoing meta l4proto . ip6 daddr . th dport . th sport @taken accept",
-        "outgoing meta l4proto { tcp, udp } socket wildcard { 0, 1 } goto judge",
+        "outgoing meta l4proto tcp socket wildcard { 0, 1 } goto judge",
+        "outgoing meta l4proto udp socket wildcard { 0, 1 } goto judge",
         "outgoing icmpv6 type echo-request goto judge_echo",
         'judge socket cgroupv2 level 2 "wine" accept',
         "judge goto refuse",
@@ -63,7 +65,8 @@ def test_what_is_blocked_whole_has_echoes_too_and_answers_that_pass():
 def test_a_program_may_be_refused_what_others_may():
     filters = rules("connect-v4", (13, "block", "app-id", CORE), (14, "permit", "remote-port", 80))
     assert added("ip", filters, GROUPS[1:]) == [
-        "outgoing meta l4proto { tcp, udp } socket wildcard { 0, 1 } goto judge",
+        "outgoing meta l4proto tcp socket wildcard { 0, 1 } goto judge",
+        "outgoing meta l4proto udp socket wildcard { 0, 1 } goto judge",
         "outgoing icmp type echo-request goto judge_echo",
         'judge socket cgroupv2 level 2 "core" th dport != { 80 } goto refuse',
         'judge socket cgroupv2 level 2 "core" accept',

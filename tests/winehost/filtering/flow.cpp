@@ -1,8 +1,5 @@
 #include "filtering/flow.h"
 
-#include "kernel/system_call.h"
-#include "netconfig/socket_descriptor.h"
-
 #include <cstring>
 
 namespace ruvo::winehost {
@@ -72,25 +69,36 @@ std::optional<Flow> flowTo(const sockaddr *remote, int size)
     return flow;
 }
 
-bool completeFlow(Flow &flow, SOCKET socket)
+std::optional<SocketFacts> factsOf(const Descriptor &descriptor)
 {
-    const Descriptor descriptor = descriptorOf(reinterpret_cast<HANDLE>(socket));
     std::uint8_t name[128] = {};
     std::uint32_t size = sizeof name;
     // Winsock's own getsockname would ask the Wine server.
     if (!descriptor || systemCall(SystemCall::socketName, descriptor.get(), name, &size) != 0)
-        return false;
+        return std::nullopt;
     std::uint16_t family = 0;
     std::memcpy(&family, name, sizeof family);
-    if (family == linuxIpv6 && flow.isIpv6)
-        copyAddress<Ipv6Name>(name, flow.local);
-    else if (family == linuxIpv4 && !flow.isIpv6)
-        copyAddress<Ipv4Name>(name, flow.local);
+    if (family != linuxIpv4 && family != linuxIpv6)
+        return std::nullopt;
+    SocketFacts facts;
+    facts.isIpv6 = family == linuxIpv6;
+    if (facts.isIpv6)
+        copyAddress<Ipv6Name>(name, facts.local);
     else
-        return false;
+        copyAddress<Ipv4Name>(name, facts.local);
     constexpr std::uint32_t datagramSocket = 2; // SOCK_DGRAM
-    flow.isUdp = optionOf(descriptor.get(), SocketOption::type) == datagramSocket;
-    flow.interfaceIndex = optionOf(descriptor.get(), SocketOption::boundInterface);
+    facts.isUdp = optionOf(descriptor.get(), SocketOption::type) == datagramSocket;
+    facts.interfaceIndex = optionOf(descriptor.get(), SocketOption::boundInterface);
+    return facts;
+}
+
+bool completeFlow(Flow &flow, const SocketFacts &facts)
+{
+    if (flow.isIpv6 != facts.isIpv6)
+        return false;
+    flow.local = facts.local;
+    flow.interfaceIndex = facts.interfaceIndex;
+    flow.isUdp = facts.isUdp;
     return true;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kernel/system_call.h"
+
 #include "common/winsock_headers.h"
 
 #include <array>
@@ -24,11 +26,23 @@ struct Flow
     bool operator==(const Flow &) const = default;
 };
 
-/// The remote end. Nothing for an address that is neither IPv4 nor IPv6.
+/// What the kernel knows of a socket.
+struct SocketFacts
+{
+    Flow::Address local{};
+    std::uint32_t interfaceIndex = 0; ///< as in Flow
+    bool isIpv6 = false;
+    bool isUdp = false;
+};
+
+/// Nothing if it is no socket of IPv4 or IPv6.
+std::optional<SocketFacts> factsOf(const Descriptor &descriptor);
+
+/// The remote end of a flow. Nothing for an address that is neither of IPv4 nor of IPv6.
 std::optional<Flow> flowTo(const sockaddr *remote, int size);
 
-/// Fills in the rest of what the kernel knows of the socket. False if it is none.
-bool completeFlow(Flow &flow, SOCKET socket);
+/// Fills in the rest. False if socket and address do not go together.
+bool completeFlow(Flow &flow, const SocketFacts &facts);
 
 std::string addressText(const Flow::Address &address, bool isIpv6);
 

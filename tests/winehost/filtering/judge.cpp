@@ -2,8 +2,8 @@
 
 #include "filtering/app_id.h"
 #include "filtering/engine_connection.h"
-#include "filtering/flow.h"
 #include "filtering/verdicts.h"
+#include "netconfig/socket_descriptor.h"
 
 #include <atomic>
 
@@ -103,11 +103,19 @@ Judge s_judge;
 
 bool passesFilters(SOCKET socket, const sockaddr *remote, int size)
 {
+    if (s_judge.isAbsent(GetTickCount64()))
+        return true;
+    const auto facts = factsOf(descriptorOf(reinterpret_cast<HANDLE>(socket)));
+    return !facts || passesFilters(*facts, remote, size);
+}
+
+bool passesFilters(const SocketFacts &facts, const sockaddr *remote, int size)
+{
     const ULONGLONG now = GetTickCount64();
     if (s_judge.isAbsent(now))
         return true;
     auto flow = flowTo(remote, size);
-    return !flow || !completeFlow(*flow, socket) || s_judge.passes(*flow, now);
+    return !flow || !completeFlow(*flow, facts) || s_judge.passes(*flow, now);
 }
 
 bool sendingPasses(SOCKET socket, const sockaddr *remote, int size)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/winsock_headers.h"
+#include "filtering/flow.h"
 
 namespace ruvo::winehost {
 
@@ -13,6 +13,8 @@ namespace ruvo::winehost {
 /// False for what a filter blocks: a connection, or the datagrams of a UDP socket, to `remote`. What makes no sense
 /// (a bad address, no socket) passes, as the call itself will fail.
 bool passesFilters(SOCKET socket, const sockaddr *remote, int size);
+/// The same where the socket was looked at already, which takes most of the time.
+bool passesFilters(const SocketFacts &facts, const sockaddr *remote, int size);
 /// The same for each of many datagrams: looks at the socket only when the verdict is not known.
 bool sendingPasses(SOCKET socket, const sockaddr *remote, int size);
 

@@ -1,9 +1,10 @@
 // What the program sends, judged by the filters first.
 
-#include "filtering/flow.h"
+#include "filtering/bound_sockets.h"
 #include "filtering/judge.h"
 #include "library/journal.h"
 #include "library/substitutes.h"
+#include "netconfig/socket_descriptor.h"
 #include "netconfig/socket_owners.h"
 
 #include <mswsock.h>
@@ -17,9 +18,9 @@ namespace {
 
 std::atomic<LPFN_CONNECTEX> s_connectEx = nullptr;
 
-bool passes(const char *call, SOCKET socket, const sockaddr *remote, int size)
+bool passes(const char *call, const std::optional<SocketFacts> &facts, const sockaddr *remote, int size)
 {
-    if (passesFilters(socket, remote, size))
+    if (!facts || passesFilters(*facts, remote, size))
         return true;
     if (const auto flow = flowTo(remote, size)) {
         JournalEntry(call)
@@ -31,10 +32,21 @@ bool passes(const char *call, SOCKET socket, const sockaddr *remote, int size)
     return false;
 }
 
+/// Of a socket that is to be connected; it becomes one of this program's too.
+std::optional<SocketFacts> noteSocket(SOCKET socket)
+{
+    const Descriptor descriptor = descriptorOf(reinterpret_cast<HANDLE>(socket));
+    noteOwnSocket(descriptor);
+    return factsOf(descriptor);
+}
+
 BOOL PASCAL connectSocketEx(SOCKET socket, const sockaddr *remote, int size, PVOID data, DWORD dataSize, LPDWORD sent,
                             LPOVERLAPPED overlapped)
 {
-    return passes("ConnectEx", socket, remote, size)
+    auto facts = boundSocket(socket);
+    if (!facts)
+        facts = factsOf(descriptorOf(reinterpret_cast<HANDLE>(socket)));
+    return passes("ConnectEx", facts, remote, size)
            && s_connectEx.load()(socket, remote, size, data, dataSize, sent, overlapped);
 }
 
@@ -42,15 +54,13 @@ BOOL PASCAL connectSocketEx(SOCKET socket, const sockaddr *remote, int size, PVO
 
 int WINAPI connectSocket(SOCKET socket, const sockaddr *remote, int size)
 {
-    noteOwnSocket(socket);
-    return passes("connect", socket, remote, size) ? connect(socket, remote, size) : SOCKET_ERROR;
+    return passes("connect", noteSocket(socket), remote, size) ? connect(socket, remote, size) : SOCKET_ERROR;
 }
 
 int WINAPI connectSocketByProvider(SOCKET socket, const sockaddr *remote, int size, LPWSABUF callerData,
                                    LPWSABUF calleeData, LPQOS socketQos, LPQOS groupQos)
 {
-    noteOwnSocket(socket);
-    return passes("WSAConnect", socket, remote, size)
+    return passes("WSAConnect", noteSocket(socket), remote, size)
                ? WSAConnect(socket, remote, size, callerData, calleeData, socketQos, groupQos)
                : SOCKET_ERROR;
 }

@@ -41,7 +41,10 @@ HRESULT FirewallRules::Remove(BSTR name)
 {
     return call("Remove", [&](ComCall &call) {
         call.add("name", name);
-        return name ? HRESULT_FROM_WIN32(removeStoredRule(name)) : E_INVALIDARG;
+        if (!name)
+            return E_INVALIDARG;
+        const DWORD error = removeStoredRule(name);
+        return HRESULT_FROM_WIN32(error); // a macro that looks at it several times
     });
 }
 

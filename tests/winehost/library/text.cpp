@@ -2,8 +2,9 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <charconv>
-#include <sstream>
+#include <cstddef>
 
 namespace ruvo::winehost {
 
@@ -25,18 +26,27 @@ std::wstring toWide(std::string_view text)
     return wide;
 }
 
+// Without streams: their locale takes the compiler's locks, which leave handles behind each time that a DLL that has
+// used them is freed.
 std::vector<std::vector<std::string>> wordsOfLines(std::string_view text)
 {
+    constexpr std::string_view blanks = " \t\r\v\f";
     std::vector<std::vector<std::string>> lines;
-    std::istringstream stream{std::string(text)};
-    for (std::string line; std::getline(stream, line);) {
-        line.resize(std::min(line.find('#'), line.size()));
-        std::istringstream words(line);
-        std::vector<std::string> found;
-        for (std::string word; words >> word;)
-            found.push_back(word);
-        if (!found.empty())
-            lines.push_back(std::move(found));
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        std::string_view line = text.substr(0, end);
+        text.remove_prefix(std::min(end + 1, text.size()));
+        line = line.substr(0, line.find('#'));
+        std::vector<std::string> words;
+        for (std::size_t start = line.find_first_not_of(blanks); start != line.npos;
+             start = line.find_first_not_of(blanks)) {
+            line.remove_prefix(start);
+            const std::size_t size = std::min(line.find_first_of(blanks), line.size());
+            words.emplace_back(line.substr(0, size));
+            line.remove_prefix(size);
+        }
+        if (!words.empty())
+            lines.push_back(std::move(words));
     }
     return lines;
 }

@@ -7,16 +7,18 @@
 //     finish        reset              the end of what is sent; the connection goes with a reset, now
 //     wait                             until a line comes from standard input, or its end
 // Each thing that happens is a line of JSON: "event", then what belongs to it. Exit status 0 if all steps were done.
+// Addresses are of IPv4 or IPv6. What the filters of the machine block fails with error 10013, as for any program.
 
 #include "common/winsock_headers.h"
 
 #include "common/windows_handles.h"
+#include "filtering/judge.h"
 #include "library/json_line.h"
 #include "library/text.h"
+#include "netclient/endpoint.h"
 
 #include <cstdio>
 #include <cstdlib>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,18 +47,6 @@ bool tellFailure(std::string_view call)
     const int error = WSAGetLastError();
     tell(event("failed").add("call", call).add("error", error));
     return false;
-}
-
-std::string endpointText(const sockaddr_in &endpoint)
-{
-    char text[INET_ADDRSTRLEN] = {};
-    inet_ntop(AF_INET, &endpoint.sin_addr, text, sizeof text);
-    return text + (':' + std::to_string(ntohs(endpoint.sin_port)));
-}
-
-const sockaddr *generic(const sockaddr_in &endpoint)
-{
-    return reinterpret_cast<const sockaddr *>(&endpoint);
 }
 
 /// What came and was not told yet.
@@ -161,52 +151,37 @@ bool takeSteps(Socket &socket, const std::vector<std::string> &steps)
     return true;
 }
 
-bool runTcp(const sockaddr_in &address, const std::vector<std::string> &steps)
+bool runTcp(const Endpoint &remote, const std::vector<std::string> &steps)
 {
-    Socket socket(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+    Socket socket(::socket(remote.family(), SOCK_STREAM, IPPROTO_TCP));
     setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char *>(&patienceMs), sizeof patienceMs);
-    if (!socket || connect(socket.get(), generic(address), sizeof address) != 0)
+    if (!socket || judgedConnect(socket.get(), remote.generic(), remote.size) != 0)
         return tellFailure("connect");
-    sockaddr_in local{};
-    int size = sizeof local;
-    getsockname(socket.get(), reinterpret_cast<sockaddr *>(&local), &size);
-    tell(event("connected").add("pid", GetCurrentProcessId()).add("local", std::string_view(endpointText(local))));
+    tell(event("connected")
+             .add("pid", GetCurrentProcessId())
+             .add("local", std::string_view(localEndpoint(socket.get()).text())));
     return takeSteps(socket, steps);
 }
 
-bool runUdp(const sockaddr_in &address, const std::string &text)
+bool runUdp(const Endpoint &remote, const std::string &text)
 {
-    Socket socket(::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP));
+    Socket socket(::socket(remote.family(), SOCK_DGRAM, IPPROTO_UDP));
     setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char *>(&patienceMs), sizeof patienceMs);
     const int length = static_cast<int>(text.size());
-    if (!socket || sendto(socket.get(), text.data(), length, 0, generic(address), sizeof address) != length)
+    if (!socket || judgedSendTo(socket.get(), text.data(), length, 0, remote.generic(), remote.size) != length)
         return tellFailure("sendto");
-    sockaddr_in local{};
-    int size = sizeof local;
-    getsockname(socket.get(), reinterpret_cast<sockaddr *>(&local), &size);
-    tell(event("sent").add("pid", GetCurrentProcessId()).add("local", std::string_view(endpointText(local))));
+    tell(event("sent")
+             .add("pid", GetCurrentProcessId())
+             .add("local", std::string_view(localEndpoint(socket.get()).text())));
     static char answer[65536];
-    sockaddr_in from{};
-    int fromSize = sizeof from;
-    const int count =
-        recvfrom(socket.get(), answer, sizeof answer, 0, reinterpret_cast<sockaddr *>(&from), &fromSize);
+    Endpoint from;
+    const int count = recvfrom(socket.get(), answer, sizeof answer, 0, from.generic(), &from.size);
     if (count < 0)
         return tellFailure("recvfrom");
     tell(event("answer")
-             .add("from", std::string_view(endpointText(from)))
+             .add("from", std::string_view(from.text()))
              .add("text", std::string_view(answer, static_cast<std::size_t>(count))));
     return true;
-}
-
-std::optional<sockaddr_in> parseEndpoint(const std::string &address, const std::string &port)
-{
-    sockaddr_in endpoint{};
-    endpoint.sin_family = AF_INET;
-    const auto number = toNumber(port);
-    if (!number || *number > 65535 || inet_pton(AF_INET, address.c_str(), &endpoint.sin_addr) != 1)
-        return std::nullopt;
-    endpoint.sin_port = htons(static_cast<u_short>(*number));
-    return endpoint;
 }
 
 int run(const std::vector<std::string> &words)

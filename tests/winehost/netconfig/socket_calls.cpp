@@ -2,6 +2,7 @@
 // socket would go where the routes lead, into the tunnel that it is to go around. And the program's sockets as the
 // tables of owners have to know them, before their first packet shows them to anybody.
 
+#include "filtering/bound_sockets.h"
 #include "kernel/links.h"
 #include "kernel/system_call.h"
 #include "library/faults.h"
@@ -20,11 +21,10 @@ namespace ruvo::winehost {
 
 namespace {
 
-int bindToDevice(SOCKET socket, const Link &link)
+int bindToDevice(const Descriptor &descriptor, const Link &link)
 {
     constexpr int socketLevel = 1;         // SOL_SOCKET
     constexpr int bindToDeviceOption = 25; // SO_BINDTODEVICE
-    const Descriptor descriptor = descriptorOf(reinterpret_cast<HANDLE>(socket));
     if (!descriptor)
         return linux_error::invalid;
     return static_cast<int>(-systemCall(SystemCall::setSocketOption, descriptor.get(), socketLevel,
@@ -44,7 +44,9 @@ int WINAPI setSocketOption(SOCKET socket, int level, int option, const char *val
     JournalEntry entry("setsockopt");
     entry.add("unicast-interface", index);
     const auto link = linkByIndex(index);
-    const int error = link ? bindToDevice(socket, *link) : linux_error::noDevice;
+    const Descriptor descriptor = descriptorOf(reinterpret_cast<HANDLE>(socket));
+    const int error = link ? bindToDevice(descriptor, *link) : linux_error::noDevice;
+    noteBoundSocket(socket, descriptor);
     entry.add("result", error == 0);
     if (error != 0)
         entry.add("linux-error", error);
@@ -85,8 +87,12 @@ int WINAPI bindSocket(SOCKET socket, const sockaddr *address, int size)
         WSASetLastError(static_cast<int>(*error));
         return SOCKET_ERROR;
     }
-    noteOwnSocket(socket);
-    return bind(socket, address, size);
+    const Descriptor descriptor = descriptorOf(reinterpret_cast<HANDLE>(socket));
+    noteOwnSocket(descriptor);
+    const int result = bind(socket, address, size);
+    if (result == 0)
+        noteBoundSocket(socket, descriptor);
+    return result;
 }
 
 } // namespace ruvo::winehost

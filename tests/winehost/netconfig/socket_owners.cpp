@@ -95,12 +95,11 @@ DWORD ownerOf(std::uint32_t inode)
     return placeOf(inode) == inode ? GetCurrentProcessId() : inode | deputyMark;
 }
 
-void noteOwnSocket(SOCKET socket)
+void noteOwnSocket(const Descriptor &socket)
 {
-    const Descriptor descriptor = descriptorOf(reinterpret_cast<HANDLE>(socket));
-    if (!descriptor)
+    if (!socket)
         return;
-    if (const std::uint32_t inode = inodeOf(descriptor.get()))
+    if (const std::uint32_t inode = inodeOf(socket.get()))
         placeOf(inode) = inode;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kernel/system_call.h"
+
 #include "common/winsock_headers.h"
 
 #include <cstdint>
@@ -16,7 +18,7 @@ namespace ruvo::winehost {
 DWORD ownerOf(std::uint32_t inode);
 
 /// Notes a socket of this process, before others can see where it goes.
-void noteOwnSocket(SOCKET socket);
+void noteOwnSocket(const Descriptor &socket);
 
 /// A process of Windows, or, where that is 0, one of Linux.
 struct SocketOwner
