@@ -110,7 +110,8 @@ protected:
     }
 
     /// What a copy of netclient.exe prints that tries to reach the port.
-    std::string tried(const std::filesystem::path &program, const char *protocol) const
+    std::string tried(const std::filesystem::path &program, const char *protocol,
+                      const wchar_t *address = L"127.0.0.1") const
     {
         SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
         const std::filesystem::path path = programFolder() / "netclient.txt";
@@ -122,8 +123,8 @@ protected:
             startup.dwFlags = STARTF_USESTDHANDLES;
             startup.hStdOutput = output.get();
             startup.hStdError = output.get();
-            std::wstring line =
-                L"netclient " + std::filesystem::path(protocol).wstring() + L" 127.0.0.1 " + std::to_wstring(port());
+            std::wstring line = L"netclient " + std::filesystem::path(protocol).wstring() + L" " + address + L" "
+                                + std::to_wstring(port());
             PROCESS_INFORMATION information{};
             EXPECT_TRUE(CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
                                        &startup, &information));
@@ -272,6 +273,25 @@ TEST_F(JudgeTest, anotherProgramIsWhereItsFileLies)
     all.weight.uint8 = 9;
     EXPECT_EQ(FwpmFilterAdd0(m_engine, &all, nullptr, nullptr), DWORD{NO_ERROR});
     EXPECT_THAT(tried(other, "tcp"), HasSubstr(blocked));
+}
+
+TEST_F(JudgeTest, ipv6HasLayersOfItsOwn)
+{
+    ASSERT_EQ(linuxOutput("sysctl -qw net.ipv6.conf.lo.disable_ipv6=0"), "");
+    const Socket listener(::socket(AF_INET6, SOCK_STREAM, 0));
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = IN6ADDR_LOOPBACK_INIT;
+    address.sin6_port = m_address.sin_port;
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener.get(), 5), 0);
+
+    const std::filesystem::path program = copyOfNetclient(programFolder() / "elsewhere" / "six.exe");
+    block();
+    EXPECT_THAT(tried(program, "tcp", L"::1"), HasSubstr(R"("local":"[::1]:)"));
+    block({}, "connect-v6");
+    EXPECT_THAT(tried(program, "tcp", L"::1"), HasSubstr(blocked));
+    linuxOutput("sysctl -qw net.ipv6.conf.lo.disable_ipv6=1");
 }
 
 } // namespace ruvo::test
