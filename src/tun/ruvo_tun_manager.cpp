@@ -5,6 +5,8 @@
 
 #include <QCoreApplication>
 
+#include <exception>
+
 namespace ruvo {
 
 namespace {
@@ -39,23 +41,33 @@ QJsonObject RuvoTunManager::start(const QJsonObject &config)
     const auto configuration = parseTunnelConfiguration(config);
     if (!configuration)
         return failure(configuration.error());
-    m_tunnel = makeTunnel(*configuration);
-    const auto started = m_tunnel->start(configuration->adapterName.toStdWString(), configuration->tunnelIp,
-                                         prefixLength, m_wintunLibraryPath.toStdWString());
-    if (!started) {
+    if (const std::expected<void, QString> started = bringUp(*configuration); !started) {
+        m_routeManager.reset();
         m_tunnel.reset();
-        const QString error = QString::fromStdString(started.error());
-        qCCritical(lcRuvod) << error;
-        emit tunError(error);
-        return failure(error);
+        qCCritical(lcRuvod) << started.error();
+        emit tunError(started.error());
+        return failure(started.error());
     }
-
-    routeIntoTunnel(*configuration);
     m_started = true;
     m_adapterName = configuration->adapterName;
     qCDebug(lcRuvod) << "RuvoTunManager: TUN started with adapter" << m_adapterName;
     emit tunStarted();
     return {{"success", true}, {"adapter-name", m_adapterName}, {"tunnel-ip", configuration->tunnelIpText}};
+}
+
+/// On failure the caller lets go of what is there already. Want of threads or memory is a failure like any other:
+/// left to the event loop, it would be the end of every client's processes too.
+std::expected<void, QString> RuvoTunManager::bringUp(const TunnelConfiguration &configuration)
+try {
+    m_tunnel = makeTunnel(configuration);
+    const auto started = m_tunnel->start(configuration.adapterName.toStdWString(), configuration.tunnelIp,
+                                         prefixLength, m_wintunLibraryPath.toStdWString());
+    if (!started)
+        return std::unexpected(QString::fromStdString(started.error()));
+    routeIntoTunnel(configuration);
+    return {};
+} catch (const std::exception &error) {
+    return std::unexpected(QString("Failed to start the tunnel: ") + QString::fromLocal8Bit(error.what()));
 }
 
 std::unique_ptr<Tunnel> RuvoTunManager::makeTunnel(const TunnelConfiguration &configuration)

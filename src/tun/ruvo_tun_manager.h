@@ -8,6 +8,7 @@
 #include <QObject>
 #include <QString>
 
+#include <expected>
 #include <memory>
 
 namespace ruvo {
@@ -40,6 +41,7 @@ signals:
     void proxyHealthCheckFailed();
 
 private:
+    std::expected<void, QString> bringUp(const TunnelConfiguration &configuration);
     std::unique_ptr<Tunnel> makeTunnel(const TunnelConfiguration &configuration);
     void routeIntoTunnel(const TunnelConfiguration &configuration);
     void takeDown();

@@ -6,12 +6,17 @@
 #include "support/qt_printers.h"
 #include "support/wait_until.h"
 #include "windows/netcfg/namespace_test.h"
+#include "windows/support/import_redirection.h"
 
 #include <gmock/gmock.h>
+
+#include <process.h>
 
 #include <QJsonArray>
 #include <QStringList>
 
+#include <atomic>
+#include <cerrno>
 #include <optional>
 
 namespace ruvo::test {
@@ -200,6 +205,40 @@ TEST_F(RuvoTunManagerTest, saysWhatMadeTheStartFailAndCleansUp)
     EXPECT_EQ(tunLinks(), "");
     EXPECT_EQ(m_manager->stop(), notRunning);
     EXPECT_EQ(m_manager->start({}), started());
+}
+
+TEST_F(RuvoTunManagerTest, refusesAStartThatThereIsNoThreadFor)
+{
+    // Each of the tunnel's own threads in turn, with all that the others have begun; at last none fails.
+    for (int failing = 1;; ++failing) {
+        ASSERT_LT(failing, 100);
+        std::atomic<int> threads = 0;
+        QJsonObject answer;
+        {
+            const ImportRedirection<IMPORT(_beginthreadex)> noThread([&](auto... arguments) -> uintptr_t {
+                if (++threads == failing) {
+                    errno = EAGAIN;
+                    return 0;
+                }
+                return noThread.real(arguments...);
+            });
+            answer = m_manager->start({});
+        }
+        if (answer["success"].toBool()) {
+            EXPECT_GE(failing, 3) << "a worker, flow control, the reader";
+            break;
+        }
+        const QString text = answer["error"].toString();
+        EXPECT_TRUE(text.startsWith("Failed to start the tunnel: ")) << qPrintable(text);
+        EXPECT_EQ(m_log.lines().constLast(), "CRITICAL \"" + text + '"');
+        EXPECT_EQ(m_signals.takeLast(), "error " + text);
+        EXPECT_EQ(m_manager->status(), idle);
+        EXPECT_EQ(m_manager->stop(), notRunning);
+        EXPECT_EQ(tunLinks(), "");
+        EXPECT_THAT(routes("0.0.0.0/1"), IsEmpty());
+        EXPECT_EQ(journal("FwpmEngineClose0").size(), static_cast<std::size_t>(failing)) << "its filters have gone";
+    }
+    EXPECT_EQ(m_signals, QStringList{"started"});
 }
 
 TEST_F(RuvoTunManagerTest, cleansUpATunnelThatDiedWhenItStartsTheNext)

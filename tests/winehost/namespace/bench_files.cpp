@@ -20,8 +20,8 @@ std::filesystem::path benchFolder()
 
 void clearBenchFolder()
 {
-    for (const char *name : {"journal.jsonl", "faults.txt", "packets.txt", "netconfig.txt", "adapters.txt",
-                             "firewall-rules.json"})
+    for (const char *name :
+         {"journal.jsonl", "faults.txt", "packets.txt", "netconfig.txt", "adapters.txt", "firewall-rules.json"})
         std::filesystem::remove(benchFolder() / name);
 }
 
