@@ -2,11 +2,13 @@
 
 import time
 from collections import namedtuple
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
 from bench import core, guest, sockets, traffic, tunnel
 from bench.network import SERVER6
+from bench.scripted_proxy import Forwarder
 from bench.scripted_socks import Socks
 from bench.waiting import wait_for
 
@@ -100,6 +102,34 @@ def test_everybody_is_told_once_of_a_core_that_died(running, tunnel_client, path
         path.attempt(running)
     expect_told(clients, 1)
     assert [line.rpartition(" ")[2] for line in death_lines(running)] == [str(path.port)]
+
+
+def test_everybody_is_told_of_a_core_that_hangs(running, core_client):
+    """It lets everybody connect and says nothing: each connection fails after its ten seconds."""
+    expect_in_log(running)
+    clients = [core_client, running.client()]
+    with Forwarder(running, PROXY, core.PROXY_PORT) as proxy:
+        tunnel.start(core_client, proxy_port=PROXY, direct_port=core.DIRECT_PORT)
+        assert is_echoed(running)
+        proxy.mute = True
+        with ThreadPoolExecutor(LIMIT) as pool:
+            failures = [pool.submit(time_of_end, running) for _ in range(LIMIT)]
+            wait_until_told(clients, 1, 40)
+            took = time.monotonic() - max(failure.result(20) for failure in failures)
+        print(f"\ntold {took:.2f} s after the fifth connection failed")
+        assert took < DETECTION
+        expect_told(clients, 1)
+        tunnel.stop(core_client)
+
+
+def time_of_end(bench):
+    """When a connection that nobody answers has ended."""
+    with sockets.tcp(bench, (traffic.SERVER, 80), timeout=30) as connection:
+        try:
+            assert connection.recv(1) == b""
+        except ConnectionError:
+            pass
+        return time.monotonic()
 
 
 def test_without_traffic_nobody_looks_and_a_second_death_is_news(running, tunnel_client):

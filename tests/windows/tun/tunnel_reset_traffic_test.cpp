@@ -2,6 +2,8 @@
 
 #include "windows/tun/tunnel_test.h"
 
+#include "packet/packet_builder.h"
+#include "packet/packet_headers.h"
 #include "support/qt_printers.h"
 #include "support/wait_until.h"
 #include "windows/nat/nat_test.h"
@@ -15,6 +17,7 @@
 #include <atomic>
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace ruvo::test {
@@ -243,6 +246,94 @@ TEST_F(TunnelResetTraffic, isRepeatedWhileConnectionsBegin)
     m_tunnel->resetConnections();
     EXPECT_TRUE(waitUntil([&] { return m_tunnel->operationsInFlight() == idle; })) << m_tunnel->operationsInFlight();
     EXPECT_TRUE(waitUntil([this] { return m_proxy.open() == 0; })) << m_proxy.open();
+}
+
+/// Holds up every thread that logs a line with `text`, before anything comes of it, until it is let go.
+class HeldUpLog
+{
+public:
+    explicit HeldUpLog(const QString &text)
+    {
+        s_text = text;
+        s_previous = qInstallMessageHandler(&handle);
+    }
+    ~HeldUpLog()
+    {
+        letGo();
+        qInstallMessageHandler(s_previous);
+    }
+    bool isHolding() const { return s_isHolding; }
+    void letGo() { SetEvent(s_letGo.get()); }
+
+private:
+    static void handle(QtMsgType type, const QMessageLogContext &context, const QString &message)
+    {
+        if (message.contains(s_text)) {
+            s_isHolding = true;
+            WaitForSingleObject(s_letGo.get(), 20'000);
+        }
+        s_previous(type, context, message);
+    }
+
+    inline static QString s_text;
+    inline static QtMessageHandler s_previous = nullptr;
+    inline static std::atomic<bool> s_isHolding = false;
+    inline static const KernelHandle s_letGo{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+};
+
+TEST_F(TunnelResetTraffic, endsAConnectionThatWasPastTheGateBeforeItWasShut)
+{
+    const Socket mute = listeningSocket();
+    ASSERT_NO_FATAL_FAILURE(startWith({.directPort = portOf(mute.get()), .bypassIps = {0xCB007109}}));
+    const std::int64_t idle = m_tunnel->operationsInFlight();
+    const PacketBytes opening = buildTcpPacket(0xC0000209, 30000, 0xCB007109, 80, 1, 0, tcpSyn, nullptr, 0);
+    HeldUpLog log("[PORT] destIp"); // as its way is decided, it stands in no table yet
+    std::thread reader([&] { m_tunnel->dispatchPacket(opening.data(), opening.size()); });
+    EXPECT_TRUE(waitUntil([&] { return log.isHolding(); }));
+    std::int64_t meanwhile = 0;
+    {
+        const ImportRedirection<IMPORT(Sleep)> lateArrival([&](DWORD time) {
+            if (time == 100 && reader.joinable()) { // the tables have just been emptied
+                log.letGo();
+                reader.join();
+                meanwhile = m_tunnel->operationsInFlight();
+            }
+            lateArrival.real(time);
+        });
+        m_tunnel->resetConnections();
+    }
+    EXPECT_FALSE(reader.joinable());
+    EXPECT_GT(meanwhile, idle) << "the engine connects";
+    EXPECT_TRUE(waitUntil([&] { return m_tunnel->operationsInFlight() == idle; })) << m_tunnel->operationsInFlight();
+}
+
+TEST_F(TunnelResetTraffic, dropsDatagramsThatTheRelayDoesNotTakeMeanwhile)
+{
+    const KernelHandle goesOn(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    std::atomic<int> requests = 0;
+    const ParallelProxy proxy([&](ProxyConnection &client, int) {
+        client.receive(3);
+        client.send(QByteArray::fromHex("0500"));
+        if (client.receive(10).size() < 10)
+            return;
+        ++requests;
+        WaitForSingleObject(goesOn.get(), 20'000);
+        client.send(QByteArray::fromHex("05010001000000000000"));
+    });
+    ASSERT_NO_FATAL_FAILURE(startTowards(proxy.port()));
+    const PacketBytes datagram =
+        buildUdpPacket(tunnelIp, 5000, 0xCB007109, 443, reinterpret_cast<const std::uint8_t *>("ping"), 4);
+    m_tunnel->dispatchPacket(datagram.data(), datagram.size());
+    EXPECT_TRUE(waitUntil([&] { return requests == 1; }));
+    m_tunnel->resetConnections();
+    SetEvent(goesOn.get());
+    EXPECT_TRUE(waitUntil([this] { return m_log.contains("[UDP-NAT] Failed to create SOCKS5 UDP session"); }));
+    waitForGate();
+    EXPECT_EQ(requests, 1) << "none for a flow of its own";
+
+    m_tunnel->dispatchPacket(datagram.data(), datagram.size());
+    EXPECT_TRUE(waitUntil([&] { return requests == 3; })) << "the relay's and the flow's";
+    m_tunnel->stop();
 }
 
 TEST_F(TunnelResetTraffic, leavesRelaysAlone)

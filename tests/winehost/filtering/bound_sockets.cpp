@@ -33,6 +33,14 @@ void noteBoundSocket(SOCKET socket, const Descriptor &descriptor)
     place.facts = facts.value_or(SocketFacts());
 }
 
+void forgetBoundSocket(SOCKET socket)
+{
+    Place &place = placeOf(socket);
+    const std::lock_guard lock(place.lock);
+    if (place.socket == socket)
+        place.socket = INVALID_SOCKET;
+}
+
 std::optional<SocketFacts> boundSocket(SOCKET socket)
 {
     Place &place = placeOf(socket);

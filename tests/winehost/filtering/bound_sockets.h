@@ -9,6 +9,9 @@ namespace ruvo::winehost {
 
 void noteBoundSocket(SOCKET socket, const Descriptor &descriptor);
 
+/// For a new socket: its handle may have been another's.
+void forgetBoundSocket(SOCKET socket);
+
 /// Nothing for a socket that was not noted, or too long ago: others have taken its place.
 std::optional<SocketFacts> boundSocket(SOCKET socket);
 

@@ -110,7 +110,8 @@ protected:
     }
 
     /// What a copy of netclient.exe prints that tries to reach the port.
-    std::string tried(const std::filesystem::path &program, const char *protocol) const
+    std::string tried(const std::filesystem::path &program, const char *protocol,
+                      const wchar_t *address = L"127.0.0.1") const
     {
         SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
         const std::filesystem::path path = programFolder() / "netclient.txt";
@@ -122,8 +123,8 @@ protected:
             startup.dwFlags = STARTF_USESTDHANDLES;
             startup.hStdOutput = output.get();
             startup.hStdError = output.get();
-            std::wstring line =
-                L"netclient " + std::filesystem::path(protocol).wstring() + L" 127.0.0.1 " + std::to_wstring(port());
+            std::wstring line = L"netclient " + std::filesystem::path(protocol).wstring() + L" " + address + L" "
+                                + std::to_wstring(port());
             PROCESS_INFORMATION information{};
             EXPECT_TRUE(CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
                                        &startup, &information));
@@ -140,7 +141,7 @@ protected:
     static std::filesystem::path copyOfNetclient(const std::filesystem::path &path)
     {
         std::filesystem::create_directories(path.parent_path());
-        std::filesystem::copy_file(RUVOD_NETCLIENT, path, std::filesystem::copy_options::overwrite_existing);
+        EXPECT_TRUE(CopyFileW(L"" RUVOD_NETCLIENT, path.c_str(), FALSE)) << GetLastError();
         return path;
     }
 
@@ -178,6 +179,30 @@ TEST_F(JudgeTest, whatAFilterBlocksFailsAsOnWindows)
     EXPECT_EQ(connectExError(), 0);
     EXPECT_EQ(sendError(sender.get()), 0);
     EXPECT_EQ(sendPartsError(sender.get()), 0);
+}
+
+TEST_F(JudgeTest, aBoundSocketIsJudgedByWhatItWasBoundTo)
+{
+    const auto boundSender = [](const char *address) {
+        Socket made(WSASocketW(AF_INET, SOCK_DGRAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED));
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        inet_pton(AF_INET, address, &local.sin_addr);
+        EXPECT_EQ(bind(made.get(), reinterpret_cast<const sockaddr *>(&local), sizeof local), 0);
+        return made;
+    };
+    const UINT64 id = block();
+    {
+        const Socket sender = boundSender("127.0.0.1");
+        EXPECT_EQ(sendError(sender.get()), WSAEACCES);
+        EXPECT_EQ(sendPartsError(sender.get()), WSAEACCES);
+        unblock(id);
+        EXPECT_EQ(sendError(sender.get()), 0);
+        EXPECT_EQ(sendPartsError(sender.get()), 0);
+    }
+    block();
+    const Socket unbound(WSASocketW(AF_INET, SOCK_DGRAM, 0, nullptr, 0, WSA_FLAG_OVERLAPPED)); // perhaps its handle
+    EXPECT_EQ(sendError(unbound.get()), WSAEACCES);
 }
 
 TEST_F(JudgeTest, filtersOfOtherProgramsLayersAndPortsDoNotMatter)
@@ -248,6 +273,25 @@ TEST_F(JudgeTest, anotherProgramIsWhereItsFileLies)
     all.weight.uint8 = 9;
     EXPECT_EQ(FwpmFilterAdd0(m_engine, &all, nullptr, nullptr), DWORD{NO_ERROR});
     EXPECT_THAT(tried(other, "tcp"), HasSubstr(blocked));
+}
+
+TEST_F(JudgeTest, ipv6HasLayersOfItsOwn)
+{
+    ASSERT_EQ(linuxOutput("sysctl -qw net.ipv6.conf.lo.disable_ipv6=0"), "");
+    const Socket listener(::socket(AF_INET6, SOCK_STREAM, 0));
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = IN6ADDR_LOOPBACK_INIT;
+    address.sin6_port = m_address.sin_port;
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener.get(), 5), 0);
+
+    const std::filesystem::path program = copyOfNetclient(programFolder() / "elsewhere" / "six.exe");
+    block();
+    EXPECT_THAT(tried(program, "tcp", L"::1"), HasSubstr(R"("local":"[::1]:)"));
+    block({}, "connect-v6");
+    EXPECT_THAT(tried(program, "tcp", L"::1"), HasSubstr(blocked));
+    linuxOutput("sysctl -qw net.ipv6.conf.lo.disable_ipv6=1");
 }
 
 } // namespace ruvo::test

@@ -40,6 +40,15 @@ std::optional<SocketFacts> noteSocket(SOCKET socket)
     return factsOf(descriptor);
 }
 
+bool datagramPasses(SOCKET socket, const sockaddr *remote, int size)
+{
+    const auto facts = boundSocket(socket);
+    if (facts ? passesFilters(*facts, remote, size) : sendingPasses(socket, remote, size))
+        return true;
+    WSASetLastError(WSAEACCES);
+    return false;
+}
+
 BOOL PASCAL connectSocketEx(SOCKET socket, const sockaddr *remote, int size, PVOID data, DWORD dataSize, LPDWORD sent,
                             LPOVERLAPPED overlapped)
 {
@@ -67,17 +76,16 @@ int WINAPI connectSocketByProvider(SOCKET socket, const sockaddr *remote, int si
 
 int WINAPI sendDatagram(SOCKET socket, const char *data, int dataSize, int flags, const sockaddr *remote, int size)
 {
-    return judgedSendTo(socket, data, dataSize, flags, remote, size);
+    return datagramPasses(socket, remote, size) ? sendto(socket, data, dataSize, flags, remote, size) : SOCKET_ERROR;
 }
 
 int WINAPI sendDatagramParts(SOCKET socket, LPWSABUF parts, DWORD count, LPDWORD sent, DWORD flags,
                              const sockaddr *remote, int size, LPWSAOVERLAPPED overlapped,
                              LPWSAOVERLAPPED_COMPLETION_ROUTINE routine)
 {
-    if (sendingPasses(socket, remote, size))
-        return WSASendTo(socket, parts, count, sent, flags, remote, size, overlapped, routine);
-    WSASetLastError(WSAEACCES);
-    return SOCKET_ERROR;
+    return datagramPasses(socket, remote, size)
+               ? WSASendTo(socket, parts, count, sent, flags, remote, size, overlapped, routine)
+               : SOCKET_ERROR;
 }
 
 int WINAPI controlSocket(SOCKET socket, DWORD code, LPVOID input, DWORD inputSize, LPVOID output, DWORD outputSize,

@@ -60,7 +60,9 @@ SOCKET WINAPI openSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW
         WSASetLastError(static_cast<int>(*error));
         return INVALID_SOCKET;
     }
-    return WSASocketW(family, type, protocol, information, group, flags);
+    const SOCKET made = WSASocketW(family, type, protocol, information, group, flags);
+    forgetBoundSocket(made);
+    return made;
 }
 
 int WINAPI listenOnSocket(SOCKET socket, int backlog)
