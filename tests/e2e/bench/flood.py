@@ -26,6 +26,7 @@ class Flood:
         # No proxy runs that could carry them; 10004 is a connect that a stop ended.
         bench.log.allow(r"^\[UDP-NAT\] Failed to (connect to SOCKS5 proxy: 100(61|04)$|create SOCKS5 UDP session for )")
         bench.log.allow(r"^\[UDP-NAT\] Forward failed, falling back to old handler$")
+        bench.log.allow(r"^\[RUVO-TUN\] The proxy does not answer any more on port 10808$")
         words = [*bench.network.enter(role), sys.executable, "-B", Path(__file__).resolve(), address, port, size]
         self._command = list(map(str, words))
         self._senders = senders
