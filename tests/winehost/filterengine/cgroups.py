@@ -34,11 +34,6 @@ def _mount():
         os.close(mount)
 
 
-def _write_pid(path, pid):
-    with open(f"{path}/cgroup.procs", "w", encoding="ascii") as file:
-        file.write(str(pid))
-
-
 def _pids(path):
     with open(f"{path}/cgroup.procs", encoding="ascii") as file:
         return [int(line) for line in file]
@@ -97,9 +92,6 @@ class Groups:
 
     def nftables_path(self, name):
         return os.path.relpath(self.path(name), _NFTABLES_ROOT)
-
-    def enter(self, name, pid):
-        _write_pid(self.path(name), pid)
 
     def remove(self):
         """Ends what still is in the groups, and removes them."""
