@@ -63,7 +63,7 @@ void TcpConnection::startUpstreamConnect()
 
 void TcpConnection::onExchangeEnded(Result result)
 {
-    tell(m_services.proxyWitness, m_upstream.port, proxySignOf(result));
+    tell(m_services.proxyWitness, m_upstream.port, proxySightingOf(result));
     if (result)
         return orEnd([&] { onEstablished(std::move(*result)); });
     // The outcome may have been on its way already when the application gave up.

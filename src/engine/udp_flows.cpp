@@ -144,7 +144,7 @@ void UdpFlows::forget(const UdpFlow &flow)
 
 void UdpFlows::onControlCompleted(const UdpFlowPtr &flow, PortExchange::Outcome outcome)
 {
-    tell(m_services.proxyWitness, flow->upstreamPort(), proxySignOf(outcome));
+    tell(m_services.proxyWitness, flow->upstreamPort(), proxySightingOf(outcome));
     if (!outcome) {
         m_log.exchangeFailed(outcome.error());
         return cleanupFlow(flow);

@@ -2,6 +2,7 @@
 
 #include "common/winsock_headers.h"
 
+#include <mstcpip.h>
 #include <mswsock.h>
 
 #include <cstdint>
@@ -41,6 +42,19 @@ inline void setNoDelay(SOCKET socket)
 {
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char *>(&on), sizeof(on));
+}
+
+/// Windows takes a refusal for a mistake and asks twice more, half a second apart; if the peer (host order) is on
+/// this machine the first one is the truth. Before connecting; failure does not matter.
+inline void takeRefusalAtOnce(SOCKET socket, std::uint32_t peer)
+{
+    constexpr std::uint32_t loopbackNetwork = 127;
+    if (peer >> 24 != loopbackNetwork)
+        return;
+    TCP_INITIAL_RTO_PARAMETERS once{.Rtt = TCP_INITIAL_RTO_UNSPECIFIED_RTT,
+                                    .MaxSynRetransmissions = TCP_INITIAL_RTO_NO_SYN_RETRANSMISSIONS};
+    DWORD size = 0;
+    WSAIoctl(socket, SIO_TCP_INITIAL_RTO, &once, sizeof(once), nullptr, 0, &size, nullptr, nullptr);
 }
 
 /// False: WSAGetLastError tells why, and calls on the socket still block.

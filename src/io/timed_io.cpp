@@ -22,8 +22,8 @@ int connectWithin(SocketWait &wait, SOCKET socket, const sockaddr_in &address, S
     return wait.detach(socket) ? NO_ERROR : WSAGetLastError();
 }
 
-bool sendWithin(SocketWait &wait, SOCKET socket, std::span<const std::uint8_t> bytes,
-                SocketWait::Clock::time_point deadline)
+int sendWithin(SocketWait &wait, SOCKET socket, std::span<const std::uint8_t> bytes,
+               SocketWait::Clock::time_point deadline)
 {
     bool waitsForRoom = false;
     while (!bytes.empty()) {
@@ -33,28 +33,30 @@ bool sendWithin(SocketWait &wait, SOCKET socket, std::span<const std::uint8_t> b
             bytes = bytes.subspan(static_cast<std::size_t>(sent));
             continue;
         }
-        if (WSAGetLastError() != WSAEWOULDBLOCK)
-            return false;
+        if (const int error = WSAGetLastError(); error != WSAEWOULDBLOCK)
+            return error;
         if (!waitsForRoom && !wait.attach(socket, writingEvents))
-            return false;
+            return WSAGetLastError();
         waitsForRoom = true;
-        if (wait.wait(socket, deadline) != NO_ERROR)
-            return false;
+        if (const int error = wait.wait(socket, deadline); error != NO_ERROR)
+            return error;
     }
-    return !waitsForRoom || wait.detach(socket);
+    return !waitsForRoom || wait.detach(socket) ? NO_ERROR : WSAGetLastError();
 }
 
-std::size_t receiveWithin(SocketWait &wait, SOCKET socket, std::span<std::uint8_t> room,
-                          SocketWait::Clock::time_point deadline)
+int receiveWithin(SocketWait &wait, SOCKET socket, std::span<std::uint8_t> room,
+                  SocketWait::Clock::time_point deadline, std::size_t &count)
 {
-    std::size_t total = 0;
-    while (total < room.size()) {
-        std::size_t count = 0;
-        if (wait.receive(socket, room.subspan(total), deadline, count) != NO_ERROR || count == 0)
+    count = 0;
+    while (count < room.size()) {
+        std::size_t more = 0;
+        if (const int error = wait.receive(socket, room.subspan(count), deadline, more); error != NO_ERROR)
+            return error;
+        if (more == 0)
             break;
-        total += count;
+        count += more;
     }
-    return total;
+    return NO_ERROR;
 }
 
 } // namespace ruvo

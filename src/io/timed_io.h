@@ -14,11 +14,12 @@ namespace ruvo {
 /// Connects and leaves the socket non-blocking. NO_ERROR, or the WSA error.
 int connectWithin(SocketWait &wait, SOCKET socket, const sockaddr_in &address,
                   SocketWait::Clock::time_point deadline);
-/// Whether all of it went out.
-bool sendWithin(SocketWait &wait, SOCKET socket, std::span<const std::uint8_t> bytes,
-                SocketWait::Clock::time_point deadline);
-/// How many bytes came: fewer than there is room for at the end of the stream, an error or the deadline.
-std::size_t receiveWithin(SocketWait &wait, SOCKET socket, std::span<std::uint8_t> room,
-                          SocketWait::Clock::time_point deadline);
+/// NO_ERROR once all of it went out, or the WSA error.
+int sendWithin(SocketWait &wait, SOCKET socket, std::span<const std::uint8_t> bytes,
+               SocketWait::Clock::time_point deadline);
+/// NO_ERROR once as much came as there is room for, or the stream has ended before; or the WSA error. `count` bytes
+/// came in any case.
+int receiveWithin(SocketWait &wait, SOCKET socket, std::span<std::uint8_t> room,
+                  SocketWait::Clock::time_point deadline, std::size_t &count);
 
 } // namespace ruvo

@@ -178,7 +178,7 @@ void RelayConnector::askProxy(const PendingClientPtr &client, const socks5::Sock
         return proxyRefused(client, byName);
     begin(client, {.peer = {*m_proxyAddress, client->route.proxyPort}, .request = std::move(bytes)},
           [this, client, byName](PortExchange::Outcome outcome) {
-              tell(m_questions.proxyWitness, client->route.proxyPort, proxySignOf(outcome));
+              tell(m_questions.proxyWitness, client->route.proxyPort, proxySightingOf(outcome));
               orForget(client, [&] {
                   if (outcome)
                       return startRelay(client, std::move(*outcome));

@@ -83,9 +83,7 @@ void UdpNatRelay::open(const UdpWaitingFlows::Opening &flow)
         session = std::make_shared<UdpNatSession>(flow.key, flow.target,
                                                   flow.target.port == dnsPort ? m_directPort : m_proxyPort);
         const bool isOpen = session->open(m_proxyHost, m_stopEvent, *m_completionPort);
-        // What the stop has cut off tells nothing of the proxy.
-        if (!isStopping())
-            tell(m_proxyWitness, session->socksPort(), session->proxySign());
+        tell(m_proxyWitness, session->socksPort(), session->proxySighting());
         if (!isOpen)
             return giveUp(flow);
         isOurs = insert(session);

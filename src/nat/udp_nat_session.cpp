@@ -71,7 +71,7 @@ bool UdpNatSession::connectControl(const std::wstring &proxyHost, HANDLE stopEve
         return false;
     SocketWait wait(stopEvent);
     if (const int error = connectWithin(wait, m_control.get(), proxy, within(connectTimeout)); error != NO_ERROR) {
-        m_proxySign = proxySignOfConnect(error);
+        m_proxySighting = proxySightingOfConnect(error);
         qCWarning(lcRuvod) << "[UDP-NAT] Failed to connect to SOCKS5 proxy:" << error;
         return false;
     }
@@ -81,8 +81,8 @@ bool UdpNatSession::connectControl(const std::wstring &proxyHost, HANDLE stopEve
 bool UdpNatSession::associateWithProxy(SocketWait &wait, std::uint32_t proxyAddress)
 {
     socks5::SocksExchange exchange(socks5::requestBytes(socks5::UdpAssociation()).value());
-    driveExchange(exchange, wait, m_control.get(), [] { return within(replyTimeout); });
-    m_proxySign = exchange.isGreetingAccepted() ? ProxySign::Accepted : ProxySign::Failed;
+    m_proxySighting =
+        proxySightingOf(driveExchange(exchange, wait, m_control.get(), [] { return within(replyTimeout); }));
     if (exchange.state() != socks5::SocksExchange::State::Succeeded) {
         logFailure(exchange.failure());
         return false;

@@ -43,8 +43,8 @@ public:
     /// Connects to the proxy, asks for the association, and puts the UDP socket on the port. Every failure but the
     /// silent ones (no socket, no host address, an end in the middle of a reply) is logged.
     bool open(const std::wstring &proxyHost, HANDLE stopEvent, CompletionPort &completionPort);
-    /// What open has seen of the proxy, for the thread that has called it; the stop event counts as a failure here.
-    std::optional<ProxySign> proxySign() const { return m_proxySign; }
+    /// What open has seen of the proxy, for the thread that has called it.
+    const std::optional<ProxySighting> &proxySighting() const { return m_proxySighting; }
     /// From here on answers come, and the end of the control connection makes the session inactive.
     void startReceiving(CompletionPort &completionPort, AnswerCallback answer);
     /// False, and logged, if the datagram cannot be sent.
@@ -72,7 +72,7 @@ private:
     const Endpoint m_target;
     const std::uint16_t m_socksPort;
     const std::array<std::uint8_t, socks5::udpHeaderSizeIpv4> m_header;
-    std::optional<ProxySign> m_proxySign;
+    std::optional<ProxySighting> m_proxySighting;
     std::atomic<bool> m_active = true;
 
     std::mutex m_mutex;

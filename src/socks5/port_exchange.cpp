@@ -3,15 +3,11 @@
 #include "io/socket_options.h"
 #include "io/winsock_extension.h"
 
-#include <mstcpip.h>
-
 #include <utility>
 
 namespace ruvo {
 
 namespace {
-
-constexpr std::uint32_t loopbackNetwork = 127;
 
 /// A local port of connections that come and go is taken from those for outgoing ones, and shared by all that go to
 /// different places: a bind takes a port for itself otherwise. Failure does not matter.
@@ -20,16 +16,6 @@ void shareLocalPort(SOCKET socket)
     constexpr int reuseUnicastPort = 0x3007; // SO_REUSE_UNICASTPORT
     const int on = 1;
     setsockopt(socket, SOL_SOCKET, reuseUnicastPort, reinterpret_cast<const char *>(&on), sizeof(on));
-}
-
-/// Windows takes a refusal for a mistake and asks twice more, half a second apart; on this machine the first one is
-/// the truth. Failure does not matter.
-void takeRefusalAtOnce(SOCKET socket)
-{
-    TCP_INITIAL_RTO_PARAMETERS once{.Rtt = TCP_INITIAL_RTO_UNSPECIFIED_RTT,
-                                    .MaxSynRetransmissions = TCP_INITIAL_RTO_NO_SYN_RETRANSMISSIONS};
-    DWORD size = 0;
-    WSAIoctl(socket, SIO_TCP_INITIAL_RTO, &once, sizeof(once), nullptr, 0, &size, nullptr, nullptr);
 }
 
 bool bindToAnyAddress(SOCKET socket)
@@ -69,8 +55,7 @@ std::optional<PortExchangeFailure> PortExchange::openSocket()
         setNoDelay(socket);
     if (m_plan.prepare)
         std::exchange(m_plan.prepare, nullptr)(socket);
-    if (m_plan.peer.address >> 24 == loopbackNetwork)
-        takeRefusalAtOnce(socket);
+    takeRefusalAtOnce(socket, m_plan.peer.address);
     shareLocalPort(socket);
     // ConnectEx takes a bound socket only.
     if (!bindToAnyAddress(socket))
@@ -144,18 +129,24 @@ std::optional<PortExchange::Outcome> PortExchange::take(DWORD bytes)
         m_exchange.sent(bytes);
     } else {
         m_exchange.received(bytes);
+        if (!m_acceptedAt && m_exchange.isGreetingAccepted())
+            m_acceptedAt = steadyNow();
     }
     switch (m_exchange.state()) {
     case socks5::SocksExchange::State::Succeeded: return established();
     case socks5::SocksExchange::State::Failed:
-        return std::unexpected(PortExchangeFailure{.step = Step::Answer, .socks = m_exchange.failure()});
+        return std::unexpected(
+            PortExchangeFailure{.step = Step::Answer, .socks = m_exchange.failure(), .acceptedAt = m_acceptedAt});
     default: m_stage = std::to_underlying(m_exchange.step()); return std::nullopt;
     }
 }
 
 PortExchange::Outcome PortExchange::established()
 {
-    return EstablishedExchange{.socket = std::move(m_socket), .skipsPort = m_skipsPort, .bound = m_exchange.bound()};
+    return EstablishedExchange{.socket = std::move(m_socket),
+                               .skipsPort = m_skipsPort,
+                               .bound = m_exchange.bound(),
+                               .acceptedAt = m_acceptedAt};
 }
 
 void PortExchange::onCompleted(DWORD bytes, DWORD error)
@@ -191,8 +182,10 @@ PortExchange::Outcome PortExchange::failureAt(StepsOfCall steps, int error)
         return std::unexpected(PortExchangeFailure{.step = steps.connect, .error = error});
     const bool isSending = m_exchange.state() == socks5::SocksExchange::State::Sends;
     m_exchange.cutOff();
-    return std::unexpected(PortExchangeFailure{
-        .step = isSending ? steps.send : steps.receive, .error = error, .socks = m_exchange.failure()});
+    return std::unexpected(PortExchangeFailure{.step = isSending ? steps.send : steps.receive,
+                                               .error = error,
+                                               .socks = m_exchange.failure(),
+                                               .acceptedAt = m_acceptedAt});
 }
 
 void PortExchange::finish(std::unique_lock<std::mutex> lock, Outcome outcome)

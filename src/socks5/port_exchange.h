@@ -43,6 +43,8 @@ struct EstablishedExchange
     bool skipsPort = false;
     /// The address in the proxy's reply; nothing if that is no IPv4 address, or nothing was asked.
     std::optional<Endpoint> bound;
+    /// When the proxy accepted the method; nothing if nobody was asked.
+    std::optional<SteadyTime> acceptedAt = {};
 };
 
 /// Why none stands. The socket has been closed.
@@ -67,6 +69,8 @@ struct PortExchangeFailure
     int error = NO_ERROR;
     /// From Send on: at which step of the exchange, and what had come of the answer there.
     socks5::SocksFailure socks = {};
+    /// When the proxy accepted the method, if it did.
+    std::optional<SteadyTime> acceptedAt = {};
     /// In Associate: values for diagnostics, of no use for calls.
     SOCKET socket = INVALID_SOCKET;
     HANDLE port = nullptr;
@@ -144,6 +148,7 @@ private:
     Callback m_callback;
     Socket m_socket;
     socks5::SocksExchange m_exchange;
+    std::optional<SteadyTime> m_acceptedAt;
     MemberOperation<&PortExchange::onCompleted> m_operation{*this};
 };
 

@@ -8,6 +8,7 @@ namespace {
 bool isOwnFailure(int error)
 {
     switch (error) {
+    case WSA_INVALID_HANDLE: // no event to wait for
     case WSA_OPERATION_ABORTED:
     case WSAEINTR:
     case WSAENOBUFS:
@@ -16,18 +17,28 @@ bool isOwnFailure(int error)
     }
 }
 
-std::optional<ProxySign> failedUnless(bool tellsNothing)
+std::optional<ProxySighting> failedUnless(bool tellsNothing)
 {
-    return tellsNothing ? std::nullopt : std::optional(ProxySign::Failed);
+    if (tellsNothing)
+        return std::nullopt;
+    return ProxySighting{.sign = ProxySign::Failed, .at = steadyNow()};
+}
+
+/// Of a connection that stood.
+std::optional<ProxySighting> sightingOf(const std::optional<SteadyTime> &acceptedAt, int error)
+{
+    if (acceptedAt)
+        return ProxySighting{.sign = ProxySign::Accepted, .at = *acceptedAt};
+    return failedUnless(isOwnFailure(error));
 }
 
 } // namespace
 
-std::optional<ProxySign> proxySignOf(const PortExchange::Outcome &outcome)
+std::optional<ProxySighting> proxySightingOf(const PortExchange::Outcome &outcome)
 {
     using Step = PortExchangeFailure::Step;
     if (outcome)
-        return ProxySign::Accepted;
+        return sightingOf(outcome->acceptedAt, NO_ERROR);
     const PortExchangeFailure &failure = outcome.error();
     switch (failure.step) {
     case Step::CreateSocket:
@@ -35,21 +46,30 @@ std::optional<ProxySign> proxySignOf(const PortExchange::Outcome &outcome)
     case Step::Associate:
     case Step::FindConnectEx: return std::nullopt;
     case Step::IssueConnect:
-    case Step::Connect: return proxySignOfConnect(failure.error);
+    case Step::Connect: return proxySightingOfConnect(failure.error);
     case Step::IssueSend:
     case Step::Send:
     case Step::IssueReceive:
     case Step::Receive:
     case Step::Answer: break;
     }
-    if (failure.socks.isGreetingAccepted())
-        return ProxySign::Accepted;
-    return failedUnless(isOwnFailure(failure.error));
+    return sightingOf(failure.acceptedAt, failure.error);
 }
 
-std::optional<ProxySign> proxySignOfConnect(int error)
+std::optional<ProxySighting> proxySightingOf(const DrivenExchange &exchange)
 {
-    return failedUnless(error != WSAECONNREFUSED && error != WSAETIMEDOUT);
+    return sightingOf(exchange.acceptedAt, exchange.error);
+}
+
+std::optional<ProxySighting> proxySightingOfConnect(int error)
+{
+    switch (error) {
+    case WSAECONNREFUSED:
+    case WSAETIMEDOUT:
+    case WSAECONNRESET: // it was let in and thrown out before anything could be said
+    case WSAECONNABORTED: return failedUnless(false);
+    default: return std::nullopt;
+    }
 }
 
 } // namespace ruvo

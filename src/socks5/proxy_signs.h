@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/proxy_sign.h"
+#include "socks5/blocking_exchange.h"
 #include "socks5/port_exchange.h"
 
 #include <optional>
@@ -12,8 +13,10 @@ namespace ruvo {
 // connection that we ended ourselves.
 
 /// Of an exchange with the proxy, one that has a request (which may be empty).
-std::optional<ProxySign> proxySignOf(const PortExchange::Outcome &outcome);
+std::optional<ProxySighting> proxySightingOf(const PortExchange::Outcome &outcome);
+/// Of one on a thread that waits.
+std::optional<ProxySighting> proxySightingOf(const DrivenExchange &exchange);
 /// Of a connect to the proxy that ended with this WSA error.
-std::optional<ProxySign> proxySignOfConnect(int error);
+std::optional<ProxySighting> proxySightingOfConnect(int error);
 
 } // namespace ruvo

@@ -56,8 +56,6 @@ struct SocksFailure
     std::uint8_t version() const { return bytes.empty() ? 0 : bytes[0]; }
     /// Its second byte: the method, or the REP field; 0 if it never came.
     std::uint8_t code() const { return bytes.size() < 2 ? 0 : bytes[1]; }
-    /// Whether the proxy had accepted the method by then.
-    bool isGreetingAccepted() const { return step >= ExchangeStep::Request; }
 };
 
 /// One exchange with a SOCKS5 proxy (RFC 1928) on a stream that is connected already: greeting, method, request and

@@ -1,66 +1,54 @@
 #include "tun/proxy_check.h"
 
 #include "common/ipv4.h"
+#include "io/socket_options.h"
+#include "io/timed_io.h"
 #include "socks5/proxy_signs.h"
 
 #include <QString>
 
-#include <algorithm>
 #include <new>
-#include <utility>
 
 namespace ruvo {
 
-ProxyCheck::ProxyCheck(const std::wstring &proxyHost, CompletionPort &completionPort, ProxyHealth &health)
-    : m_proxyAddress(parseIpv4(QString::fromStdWString(proxyHost)))
-    , m_completionPort(completionPort)
-    , m_health(health)
+ProxyCheck::ProxyCheck(const std::wstring &proxyHost, HANDLE stopEvent, ProxyHealth &health)
+    : m_proxyAddress(parseIpv4(QString::fromStdWString(proxyHost))), m_stopEvent(stopEvent), m_health(health)
 {}
 
 void ProxyCheck::poll(SteadyTime now)
 {
-    while (const std::optional<std::uint16_t> port = m_health.takeDueCheck(now))
-        begin(*port, now);
-    for (Attempt &attempt : m_attempts) {
-        if (attempt.exchange && now >= attempt.deadline)
-            std::exchange(attempt.exchange, nullptr)->expireIfOverdue(now);
+    while (const std::optional<std::uint16_t> port = m_health.takeDueCheck(now)) {
+        if (!begin(*port))
+            m_health.noteChecked(*port, std::nullopt);
     }
 }
 
-void ProxyCheck::begin(std::uint16_t port, SteadyTime now)
-{
-    auto attempt = std::ranges::find(m_attempts, port, &Attempt::port);
-    if (attempt == m_attempts.end())
-        attempt = std::ranges::find(m_attempts, 0, &Attempt::port);
-    const SteadyTime deadline = now + timeout;
-    const PortExchangePtr exchange = attempt == m_attempts.end() ? nullptr : makeExchange(port, deadline);
-    if (!exchange)
-        return m_health.noteChecked(port, std::nullopt);
-    *attempt = {.port = port, .deadline = deadline, .exchange = exchange};
-    exchange->start();
-}
-
-/// Null if there is no address, or no memory.
-PortExchangePtr ProxyCheck::makeExchange(std::uint16_t port, SteadyTime deadline)
+/// False if there is no address, no thread, or no memory for one.
+bool ProxyCheck::begin(std::uint16_t port)
 {
     if (m_proxyAddress == 0)
-        return nullptr;
-    PortExchangePlan plan{.peer = {m_proxyAddress, port}, .request = socks5::Bytes(), .deadline = deadline};
+        return false;
     try {
-        return std::make_shared<PortExchange>(
-            m_completionPort, std::move(plan),
-            [this, port](PortExchange::Outcome outcome) { m_health.noteChecked(port, proxySignOf(outcome)); });
+        return m_threads.post([this, port] { m_health.noteChecked(port, check(port)); });
     } catch (const std::bad_alloc &) {
-        return nullptr;
+        return false;
     }
 }
 
-void ProxyCheck::stop()
+/// On a thread that may block.
+std::optional<ProxySighting> ProxyCheck::check(std::uint16_t port) const
 {
-    for (Attempt &attempt : m_attempts) {
-        if (const PortExchangePtr exchange = std::exchange(attempt.exchange, nullptr))
-            exchange->cancel();
-    }
+    const Socket socket(openSocket(SOCK_STREAM, IPPROTO_TCP));
+    if (!socket)
+        return std::nullopt;
+    takeRefusalAtOnce(socket.get(), m_proxyAddress);
+    const SocketWait::Clock::time_point deadline = SocketWait::Clock::now() + timeout;
+    SocketWait wait(m_stopEvent);
+    const int error = connectWithin(wait, socket.get(), socketAddress(m_proxyAddress, port), deadline);
+    if (error != NO_ERROR)
+        return proxySightingOfConnect(error);
+    socks5::SocksExchange greeting{socks5::Bytes()};
+    return proxySightingOf(driveExchange(greeting, wait, socket.get(), [deadline] { return deadline; }));
 }
 
 } // namespace ruvo

@@ -1,57 +1,52 @@
 #pragma once
 
+#include "common/proxy_sign.h"
 #include "common/steady_clock.h"
-#include "io/completion_port.h"
-#include "socks5/port_exchange.h"
+#include "common/windows_handles.h"
+#include "io/connection_threads.h"
 #include "tun/proxy_health.h"
 
-#include <array>
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace ruvo {
 
-/// Makes the checks that a ProxyHealth asks for: a connection to the inbound, and a greeting. They go on by
-/// themselves on the completion port, so that nobody waits for them.
+/// Makes the checks that a ProxyHealth asks for: a connection to the inbound, and a greeting. Each waits on a thread
+/// that is there for nothing else: whatever holds the workers up and makes connections fail does not fail the check.
 ///
-/// One thread at a time; outcomes are told to the ProxyHealth from workers, and from inside poll.
+/// poll and stop belong to one thread at a time; outcomes are told to the ProxyHealth from the checks' threads.
 class ProxyCheck
 {
 public:
     /// For the connection and the answer to the greeting together.
     static constexpr std::chrono::seconds timeout{2};
 
-    /// `proxyHost` is a dotted IPv4 address. What is referred to has to outlive this.
-    ProxyCheck(const std::wstring &proxyHost, CompletionPort &completionPort, ProxyHealth &health);
+    /// `proxyHost` is a dotted IPv4 address. `stopEvent` (not owned) ends the checks. What is referred to has to
+    /// outlive this.
+    ProxyCheck(const std::wstring &proxyHost, HANDLE stopEvent, ProxyHealth &health);
     ~ProxyCheck() { stop(); }
     ProxyCheck(const ProxyCheck &) = delete;
     ProxyCheck &operator=(const ProxyCheck &) = delete;
 
-    /// Every few milliseconds: begins the checks that are due, and ends those that have taken too long.
+    /// Every few milliseconds: begins the checks that are due. Throws nothing.
     void poll(SteadyTime now);
-    /// Ends the checks that are under way; of these the ProxyHealth hears no more. An outcome that was known before
-    /// may be told until the workers have been joined.
-    void stop();
+    /// Once the stop event is set: waits for the checks, which it has cut off and which tell nothing then.
+    void stop() { m_threads.stop(); }
 
 private:
-    struct Attempt
-    {
-        std::uint16_t port = 0;
-        SteadyTime deadline;
-        /// Until the deadline, even if it is over before.
-        PortExchangePtr exchange;
-    };
+    /// A port has one check at a time.
+    static constexpr unsigned inbounds = 2;
 
-    void begin(std::uint16_t port, SteadyTime now);
-    PortExchangePtr makeExchange(std::uint16_t port, SteadyTime deadline);
+    bool begin(std::uint16_t port);
+    std::optional<ProxySighting> check(std::uint16_t port) const;
 
     /// In host order; 0 if the host is no address.
     const std::uint32_t m_proxyAddress;
-    CompletionPort &m_completionPort;
+    const HANDLE m_stopEvent;
     ProxyHealth &m_health;
-    /// One for each inbound: a port has one check at a time.
-    std::array<Attempt, 2> m_attempts;
+    ConnectionThreads m_threads{inbounds};
 };
 
 } // namespace ruvo

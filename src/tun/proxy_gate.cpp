@@ -5,14 +5,9 @@
 
 namespace ruvo {
 
-namespace {
-
-/// The condition variable waits by a clock of its own: so long at most until the gate's is asked again.
-constexpr std::chrono::milliseconds longestWait{100};
-
-} // namespace
-
-ProxyGate::ProxyGate(SteadyClock clock) : m_clock(std::move(clock)) {}
+ProxyGate::ProxyGate(SteadyClock clock, std::chrono::milliseconds longestWait)
+    : m_clock(std::move(clock)), m_longestWait(longestWait)
+{}
 
 ProxyGate::Closing ProxyGate::close()
 {
@@ -41,7 +36,7 @@ bool ProxyGate::openAfterDelay(Closing closing)
             m_isOpen = true;
             return true;
         }
-        m_changed.wait_for(lock, std::min<SteadyTime::duration>(due - now, longestWait));
+        m_changed.wait_for(lock, std::min<SteadyTime::duration>(due - now, m_longestWait));
     }
     return false;
 }

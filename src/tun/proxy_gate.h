@@ -19,10 +19,12 @@ class ProxyGate
 {
 public:
     static constexpr std::chrono::milliseconds delay{1000};
+    static constexpr std::chrono::milliseconds defaultLongestWait{100};
     /// Which closing an opening belongs to.
     using Closing = std::uint64_t;
 
-    explicit ProxyGate(SteadyClock clock = steadyNow);
+    /// A thread that waits does so by another clock: after `longestWait` at most it asks `clock` again.
+    explicit ProxyGate(SteadyClock clock = steadyNow, std::chrono::milliseconds longestWait = defaultLongestWait);
     ProxyGate(const ProxyGate &) = delete;
     ProxyGate &operator=(const ProxyGate &) = delete;
 
@@ -45,6 +47,7 @@ private:
     bool isLast(Closing closing) const { return m_closing == closing && !m_isOpen; }
 
     const SteadyClock m_clock;
+    const std::chrono::milliseconds m_longestWait;
     /// Written under the mutex.
     std::atomic<bool> m_isOpen = true;
     std::mutex m_mutex;

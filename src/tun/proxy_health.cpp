@@ -1,6 +1,7 @@
 #include "tun/proxy_health.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 namespace ruvo {
@@ -18,49 +19,58 @@ ProxyHealth::Inbound *ProxyHealth::find(std::uint16_t port)
     return found == m_inbounds.end() ? nullptr : &*found;
 }
 
-void ProxyHealth::note(std::uint16_t port, ProxySign sign)
+void ProxyHealth::note(std::uint16_t port, const ProxySighting &sighting)
 {
     Inbound *const inbound = find(port);
+    const bool isAccepted = sighting.sign == ProxySign::Accepted;
     // Every connection comes by here. One that succeeds while another one fails may be taken for the earlier of the
     // two, which it may have been.
-    if (!inbound || (sign == ProxySign::Accepted && !inbound->isWatched.load(std::memory_order_relaxed)))
+    if (!inbound || (isAccepted && !inbound->isWatched.load(std::memory_order_relaxed)))
         return;
     const std::lock_guard lock(m_mutex);
-    if (sign == ProxySign::Accepted)
-        noteSuccess(*inbound);
+    if (isAccepted)
+        noteSuccess(*inbound, sighting.at);
     else
-        noteFailure(*inbound);
+        noteFailure(*inbound, sighting.at);
     update();
 }
 
-void ProxyHealth::noteFailure(Inbound &inbound)
+/// What fails while the proxy comes up says nothing of what it is afterwards.
+void ProxyHealth::noteFailure(Inbound &inbound, SteadyTime at)
 {
-    if (inbound.isReportedDead)
+    if (inbound.deadSince || m_series != Series::None || at < m_patientUntil)
         return;
-    inbound.failures = std::min(inbound.failures + 1, failureLimit);
+    inbound.failures.add(at);
     suspect(inbound);
 }
 
 /// Has the inbound checked if there is reason to.
 void ProxyHealth::suspect(Inbound &inbound)
 {
-    if (m_series == Series::None && inbound.check == Check::None && inbound.failures == failureLimit)
+    if (m_series == Series::None && inbound.check == Check::None && inbound.failures.isFull())
         inbound.check = Check::Due;
 }
 
-void ProxyHealth::noteSuccess(Inbound &inbound)
+void ProxyHealth::noteSuccess(Inbound &inbound, SteadyTime at)
 {
-    inbound.failures = 0;
-    inbound.isReportedDead = false;
-    if (inbound.check == Check::Due)
+    if (at < m_lastReset)
+        return;
+    inbound.failures.forgetUntil(at);
+    if (inbound.deadSince && at >= *inbound.deadSince)
+        forgetDeath(inbound);
+    if (inbound.otherDeadSince && at >= *inbound.otherDeadSince)
+        inbound.otherDeadSince.reset();
+
+    const bool isUnfounded = m_series == Series::None && !inbound.failures.isFull();
+    if (inbound.check == Check::Due && isUnfounded)
         inbound.check = Check::None;
-    else if (inbound.check == Check::Running)
+    else if (inbound.check == Check::Running && (isUnfounded || at >= inbound.checkBegan))
         inbound.check = Check::Void;
     // The series goes on until one of its own checks succeeds: what a connection has seen may be the old proxy's last
-    // word, told late.
+    // word.
     if (&inbound == &main()) {
-        m_checksInSeries = 0;
-        m_failuresInSeries = 0;
+        m_checksInSeries.forgetUntil(at);
+        m_failuresInSeries.forgetUntil(at);
     }
 }
 
@@ -77,11 +87,12 @@ std::optional<std::uint16_t> ProxyHealth::takeDueCheck(SteadyTime now)
     if (due == m_inbounds.end())
         return std::nullopt;
     due->check = Check::Running;
+    due->checkBegan = now;
     update();
     return due->port;
 }
 
-void ProxyHealth::noteChecked(std::uint16_t port, std::optional<ProxySign> sign)
+void ProxyHealth::noteChecked(std::uint16_t port, const std::optional<ProxySighting> &outcome)
 {
     Inbound *const inbound = find(port);
     if (!inbound)
@@ -91,55 +102,77 @@ void ProxyHealth::noteChecked(std::uint16_t port, std::optional<ProxySign> sign)
         const std::lock_guard lock(m_mutex);
         const Check check = std::exchange(inbound->check, Check::None);
         if (check == Check::Running)
-            isNews = m_series == Series::None ? judgeCheck(*inbound, sign) : judgeSeries(sign);
+            isNews = m_series == Series::None ? judgeCheck(*inbound, outcome) : judgeSeries(outcome);
         suspect(*inbound);
         update();
     }
-    if (isNews && m_onDeath)
-        m_onDeath(port);
+    if (isNews)
+        tellOfDeath(*inbound);
+}
+
+/// A death that nobody could be told of, for want of memory, is as if it had not been found.
+void ProxyHealth::tellOfDeath(Inbound &inbound)
+{
+    try {
+        if (m_onDeath)
+            m_onDeath(inbound.port);
+    } catch (const std::exception &) {
+        const std::lock_guard lock(m_mutex);
+        forgetDeath(inbound);
+        update();
+    }
 }
 
 /// True if a death is to be told of.
-bool ProxyHealth::judgeCheck(Inbound &inbound, std::optional<ProxySign> sign)
+bool ProxyHealth::judgeCheck(Inbound &inbound, const std::optional<ProxySighting> &outcome)
 {
-    if (sign == ProxySign::Failed)
-        return declareDead(inbound);
-    if (sign == ProxySign::Accepted)
-        noteSuccess(inbound);
+    if (outcome && outcome->sign == ProxySign::Failed)
+        return declareDead(inbound, outcome->at);
+    if (outcome)
+        noteSuccess(inbound, outcome->at);
     else
-        inbound.failures = failureLimit - 1; // the next failure has it checked again
+        inbound.failures.forgetOne(); // the next failure has it checked again
     return false;
 }
 
-bool ProxyHealth::judgeSeries(std::optional<ProxySign> sign)
+bool ProxyHealth::judgeSeries(const std::optional<ProxySighting> &outcome)
 {
-    if (sign == ProxySign::Accepted) {
-        noteSuccess(main());
-        endSeries();
+    const SteadyTime began = main().checkBegan;
+    m_checksInSeries.add(began);
+    if (outcome && outcome->sign == ProxySign::Accepted) {
+        noteSuccess(main(), outcome->at);
+        m_series = Series::None;
         return false;
     }
-    if (sign == ProxySign::Failed)
-        ++m_failuresInSeries;
-    if (++m_checksInSeries < checkLimit)
+    if (outcome)
+        m_failuresInSeries.add(began);
+    if (!m_checksInSeries.isFull())
         return false;
-    const bool isDead = m_failuresInSeries == checkLimit;
-    endSeries();
-    return isDead && declareDead(main());
+    m_series = Series::None;
+    return outcome && m_failuresInSeries.isFull() && declareDead(main(), outcome->at);
 }
 
 /// True if that is to be told of.
-bool ProxyHealth::declareDead(Inbound &inbound)
+bool ProxyHealth::declareDead(Inbound &inbound, SteadyTime at)
 {
-    inbound.failures = 0;
-    const bool isKnown = std::ranges::any_of(m_inbounds, &Inbound::isReportedDead);
-    if (!isKnown)
-        inbound.isReportedDead = true;
-    return !isKnown;
+    inbound.failures.clear();
+    if (inbound.deadSince || inbound.otherDeadSince)
+        return false;
+    inbound.deadSince = at;
+    otherThan(inbound).otherDeadSince = at;
+    return true;
 }
 
-void ProxyHealth::noteReset()
+void ProxyHealth::forgetDeath(Inbound &inbound)
+{
+    inbound.deadSince.reset();
+    otherThan(inbound).otherDeadSince.reset();
+}
+
+void ProxyHealth::noteReset(SteadyTime now)
 {
     const std::lock_guard lock(m_mutex);
+    m_lastReset = now;
     beginSeries(Series::Awaited);
     update();
 }
@@ -147,6 +180,7 @@ void ProxyHealth::noteReset()
 void ProxyHealth::noteReady(SteadyTime now)
 {
     const std::lock_guard lock(m_mutex);
+    m_patientUntil = now + patience;
     beginSeries(Series::Running);
     m_nextInSeries = now;
     update();
@@ -156,23 +190,15 @@ void ProxyHealth::noteReady(SteadyTime now)
 void ProxyHealth::beginSeries(Series series)
 {
     for (Inbound &inbound : m_inbounds) {
-        inbound.failures = 0;
+        inbound.failures.clear();
         if (inbound.check == Check::Due)
             inbound.check = Check::None;
         else if (inbound.check == Check::Running)
             inbound.check = Check::Void;
     }
     m_series = series;
-    m_checksInSeries = 0;
-    m_failuresInSeries = 0;
-}
-
-/// What failed while the proxy came up says nothing of what it is now; its inbounds do not open all at once.
-void ProxyHealth::endSeries()
-{
-    m_series = Series::None;
-    for (Inbound &inbound : m_inbounds)
-        inbound.failures = 0;
+    m_checksInSeries.clear();
+    m_failuresInSeries.clear();
 }
 
 /// After every change.
@@ -185,8 +211,8 @@ void ProxyHealth::update()
         if (inbound.check == Check::Due)
             due = SteadyTime::min();
         const bool isInSeries = m_series != Series::None && &inbound == &main();
-        inbound.isWatched =
-            inbound.failures > 0 || inbound.isReportedDead || inbound.check != Check::None || isInSeries;
+        inbound.isWatched = !inbound.failures.isEmpty() || inbound.check != Check::None || isInSeries
+                            || inbound.deadSince || inbound.otherDeadSince;
     }
     m_due = due;
 }

@@ -73,9 +73,15 @@ try {
 std::unique_ptr<Tunnel> RuvoTunManager::makeTunnel(const TunnelConfiguration &configuration)
 {
     auto tunnel = std::make_unique<Tunnel>(settingsOf(configuration));
-    // From any thread: the signal is delivered on this object's.
-    tunnel->setHealthCheckFailedCallback(
-        [this] { QMetaObject::invokeMethod(this, &RuvoTunManager::proxyHealthCheckFailed, Qt::QueuedConnection); });
+    // From any thread. By the time that this object's own comes to it, the tunnel may have been stopped, and another
+    // one started, whose proxy is a different one.
+    tunnel->setHealthCheckFailedCallback([this, generation = ++m_generation] {
+        const auto tell = [this, generation] {
+            if (generation == m_generation)
+                emit proxyHealthCheckFailed();
+        };
+        QMetaObject::invokeMethod(this, tell, Qt::QueuedConnection);
+    });
     return tunnel;
 }
 
@@ -99,6 +105,7 @@ void RuvoTunManager::routeIntoTunnel(const TunnelConfiguration &configuration)
 
 void RuvoTunManager::takeDown()
 {
+    ++m_generation;
     m_routeManager.reset(); // removes its routes
     m_tunnel->stop();
     m_tunnel.reset();

@@ -8,6 +8,7 @@
 #include <QObject>
 #include <QString>
 
+#include <cstdint>
 #include <expected>
 #include <memory>
 
@@ -48,6 +49,8 @@ private:
 
     const QString m_wintunLibraryPath;
     std::unique_ptr<Tunnel> m_tunnel;
+    /// Counts the tunnels made and taken down: what the last one had to tell is told only while it stands.
+    std::uint64_t m_generation = 0;
     std::unique_ptr<RouteManager> m_routeManager;
     bool m_started = false;
     QString m_adapterName;

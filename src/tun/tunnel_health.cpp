@@ -16,12 +16,14 @@ void Tunnel::openProxyHealth()
         if (m_healthCheckFailed)
             m_healthCheckFailed();
     });
-    m_proxyCheck = std::make_unique<ProxyCheck>(m_settings.proxyHost, m_completionPort, *m_proxyHealth);
+    m_proxyCheck = std::make_unique<ProxyCheck>(m_settings.proxyHost, m_stopEvent.get(), *m_proxyHealth);
 }
 
 ProxyWitness Tunnel::proxyWitness()
 {
-    return [health = m_proxyHealth.get()](std::uint16_t port, ProxySign sign) { health->note(port, sign); };
+    return [health = m_proxyHealth.get()](std::uint16_t port, const ProxySighting &sighting) {
+        health->note(port, sighting);
+    };
 }
 
 } // namespace ruvo

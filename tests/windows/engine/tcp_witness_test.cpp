@@ -2,6 +2,7 @@
 
 #include "windows/engine/tcp_engine_fixture.h"
 #include "windows/socks5/recording_witness.h"
+#include "windows/support/signal.h"
 
 namespace ruvo::test {
 namespace {
@@ -87,6 +88,25 @@ TEST_F(TcpWitnessTest, takesAnEndBehindTheMethodForALivingProxy)
 {
     openAgainst(accepted);
     m_witness.expectAccepted(m_scripted->port());
+}
+
+TEST_F(TcpWitnessTest, hearsWhenItWasAcceptedThoughTheRequestIsGivenUpLater)
+{
+    Signal isAsked;
+    useScript([&](ProxyConnection &client, int) {
+        client.receive(3);
+        client.send(accepted);
+        client.receive(10);
+        isAsked.set();
+        client.waitForEnd();
+    });
+    application(42006).send(tcpSyn);
+    ASSERT_TRUE(isAsked.wait());
+    const SteadyTime asked = steadyNow();
+    pass(60s);
+    m_engine->housekeeping();
+    m_witness.expectAcceptedBy(asked, m_scripted->port());
+    expectGone();
 }
 
 TEST_F(TcpWitnessTest, hearsNothingOfAnAttemptThatTheApplicationGaveUp)

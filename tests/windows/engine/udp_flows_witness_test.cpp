@@ -3,6 +3,7 @@
 #include "windows/engine/udp_flows_fixture.h"
 #include "windows/socks5/recording_witness.h"
 #include "windows/support/import_redirection.h"
+#include "windows/support/signal.h"
 
 namespace ruvo::test {
 namespace {
@@ -78,6 +79,26 @@ TEST_F(UdpFlowsWitnessTest, takesAReplyThatIsCutShortForALivingProxy)
 {
     sendTowards({.reply = QByteArray::fromHex("0500")});
     m_witness.expectAccepted(m_proxy->port());
+}
+
+TEST_F(UdpFlowsWitnessTest, hearsWhenItWasAcceptedThoughTheRequestIsGivenUpLater)
+{
+    Signal isAsked;
+    const ParallelProxy hanging([&](ProxyConnection &connection, int) {
+        connection.receive(3);
+        connection.send(QByteArray::fromHex("0500"));
+        connection.receive(10);
+        isAsked.set();
+        connection.waitForEnd();
+    });
+    goTo(hanging.port());
+    send(5000, "datagram");
+    ASSERT_TRUE(isAsked.wait());
+    const SteadyTime asked = steadyNow();
+    pass(UdpFlows::handshakeTimeout);
+    m_flows->expireHandshakes();
+    m_witness.expectAcceptedBy(asked, hanging.port());
+    expectGone();
 }
 
 TEST_F(UdpFlowsWitnessTest, hearsNothingOfAnAttemptThatTheStopHasEnded)

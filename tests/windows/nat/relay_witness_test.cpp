@@ -107,8 +107,9 @@ TEST_F(RelayWitnessTest, takesARequestThatNobodyAnswersForALivingProxy)
     });
     const Client client = relay();
     ASSERT_TRUE(isAsked.wait());
+    const SteadyTime asked = steadyNow();
     expireAll();
-    m_witness.expectAccepted(m_proxy->port());
+    m_witness.expectAcceptedBy(asked, m_proxy->port());
     expectRefused(client);
 }
 

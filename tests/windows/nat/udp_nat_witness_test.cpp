@@ -4,6 +4,7 @@
 #include "windows/socks5/recording_witness.h"
 
 #include "windows/support/import_redirection.h"
+#include "windows/support/signal.h"
 
 namespace ruvo::test {
 namespace {
@@ -86,6 +87,39 @@ TEST_F(UdpNatWitnessTest, takesAReplyThatIsCutShortForALivingProxy)
 {
     forwardTowards({.reply = QByteArray::fromHex("05000001")});
     m_witness.expectAccepted(m_proxy->port());
+}
+
+TEST_F(UdpNatWitnessTest, hearsWhenItWasAcceptedThoughTheProxyDiesOverTheRequest)
+{
+    Signal isAsked;
+    Signal mayEnd;
+    const ParallelProxy dying([&](ProxyConnection &connection, int) {
+        connection.receive(3);
+        connection.send(QByteArray::fromHex("0500"));
+        connection.receive(10);
+        isAsked.set();
+        mayEnd.wait();
+    });
+    ASSERT_TRUE(m_relay->initialize(client, "127.0.0.1", dying.port(), dying.port(), m_port, {}));
+    ASSERT_TRUE(forward(5000, "datagram"));
+    ASSERT_TRUE(isAsked.wait());
+    const SteadyTime asked = steadyNow();
+    mayEnd.set();
+    m_witness.expectAcceptedBy(asked, dying.port());
+}
+
+TEST_F(UdpNatWitnessTest, hearsNothingOfAReceiveThatThisMachineHasNoMemoryFor)
+{
+    startRelay();
+    const ImportRedirection<IMPORT(WSARecv)> none([&, own = GetCurrentThreadId()](auto... arguments) -> int {
+        if (GetCurrentThreadId() == own)
+            return none.real(arguments...);
+        WSASetLastError(WSAENOBUFS);
+        return SOCKET_ERROR;
+    });
+    ASSERT_TRUE(forward(5000, "datagram"));
+    EXPECT_TRUE(waitUntil([this] { return !refused().empty(); }));
+    EXPECT_EQ(m_witness.signs(), RecordingWitness::Signs());
 }
 
 TEST_F(UdpNatWitnessTest, hearsNothingOfAFailureOfThisMachine)

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <semaphore>
 #include <thread>
 
 namespace ruvo::test {
@@ -162,6 +163,38 @@ TEST_F(PortExchangeTest, doesNotRepeatItselfOnThisMachineOnly)
     EXPECT_EQ(repetitions, std::vector<UCHAR>{TCP_INITIAL_RTO_NO_SYN_RETRANSMISSIONS});
     start({.peer = {0xC0000201, 9}})->cancel();
     EXPECT_EQ(repetitions.size(), 1u);
+}
+
+TEST_F(PortExchangeTest, knowsWhenTheMethodWasAcceptedHoweverItEndsAndWhenever)
+{
+    for (const QByteArray &reply : {connected, QByteArray::fromHex("05050001000000000000"), QByteArray()}) {
+        std::binary_semaphore isAsked{0};
+        std::binary_semaphore mayAnswer{0};
+        startProxy([&](ProxyConnection &client) {
+            client.receive(3);
+            client.send(accepted);
+            client.receive(10);
+            isAsked.release();
+            mayAnswer.acquire();
+            client.send(reply);
+            client.shutDown();
+            client.waitForEnd();
+        });
+        const SteadyTime begin = steadyNow();
+        const PortExchangePtr exchange = start(plan(m_proxy->port()));
+        EXPECT_TRUE(runTo(exchange, 5));
+        isAsked.acquire();
+        const SteadyTime asked = steadyNow();
+        mayAnswer.release();
+        const PortExchange::Outcome &ended = outcome();
+        EXPECT_EQ(ended.has_value(), reply == connected);
+        const std::optional<SteadyTime> acceptedAt = ended ? ended->acceptedAt : ended.error().acceptedAt;
+        ASSERT_TRUE(acceptedAt);
+        EXPECT_GE(*acceptedAt, begin);
+        EXPECT_LE(*acceptedAt, asked);
+        m_outcome.reset(); // ends the connection, which the proxy waits for
+        m_proxy.reset();
+    }
 }
 
 TEST_F(PortExchangeTest, goesThroughTheStagesInOrder)

@@ -5,83 +5,103 @@
 namespace ruvo::test {
 namespace {
 
+using namespace std::chrono_literals;
 using Step = PortExchangeFailure::Step;
-using socks5::ExchangeStep;
 
-constexpr std::optional<ProxySign> nothing = std::nullopt;
+constexpr std::optional<ProxySighting> nothing = std::nullopt;
+constexpr SteadyTime letIn{1000s};
+constexpr ProxySighting accepted{.sign = ProxySign::Accepted, .at = letIn};
 /// No way there, a filter in between, no port left, no memory, cancelled.
 constexpr int notAsked[] = {WSAENETUNREACH, WSAEHOSTUNREACH,      WSAEACCES, WSAEADDRNOTAVAIL, WSAEADDRINUSE,
                             WSAENOBUFS,     WSA_OPERATION_ABORTED};
-constexpr int ownFailures[] = {WSAENOBUFS, WSA_NOT_ENOUGH_MEMORY, WSA_OPERATION_ABORTED, WSAEINTR};
+constexpr int refused[] = {WSAECONNREFUSED, WSAETIMEDOUT, WSAECONNRESET, WSAECONNABORTED};
+constexpr int ownFailures[] = {WSAENOBUFS, WSA_NOT_ENOUGH_MEMORY, WSA_OPERATION_ABORTED, WSAEINTR,
+                               WSA_INVALID_HANDLE};
+constexpr int proxyFailures[] = {WSAECONNRESET, WSAECONNABORTED, WSAETIMEDOUT, WSAENETRESET};
+constexpr Step exchangeSteps[] = {Step::IssueSend, Step::Send, Step::IssueReceive, Step::Receive};
 
-std::optional<ProxySign> signOf(Step step, int error, ExchangeStep stage = ExchangeStep::Greeting)
+std::optional<ProxySighting> sightingOf(Step step, int error, std::optional<SteadyTime> acceptedAt = {})
 {
-    PortExchangeFailure failure{.step = step, .error = error};
-    failure.socks.step = stage;
-    return proxySignOf(std::unexpected(failure));
+    return proxySightingOf(
+        std::unexpected(PortExchangeFailure{.step = step, .error = error, .acceptedAt = acceptedAt}));
 }
 
-TEST(ProxySigns, aConnectionThatStandsIsAccepted)
+/// A failure seen just now.
+void expectFailed(const std::optional<ProxySighting> &sighting, int error)
 {
-    EXPECT_EQ(proxySignOf(EstablishedExchange()), ProxySign::Accepted);
+    const SteadyTime now = steadyNow();
+    ASSERT_TRUE(sighting) << error;
+    EXPECT_EQ(sighting->sign, ProxySign::Failed) << error;
+    EXPECT_LE(sighting->at, now);
+    EXPECT_GT(sighting->at, now - 10s);
+}
+
+TEST(ProxySigns, aConnectionThatStandsWasAcceptedWhenTheMethodWas)
+{
+    EXPECT_EQ(proxySightingOf(EstablishedExchange{.socket = {}, .bound = {}, .acceptedAt = letIn}), accepted);
 }
 
 TEST(ProxySigns, aFailureBeforeTheConnectTellsNothing)
 {
     for (const Step step : {Step::CreateSocket, Step::Bind, Step::Associate, Step::FindConnectEx}) {
         for (const int error : {WSAENOBUFS, WSAEMFILE, WSAEADDRINUSE, WSAECONNREFUSED, WSAETIMEDOUT})
-            EXPECT_EQ(signOf(step, error), nothing) << static_cast<int>(step) << ' ' << error;
+            EXPECT_EQ(sightingOf(step, error), nothing) << static_cast<int>(step) << ' ' << error;
     }
 }
 
 TEST(ProxySigns, aConnectFailsTheProxyWhenItIsRefusedOrTimesOut)
 {
     for (const Step step : {Step::IssueConnect, Step::Connect}) {
-        EXPECT_EQ(signOf(step, WSAECONNREFUSED), ProxySign::Failed);
-        EXPECT_EQ(signOf(step, WSAETIMEDOUT), ProxySign::Failed);
+        for (const int error : refused)
+            expectFailed(sightingOf(step, error), error);
         for (const int error : notAsked)
-            EXPECT_EQ(signOf(step, error), nothing) << error;
+            EXPECT_EQ(sightingOf(step, error), nothing) << error;
     }
 }
 
 TEST(ProxySigns, ofAConnectAloneAreTheSame)
 {
-    EXPECT_EQ(proxySignOfConnect(WSAECONNREFUSED), ProxySign::Failed);
-    EXPECT_EQ(proxySignOfConnect(WSAETIMEDOUT), ProxySign::Failed);
+    for (const int error : refused)
+        expectFailed(proxySightingOfConnect(error), error);
     for (const int error : {int{NO_ERROR}, WSAEINTR, WSAENOBUFS, WSAEACCES})
-        EXPECT_EQ(proxySignOfConnect(error), nothing) << error;
+        EXPECT_EQ(proxySightingOfConnect(error), nothing) << error;
 }
 
 TEST(ProxySigns, withoutTheMethodsReplyItHasFailed)
 {
-    for (const ExchangeStep stage : {ExchangeStep::Greeting, ExchangeStep::MethodReply}) {
-        for (const Step step : {Step::IssueSend, Step::Send, Step::IssueReceive, Step::Receive}) {
-            for (const int error : {WSAECONNRESET, WSAECONNABORTED, WSAETIMEDOUT, WSAENETRESET})
-                EXPECT_EQ(signOf(step, error, stage), ProxySign::Failed) << error;
-        }
+    for (const Step step : exchangeSteps) {
+        for (const int error : proxyFailures)
+            expectFailed(sightingOf(step, error), error);
     }
     // Another method, another version, or the end of the stream.
-    EXPECT_EQ(signOf(Step::Answer, NO_ERROR, ExchangeStep::MethodReply), ProxySign::Failed);
+    expectFailed(sightingOf(Step::Answer, NO_ERROR), NO_ERROR);
 }
 
 TEST(ProxySigns, whatFailsOnThisSideTellsNothing)
 {
-    for (const ExchangeStep stage : {ExchangeStep::Greeting, ExchangeStep::MethodReply}) {
-        for (const Step step : {Step::IssueSend, Step::Send, Step::IssueReceive, Step::Receive}) {
-            for (const int error : ownFailures)
-                EXPECT_EQ(signOf(step, error, stage), nothing) << error;
-        }
+    for (const Step step : exchangeSteps) {
+        for (const int error : ownFailures)
+            EXPECT_EQ(sightingOf(step, error), nothing) << error;
     }
 }
 
 TEST(ProxySigns, afterTheMethodsReplyItIsAcceptedHoweverTheRequestEnds)
 {
-    for (const ExchangeStep stage : {ExchangeStep::Request, ExchangeStep::Reply}) {
-        for (const Step step : {Step::IssueSend, Step::Send, Step::IssueReceive, Step::Receive, Step::Answer}) {
-            for (const int error : {int{NO_ERROR}, WSAECONNRESET, WSAETIMEDOUT, WSAENOBUFS})
-                EXPECT_EQ(signOf(step, error, stage), ProxySign::Accepted) << error;
-        }
+    for (const Step step : {Step::IssueSend, Step::Send, Step::IssueReceive, Step::Receive, Step::Answer}) {
+        for (const int error : {int{NO_ERROR}, WSAECONNRESET, WSAETIMEDOUT, WSAENOBUFS})
+            EXPECT_EQ(sightingOf(step, error, letIn), accepted) << error;
     }
+}
+
+TEST(ProxySigns, ofAnExchangeOnAThreadAreTheSame)
+{
+    for (const int error : {int{NO_ERROR}, WSAECONNRESET, WSAETIMEDOUT, WSAEINTR})
+        EXPECT_EQ(proxySightingOf(DrivenExchange{.error = error, .acceptedAt = letIn}), accepted) << error;
+    expectFailed(proxySightingOf(DrivenExchange()), NO_ERROR);
+    for (const int error : proxyFailures)
+        expectFailed(proxySightingOf(DrivenExchange{.error = error}), error);
+    for (const int error : ownFailures)
+        EXPECT_EQ(proxySightingOf(DrivenExchange{.error = error}), nothing) << error;
 }
 
 } // namespace

@@ -21,11 +21,12 @@ public:
 
     ProxyWitness function()
     {
-        return [this](std::uint16_t port, ProxySign sign) {
+        return [this](std::uint16_t port, const ProxySighting &sighting) {
             if (whenTold)
                 whenTold();
             const std::lock_guard lock(m_mutex);
-            m_signs.emplace_back(port, sign);
+            m_signs.emplace_back(port, sighting.sign);
+            m_lastSeen = sighting.at;
         };
     }
     Signs signs() const
@@ -41,6 +42,13 @@ public:
     }
     void expectFailure(std::uint16_t port) { expect({{port, ProxySign::Failed}}); }
     void expectAccepted(std::uint16_t port) { expect({{port, ProxySign::Accepted}}); }
+    /// The same, seen by then, however late it is told.
+    void expectAcceptedBy(SteadyTime moment, std::uint16_t port)
+    {
+        expectAccepted(port);
+        const std::lock_guard lock(m_mutex);
+        EXPECT_LE(m_lastSeen, moment);
+    }
 
     /// Called each time, before it is written down: whatever the teller may not hold a lock of.
     std::function<void()> whenTold;
@@ -48,6 +56,7 @@ public:
 private:
     mutable std::mutex m_mutex;
     Signs m_signs;
+    SteadyTime m_lastSeen;
 };
 
 } // namespace ruvo::test

@@ -1,5 +1,7 @@
 #include "tun/proxy_check.h"
 
+#include "support/log_capture.h"
+#include "support/wait_until.h"
 #include "windows/nat/nat_test.h"
 #include "windows/socks5/mute_port.h"
 #include "windows/support/import_redirection.h"
@@ -7,9 +9,14 @@
 
 #include <gmock/gmock.h>
 
+#include <process.h>
+
 #include <atomic>
+#include <cerrno>
+#include <cstddef>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -20,14 +27,14 @@ using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// Checks of a proxy's two inbounds, with time that passes when the test says so.
-class ProxyCheckTest : public NatTest
+/// Checks of a proxy's two inbounds. There is neither a completion port nor a worker.
+class ProxyCheckTest : public WinsockTest
 {
 protected:
     void TearDown() override
     {
-        m_check->stop();
-        NatTest::TearDown();
+        SetEvent(m_stopEvent.get());
+        m_check.reset();
     }
     void makeCheck(std::uint16_t port, std::uint16_t directPort = 1, const std::wstring &host = L"127.0.0.1")
     {
@@ -36,13 +43,13 @@ protected:
             const std::lock_guard lock(m_mutex);
             m_deaths.push_back(dead);
         });
-        m_check = std::make_unique<ProxyCheck>(host, m_port, *m_health);
+        m_check = std::make_unique<ProxyCheck>(host, m_stopEvent.get(), *m_health);
     }
     void fail(int count) { fail(count, m_proxyPort); }
     void fail(int count, std::uint16_t port)
     {
         for (int i = 0; i < count; ++i)
-            m_health->note(port, ProxySign::Failed);
+            m_health->note(port, {ProxySign::Failed, steadyNow()});
     }
     /// A proxy that answers `method` to the greeting and waits for the end; then `m_isOver`.
     void startProxy(const QByteArray &method)
@@ -55,7 +62,7 @@ protected:
         });
         makeCheck(m_proxy->port());
     }
-    void poll() { m_check->poll(m_now); }
+    void poll() { m_check->poll(steadyNow()); }
     std::vector<std::uint16_t> deaths()
     {
         const std::lock_guard lock(m_mutex);
@@ -65,38 +72,43 @@ protected:
     {
         EXPECT_TRUE(waitUntil([this] { return !deaths().empty(); }));
         EXPECT_THAT(deaths(), ElementsAre(m_proxyPort));
-        EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 0; }));
     }
-    /// Only the inbound that somebody answers at is due to be checked again after five failures, and not after four.
+    /// It is due to be checked again after five failures, once the outcome of the last check is known.
     void expectAlive()
     {
+        EXPECT_TRUE(waitUntil([this] {
+            fail(5);
+            return m_health->takeDueCheck(steadyNow()) == m_proxyPort;
+        }));
         EXPECT_THAT(deaths(), IsEmpty());
-        fail(4);
-        EXPECT_EQ(m_health->takeDueCheck(m_now), std::nullopt);
-        fail(1);
-        EXPECT_EQ(m_health->takeDueCheck(m_now), m_proxyPort);
     }
     /// The proxy is there but nobody answers: it is dead after two seconds, and not before.
     void expectPatience()
     {
         fail(5);
+        const SteadyTime begin = steadyNow();
         poll();
-        m_now += ProxyCheck::timeout - 1ms;
-        poll();
-        EXPECT_THAT(deaths(), IsEmpty());
-        EXPECT_EQ(m_port.inFlight(), 1);
-        m_now += 1ms;
-        poll();
-        EXPECT_THAT(deaths(), ElementsAre(m_proxyPort)) << "from inside poll";
+        EXPECT_LT(steadyNow() - begin, ProxyCheck::timeout) << "poll waits for nothing";
         expectDeath();
+        EXPECT_GE(steadyNow() - begin, ProxyCheck::timeout);
+    }
+    /// A check is cut off in its middle, and tells nothing.
+    void expectAStopInTime()
+    {
+        const SteadyTime begin = steadyNow();
+        SetEvent(m_stopEvent.get());
+        m_check->stop();
+        EXPECT_LT(steadyNow() - begin, ProxyCheck::timeout / 2);
+        EXPECT_THAT(deaths(), IsEmpty());
     }
 
-    SteadyTime m_now = steadyNow();
+    LogCapture m_log;
+    const KernelHandle m_stopEvent{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     std::uint16_t m_proxyPort = 0;
-    std::unique_ptr<ParallelProxy> m_proxy;
     QByteArray m_greeting;
     QByteArray m_rest;
     Signal m_isOver;
+    std::unique_ptr<ParallelProxy> m_proxy;
     std::unique_ptr<ProxyHealth> m_health;
     std::unique_ptr<ProxyCheck> m_check;
 
@@ -110,7 +122,7 @@ TEST_F(ProxyCheckTest, greetsAndAsksForNothing)
     startProxy(QByteArray::fromHex("0500"));
     fail(5);
     poll();
-    ASSERT_TRUE(m_isOver.wait()); // the outcome has been told before the connection ends
+    ASSERT_TRUE(m_isOver.wait());
     EXPECT_EQ(m_greeting, QByteArray::fromHex("050100"));
     EXPECT_EQ(m_rest, QByteArray());
     expectAlive();
@@ -134,6 +146,20 @@ TEST_F(ProxyCheckTest, failsWhenItIsRefused)
     expectDeath();
 }
 
+TEST_F(ProxyCheckTest, takesARefusalOfThisMachineAtOnce)
+{
+    makeCheck(closedPort());
+    std::atomic<int> asked = 0;
+    const ImportRedirection<IMPORT(WSAIoctl)> watched([&](SOCKET socket, DWORD code, auto... rest) {
+        asked += code == SIO_TCP_INITIAL_RTO;
+        return watched.real(socket, code, rest...);
+    });
+    fail(5);
+    poll();
+    expectDeath();
+    EXPECT_EQ(asked, 1);
+}
+
 TEST_F(ProxyCheckTest, givesAMuteProxyTwoSeconds)
 {
     const Socket mute = listeningSocket();
@@ -152,28 +178,40 @@ TEST_F(ProxyCheckTest, checksTheSamePortAgain)
 {
     startProxy(QByteArray::fromHex("0500"));
     for (int round = 1; round <= 3; ++round) {
-        fail(5);
         EXPECT_TRUE(waitUntil([&] {
-            poll(); // the check before may not have been told of yet
+            fail(1); // the check before may not have been told of yet
+            poll();
             return m_proxy->connections() == round;
         }));
-        EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 0; }));
     }
     EXPECT_THAT(deaths(), IsEmpty());
 }
 
 TEST_F(ProxyCheckTest, checksBothInboundsAtATime)
 {
-    const Socket main = listeningSocket();
-    const Socket direct = listeningSocket();
-    makeCheck(portOf(main.get()), portOf(direct.get()));
+    const auto waitingProxy = [](Signal &own, Signal &other) {
+        return [&](ProxyConnection &client, int) {
+            client.receive(3);
+            own.set();
+            // The other one is being checked at the same time.
+            if (other.wait())
+                client.send(QByteArray::fromHex("05ff"));
+        };
+    };
+    Signal isMain;
+    Signal isDirect;
+    const ParallelProxy main(waitingProxy(isMain, isDirect));
+    const ParallelProxy direct(waitingProxy(isDirect, isMain));
+    makeCheck(main.port(), direct.port());
     fail(5);
-    fail(5, portOf(direct.get()));
+    fail(5, direct.port());
+    const SteadyTime begin = steadyNow();
     poll();
-    EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 2; }));
-    m_now += ProxyCheck::timeout;
-    poll();
-    EXPECT_THAT(deaths(), ElementsAre(m_proxyPort)) << "of one proxy";
+    EXPECT_TRUE(waitUntil([this] { return deaths().size() == 1; })) << "of one proxy";
+    EXPECT_LT(steadyNow() - begin, ProxyCheck::timeout);
+    SetEvent(m_stopEvent.get());
+    m_check->stop();
+    EXPECT_EQ(deaths().size(), 1U);
 }
 
 TEST_F(ProxyCheckTest, makesNoSocketWhenNothingIsDue)
@@ -185,26 +223,66 @@ TEST_F(ProxyCheckTest, makesNoSocketWhenNothingIsDue)
         return counted.real(arguments...);
     });
     fail(4);
-    for (int i = 0; i < 1000; ++i, m_now += 10ms)
+    for (int i = 0; i < 1000; ++i)
         poll();
     EXPECT_EQ(sockets, 0);
     fail(1);
     poll();
-    EXPECT_EQ(sockets, 1);
     expectDeath();
+    EXPECT_EQ(sockets, 1);
 }
 
 TEST_F(ProxyCheckTest, withoutASocketTellsNothing)
 {
     makeCheck(closedPort());
+    Signal isAsked;
     {
-        const ImportRedirection<IMPORT(WSASocketW)> none([](auto...) {
+        const ImportRedirection<IMPORT(WSASocketW)> none([&](auto...) {
+            isAsked.set();
             WSASetLastError(WSAEMFILE);
             return INVALID_SOCKET;
         });
         fail(5);
         poll();
+        EXPECT_TRUE(isAsked.wait());
+    }
+    EXPECT_TRUE(waitUntil([this] {
+        EXPECT_THAT(deaths(), IsEmpty());
+        fail(1);
+        return m_health->takeDueCheck(steadyNow()) == m_proxyPort;
+    }));
+    m_health->noteChecked(m_proxyPort, std::nullopt);
+    fail(1);
+    poll();
+    expectDeath();
+}
+
+TEST_F(ProxyCheckTest, withoutAThreadTellsNothing)
+{
+    makeCheck(closedPort());
+    {
+        const ImportRedirection<IMPORT(_beginthreadex)> none([](auto...) -> uintptr_t {
+            errno = EAGAIN;
+            return 0;
+        });
+        fail(5);
         poll();
+        poll();
+    }
+    EXPECT_THAT(deaths(), IsEmpty());
+    EXPECT_EQ(m_health->takeDueCheck(steadyNow()), std::nullopt);
+    fail(1);
+    poll();
+    expectDeath();
+}
+
+TEST_F(ProxyCheckTest, withoutMemoryForAThreadTellsNothing)
+{
+    makeCheck(closedPort());
+    {
+        const ImportRedirection<IMPORT(_beginthreadex)> none([](auto...) -> uintptr_t { throw std::bad_alloc(); });
+        fail(5);
+        EXPECT_NO_THROW(poll());
     }
     EXPECT_THAT(deaths(), IsEmpty());
     fail(1);
@@ -215,39 +293,74 @@ TEST_F(ProxyCheckTest, withoutASocketTellsNothing)
 TEST_F(ProxyCheckTest, ofAHostThatIsNoAddressTellsNothing)
 {
     makeCheck(closedPort(), 1, L"proxy.example");
+    const ImportRedirection<IMPORT(WSASocketW)> none([](auto...) {
+        ADD_FAILURE() << "there is nobody to connect to";
+        return INVALID_SOCKET;
+    });
     fail(5);
     poll();
+    SetEvent(m_stopEvent.get());
+    m_check->stop();
     EXPECT_THAT(deaths(), IsEmpty());
-    EXPECT_EQ(m_port.inFlight(), 0);
 }
 
-TEST_F(ProxyCheckTest, thatTheStopEndsIsNotToldOf)
+TEST_F(ProxyCheckTest, thatTheStopEndsBeforeItsAnswerIsNotToldOf)
 {
-    const Socket mute = listeningSocket();
-    makeCheck(portOf(mute.get()));
+    Signal isGreeted;
+    const ParallelProxy mute([&](ProxyConnection &client, int) {
+        client.receive(3);
+        isGreeted.set();
+        client.waitForEnd();
+    });
+    makeCheck(mute.port());
     fail(5);
     poll();
-    EXPECT_EQ(m_port.inFlight(), 1);
-    m_check->stop();
-    EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 0; }));
+    ASSERT_TRUE(isGreeted.wait());
+    expectAStopInTime();
+}
+
+TEST_F(ProxyCheckTest, thatTheStopEndsBeforeItsConnectionIsNotToldOf)
+{
+    const MutePort mute;
+    makeCheck(mute.number());
+    Signal isWaiting;
+    const ImportRedirection<IMPORT(WaitForMultipleObjects)> watched([&](auto... arguments) {
+        isWaiting.set();
+        return watched.real(arguments...);
+    });
+    fail(5);
+    poll();
+    ASSERT_TRUE(isWaiting.wait());
+    expectAStopInTime();
+}
+
+TEST_F(ProxyCheckTest, afterTheStopIsNotMade)
+{
+    makeCheck(closedPort());
+    expectAStopInTime();
+    fail(5);
+    poll();
     EXPECT_THAT(deaths(), IsEmpty());
 }
 
 TEST_F(ProxyCheckTest, afterAResetFollowsEachOtherEverySecond)
 {
     makeCheck(closedPort());
-    m_health->noteReset();
-    m_health->noteReady(m_now);
     std::atomic<int> sockets = 0;
     const ImportRedirection<IMPORT(WSASocketW)> counted([&](auto... arguments) {
         ++sockets;
         return counted.real(arguments...);
     });
-    for (int check = 1; check <= 5; ++check, m_now += 1s) {
+    SteadyTime now = steadyNow();
+    m_health->noteReset(now);
+    m_health->noteReady(now);
+    for (int check = 1; check <= 5; ++check, now += 1s) {
         EXPECT_THAT(deaths(), IsEmpty());
-        poll();
-        EXPECT_EQ(sockets, check);
-        EXPECT_TRUE(waitUntil([this] { return m_port.inFlight() == 0; }));
+        // The one before may not have been told of yet.
+        EXPECT_TRUE(waitUntil([&] {
+            m_check->poll(now);
+            return sockets == check;
+        }));
     }
     expectDeath();
 }

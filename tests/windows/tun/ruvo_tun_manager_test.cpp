@@ -5,6 +5,7 @@
 #include "common/winsock_headers.h"
 #include "support/qt_printers.h"
 #include "support/wait_until.h"
+#include "windows/io/winsock_test.h"
 #include "windows/netcfg/namespace_test.h"
 #include "windows/support/import_redirection.h"
 
@@ -12,6 +13,7 @@
 
 #include <process.h>
 
+#include <QCoreApplication>
 #include <QJsonArray>
 #include <QStringList>
 
@@ -325,6 +327,51 @@ TEST_F(RuvoTunManagerTest, givesAProxyThatIsNoAddressNoRoute)
     EXPECT_THAT(journal("\"CreateIpForwardEntry\""), IsEmpty());
     EXPECT_FALSE(m_log.contains("localhost"));
     EXPECT_TRUE(m_log.contains("DEBUG Proxy: proxy.example:10808"));
+}
+
+/// With a proxy whose death has been found, and waits to be told of by the event loop.
+class RuvoTunManagerDeath : public RuvoTunManagerTest
+{
+protected:
+    void SetUp() override
+    {
+        RuvoTunManagerTest::SetUp();
+        QObject::connect(&*m_manager, &RuvoTunManager::proxyHealthCheckFailed, [this] { m_signals.append("dead"); });
+        ASSERT_EQ(m_manager->start({{"proxy-port", closedPort()}}), started());
+        ASSERT_EQ(
+            linuxOutput("for i in 1 2 3 4 5; do "
+                        "timeout 10 bash -c 'exec 3<>/dev/tcp/203.0.113.9/80 && read -r -t 5 -u 3' 2>/dev/null; "
+                        "done"),
+            "");
+        // What is called there is behind the line of the log, on the same thread.
+        EXPECT_TRUE(waitUntil([this] { return !m_log.linesWith("does not answer any more on port").isEmpty(); }));
+    }
+    static void runEventLoop() { QCoreApplication::sendPostedEvents(); }
+};
+
+TEST_F(RuvoTunManagerDeath, isToldOfByTheEventLoop)
+{
+    EXPECT_EQ(m_signals, QStringList{"started"});
+    EXPECT_TRUE(waitUntil([this] {
+        runEventLoop();
+        return m_signals.contains("dead");
+    }));
+    EXPECT_EQ(m_signals, (QStringList{"started", "dead"}));
+}
+
+TEST_F(RuvoTunManagerDeath, isNotToldOfOnceTheTunnelHasStopped)
+{
+    ASSERT_EQ(m_manager->stop(), success); // joins the thread that has found it
+    runEventLoop();
+    EXPECT_EQ(m_signals, (QStringList{"started", "stopped"}));
+}
+
+TEST_F(RuvoTunManagerDeath, isNotTakenForThatOfTheNextTunnelsProxy)
+{
+    ASSERT_EQ(m_manager->stop(), success);
+    ASSERT_EQ(m_manager->start({}), started());
+    runEventLoop();
+    EXPECT_EQ(m_signals, (QStringList{"started", "stopped", "started"}));
 }
 
 TEST_F(RuvoTunManagerTest, stopsItsTunnelWhenItGoes)

@@ -9,12 +9,14 @@
 #include "windows/io/winsock_test.h"
 #include "windows/nat/nat_test.h"
 #include "windows/support/import_redirection.h"
+#include "windows/support/signal.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <thread>
 
 namespace ruvo::test {
 namespace {
@@ -158,6 +160,38 @@ TEST_F(TunnelHealth, isNewsAgainOnceTheProxyHasLived)
     }
     EXPECT_EQ(deathLines().size(), 3);
     m_tunnel->stop();
+}
+
+// A full log disk or a full adapter can stall them all, and connections fail by that.
+TEST_F(TunnelHealth, isNotThatOfAProxyThatAnswersWhileAllWorkersAreHeldUp)
+{
+    // The threads that open associations go on: five of them fail, then a check succeeds, twice.
+    std::atomic<int> greetings = 0;
+    ParallelProxy proxy([&](ProxyConnection &client, int) {
+        if (client.receive(3).size() == 3)
+            client.send(QByteArray::fromHex(greetings++ % 6 == 5 ? "0500" : "05ff"));
+        client.waitForEnd();
+    });
+    ASSERT_NO_FATAL_FAILURE(startWatched({.proxyPort = proxy.port()}));
+    Signal mayGoOn;
+    std::atomic<unsigned> held = 0;
+    const ImportRedirection<IMPORT(GetQueuedCompletionStatus)> holding([&](auto... arguments) {
+        if (!mayGoOn.isSet()) {
+            ++held;
+            mayGoOn.wait(60s);
+        }
+        return holding.real(arguments...);
+    });
+    EXPECT_TRUE(waitUntil([&] { return held == std::thread::hardware_concurrency(); }));
+    for (int check = 1; check <= 2; ++check) {
+        for (int i = 0; i < 5; ++i)
+            sendDatagram();
+        EXPECT_TRUE(waitUntil([&] { return greetings == 6 * check; })) << greetings;
+    }
+    EXPECT_EQ(m_deaths, 0);
+    mayGoOn.set();
+    m_tunnel->stop();
+    EXPECT_EQ(deathLines(), QStringList());
 }
 
 TEST_F(TunnelHealth, isNotLookedForWithoutTraffic)
