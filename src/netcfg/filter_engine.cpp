@@ -5,6 +5,9 @@
 
 #include <objbase.h>
 
+#include <cstddef>
+#include <cstring>
+
 namespace ruvo {
 
 namespace {
@@ -27,6 +30,10 @@ constexpr GUID remotePortField = // FWPM_CONDITION_IP_REMOTE_PORT
     {0xc35a604d, 0xd22b, 0x4e1a, {0x91, 0xb4, 0x68, 0xf6, 0x74, 0xee, 0x67, 0x4b}};
 
 constexpr UINT16 highestWeight = 0xFFFF;
+
+// Where the flags of a sublayer have 16 bits, as in older SDKs, the other half of the 32 that a current Windows reads
+// is padding before this member. The widths of all members in a session, a filter and a condition are the same.
+static_assert(offsetof(FWPM_SUBLAYER0, providerKey) == 40);
 
 /// Windows only reads these texts, but its structure says otherwise.
 FWPM_DISPLAY_DATA0 displayData(const wchar_t *name, const wchar_t *description)
@@ -93,7 +100,9 @@ DWORD FilterEngine::open()
 
 DWORD FilterEngine::addSubLayer()
 {
-    FWPM_SUBLAYER0 subLayer{};
+    FWPM_SUBLAYER0 subLayer;
+    // With its padding, which `{}` may leave as it is: Windows takes some of it for flags.
+    std::memset(&subLayer, 0, sizeof(subLayer));
     subLayer.subLayerKey = m_subLayer;
     subLayer.displayData = displayData(L"RUVO TUN Filters", L"Filters for DNS leak prevention");
     subLayer.weight = highestWeight;

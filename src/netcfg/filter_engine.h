@@ -24,7 +24,7 @@ class FilterEngine
 {
 public:
     /// Makes up the key of the sublayer. Should Windows fail to, it is zero, and the filters stand in Windows'
-    /// default sublayer, where they do the same.
+    /// default sublayer, where other products' filters may come before them.
     FilterEngine();
 
     DWORD open();

@@ -56,7 +56,7 @@ bool FirewallManager::applyStrictRoute(std::uint32_t interfaceIndex, std::uint32
         return false;
     }
     qCDebug(lcRuvod) << "Applying strict route - interface:" << interfaceIndex;
-    // No memory for an id is known before there is a filter that nobody would remember.
+    // Room for every id first: without memory for one, its filter would be in force and nobody would remember it.
     m_filterIds.reserve(m_filterIds.size() + mostFilters);
 
     bool succeeded = true;
@@ -195,7 +195,8 @@ bool FirewallManager::verifyFilters() const
     return missing == 0;
 }
 
-// Every failure is passed over: what is left goes with the session.
+// Every failure is passed over: filters that are left go with the session; a rule that is left is replaced by the
+// next start.
 void FirewallManager::cleanup()
 {
     if (!m_initialized)

@@ -96,13 +96,14 @@ HRESULT WindowsFirewall::remove(const std::wstring &name)
 }
 
 // A daemon that was killed has left its rule. Windows would keep both under one name, and removal takes one away.
+// Where there is none, Windows may call the removal a success all the same: nothing is said of a rule that was there.
 void WindowsFirewall::removeLeftover(const std::wstring &name)
 {
     const HRESULT result = remove(name);
     if (SUCCEEDED(result))
-        qCDebug(lcRuvod) << "[WinFW] Removed the rule that an earlier run left";
+        qCDebug(lcRuvod) << "[WinFW] Cleared the rule's name for the new one";
     else if (result != HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND))
-        qCDebug(lcRuvod) << "[WinFW] Failed to look for the rule of an earlier run:" << result;
+        qCDebug(lcRuvod) << "[WinFW] Failed to remove the rule of an earlier run:" << result;
 }
 
 } // namespace ruvo

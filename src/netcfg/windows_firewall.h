@@ -23,7 +23,7 @@ public:
     bool open();
     /// Adds an enabled rule, in the place of an old one of this name. False and logged on failure.
     bool add(const FirewallRule &rule);
-    /// HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) if there is no rule of this name. Logs nothing.
+    /// HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), or a success, if there is no rule of this name. Logs nothing.
     HRESULT remove(const std::wstring &name);
 
 private:

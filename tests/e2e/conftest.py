@@ -63,10 +63,12 @@ def running(bench):
 def tunnel_bench(running):
     """The same, for a tunnel: its usual warnings are known, and in the end nothing may be left of it.
 
-    Routes that the test takes away or that stay are to be told: bench.routes_that_change = (gone, new).
+    Routes that the test takes away or that stay are to be told: bench.routes_that_change = (gone, new). So is a
+    firewall rule that stays: bench.firewall_rules_that_stay.
     """
     tunnel.expect_in_log(running)
     running.routes_that_change = ([], [])
+    running.firewall_rules_that_stay = []
     addresses, routes = tunnel.addresses(running), tunnel.routes(running)
     yield running
     if running.daemon_pids():
@@ -74,6 +76,8 @@ def tunnel_bench(running):
     gone, new = running.routes_that_change
     assert (tunnel.adapters(running), tunnel.addresses(running)) == ([], addresses)
     assert sorted(tunnel.routes(running)) == sorted([route for route in routes if route not in gone] + new)
+    assert tunnel.against_leaks(running) == {
+        "filters": [], "sublayers": [], "sessions": [], "firewall rules": running.firewall_rules_that_stay}
     assert not tunnel.misuse(running)
 
 

@@ -274,6 +274,7 @@ def test_a_killed_daemon_keeps_everything_in_until_it_is_gone(tunnel_bench):
     bench.routes_that_change = ([], [tunnel.bypass_route(address) for address in RESOLVERS])
     client = bench.client()
     tunnel.start(client)
+    bench.firewall_rules_that_stay = bench.firewall_rules()
     phases = Phases()
     # It waits for a probe of each kind to arrive: that they do without filters is what the other test sees.
     with leaks.Prober(bench, arrives=False) as prober:

@@ -225,6 +225,37 @@ def test_without_a_tunnel_there_is_nothing_to_reset(running):
 
 
 @without_guest
+def test_filters_whose_session_somebody_has_ended_are_all_named(running, tunnel_client):
+    numbers = [each["id"] for each in running.filters.filters()]
+    assert len(numbers) == tunnel.FILTERS
+    session, = running.filters.sessions()
+    running.filters.end_behind_back(session["id"])
+    assert not any((running.filters.filters(), running.filters.sublayers(), running.filters.sessions()))
+    missing = [f"[FILTER-CHECK] ❌ Filter ID {number} is MISSING! Error: 6" for number in numbers]
+    counted = f"[FILTER-CHECK] 0 filters exist, {tunnel.FILTERS} are MISSING"
+    disappeared = "[FILTER-CHECK] 🔥🔥🔥 FILTERS DISAPPEARED WITHOUT CLEANUP! 🔥🔥🔥"
+    for text in (*missing, counted, disappeared):
+        running.log.expect(f"^{re.escape(text)}$")
+    before = len(running.log.lines())
+    reset(tunnel_client)
+    running.log.wait_for("FILTERS DISAPPEARED WITHOUT CLEANUP!")
+    checked = [text for text in running.log.texts()[before:] if text.startswith("[FILTER-CHECK]")]
+    assert checked[1:] == [*missing, counted, disappeared]
+
+    # What cannot be deleted any more is no trouble, and the next tunnel has filters of its own.
+    calls = len(running.journal.entries())
+    tunnel.stop(tunnel_client)
+    stopped = [entry for entry in running.journal.entries()[calls:] if entry["call"].startswith("Fwpm")]
+    assert {(entry["result"], entry["error"]) for entry in stopped} == {(False, 6)}
+    assert stopped[-1]["call"] == "FwpmEngineClose0"
+    assert running.firewall_rules() == []
+    tunnel.start(tunnel_client)
+    assert len(running.filters.filters()) == tunnel.FILTERS
+    tunnel.stop(tunnel_client)
+    assert not any(tunnel.against_leaks(running).values())
+
+
+@without_guest
 def test_filters_that_somebody_has_deleted_are_named(running, tunnel_client):
     numbers = [each["id"] for each in running.filters.filters()]
     reset(tunnel_client)

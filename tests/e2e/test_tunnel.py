@@ -53,6 +53,16 @@ STOP_CALLS = [
     f"WintunCloseAdapter {TUN} removed=True",
 ]
 
+
+
+def assert_firewall_stands_between(names, first, before, after, last):
+    """Its calls are one block of `names`, from `first` to `last`, behind each `before` and ahead of each `after`."""
+    places = [place for place, name in enumerate(names) if tunnel.OF_THE_FIREWALL.match(name)]
+    assert (names[places[0]], names[places[-1]]) == (first, last)
+    assert before in names and max(place for place, name in enumerate(names) if name == before) < places[0]
+    assert places[-1] < names.index(after)
+
+
 # In this order; other lines may stand between them.
 START_LINES = [
     *(f'DEBUG Bypass IP: "{address}"' for address in ("8.8.8.8", "8.8.4.4", "1.1.1.1", "1.0.0.1")),
@@ -69,6 +79,8 @@ START_LINES = [
     "DEBUG DNS servers configured via API: 10.6.7.2",
     "DEBUG IPv6 DNS servers configured: ",
     "DEBUG ✓ DNS resolver cache flushed",
+    "DEBUG Firewall manager initialized",
+    "DEBUG [WinFW] ✓ Added Windows Firewall inbound allow rule for TCP",
     re.compile(r"WARNING \[TCP-NAT\] Listening on 10\.6\.7\.1:\d+"),
     re.compile(r"INFO \[TCP-NAT\] Listener port assigned by OS: \d+"),
     "DEBUG [UDP-NAT] Initialized for SOCKS5 UDP forwarding (proxy:10808, direct:20808)",
@@ -91,6 +103,7 @@ STOP_LINES = [
     'DEBUG Removed route: "128.0.0.0" / "128.0.0.0"',
     "DEBUG [TCP-NAT] Closing 0 relay sessions",
     "DEBUG [UDP-NAT] Shutdown complete",
+    "DEBUG [WinFW] ✓ Removed Windows Firewall rule",
     "DEBUG Tunnel stopped",
     "DEBUG RuvoTunManager: TUN stopped",
 ]
@@ -139,6 +152,10 @@ def test_an_empty_start_makes_the_default_tunnel_and_a_stop_takes_it_away(tunnel
     answer = client.request("tun-status")
     assert answer == {"running": True, "adapter-name": tunnel.NAME, "request-id": answer["request-id"]}
     assert tunnel.windows_calls(bench, calls_before) == START_CALLS
+    names = [entry["call"] for entry in bench.journal.entries()[calls_before:]]
+    assert_firewall_stands_between(names, "FwpmEngineOpen0", "DnsFlushResolverCache", "WintunStartSession",
+                                   last="CoUninitialize")
+    assert names.index("INetFwRules::Add") > names.index("FwpmEngineOpen0")
     assert_in_order(log_lines(bench), START_LINES)
 
     calls_before = len(bench.journal.entries())
@@ -148,6 +165,10 @@ def test_an_empty_start_makes_the_default_tunnel_and_a_stop_takes_it_away(tunnel
     answer = client.request("tun-status")
     assert answer == {"running": False, "adapter-name": "", "request-id": answer["request-id"]}
     assert tunnel.windows_calls(bench, calls_before) == STOP_CALLS
+    names = [entry["call"] for entry in bench.journal.entries()[calls_before:]]
+    assert_firewall_stands_between(names, "CoInitializeEx", "DeleteIpForwardEntry2", "WintunEndSession",
+                                   last="FwpmEngineClose0")
+    assert names.index("INetFwRules::Remove") < names.index("FwpmEngineClose0")
     assert_in_order(log_lines(bench), START_LINES + STOP_LINES)
     # Windows keeps an interface's DNS settings under its identity.
     assert tunnel.dns_servers(bench, GUID) == "10.6.7.2"

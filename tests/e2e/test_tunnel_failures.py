@@ -126,6 +126,11 @@ ENDURED = {
 }
 
 
+def machine(bench):
+    """All that a tunnel changes on the machine."""
+    return (tunnel.adapters(bench), tunnel.addresses(bench), tunnel.routes(bench), tunnel.against_leaks(bench))
+
+
 def serious_lines(bench, after):
     """What is not usual among the warnings and worse."""
     serious = [line.text for line in bench.log.lines()[after:] if line.level in daemon_log.SERIOUS]
@@ -156,7 +161,7 @@ def quiet_bench(tunnel_bench):
 def test_failures_that_end_the_start(quiet_bench):
     bench = quiet_bench
     client = bench.client()
-    machine = (tunnel.addresses(bench), tunnel.routes(bench))
+    before_all = machine(bench)
     for what, failure in FATAL.items():
         bench.plan_failures(*failure.plan)
         before = len(bench.log.lines())
@@ -164,7 +169,7 @@ def test_failures_that_end_the_start(quiet_bench):
         assert (answer["success"], answer.get("error")) == (False, failure.answer), what
         assert serious_lines(bench, before) == [*failure.lines, f'"{failure.answer}"'], what
         assert [line.level for line in bench.log.lines()[-2:]] == ["CRITICAL"] * 2, what
-        assert ([], *machine) == (tunnel.adapters(bench), tunnel.addresses(bench), tunnel.routes(bench)), what
+        assert machine(bench) == before_all, what
         assert client.request("tun-status")["running"] is False, what
         answer = client.request("stop-tun")
         assert (answer["success"], answer["error"]) == (False, "TUN not running"), what
@@ -174,7 +179,7 @@ def test_failures_that_end_the_start(quiet_bench):
 def test_failures_that_a_start_endures(quiet_bench):
     bench = quiet_bench
     client = bench.client()
-    machine = (tunnel.addresses(bench), tunnel.routes(bench))
+    before_all = machine(bench)
     for what, failure in ENDURED.items():
         bench.plan_failures(*failure.plan)
         before = len(bench.log.lines())
@@ -185,7 +190,7 @@ def test_failures_that_a_start_endures(quiet_bench):
         assert (len(halves) == 2) == failure.routed, what
         tunnel.stop(client)
         assert serious_lines(bench, before) == failure.lines, what
-        assert ([], *machine) == (tunnel.adapters(bench), tunnel.addresses(bench), tunnel.routes(bench)), what
+        assert machine(bench) == before_all, what
         assert_a_start_works(bench, client)
 
 

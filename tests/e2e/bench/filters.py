@@ -101,6 +101,10 @@ class Filters:
             session.call("filter-delete", id=number)
             session.call("close")
 
+    def end_behind_back(self, number):
+        """Ends a session as if somebody had closed its handle: what it has added goes, its owner is not told."""
+        self._ask("session-end", id=number)
+
     def client(self):
         """A connection of its own to the engine (filterengine.client)."""
         return sockets.in_namespace(self, "host", Client)

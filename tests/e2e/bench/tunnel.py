@@ -90,6 +90,13 @@ def dns_servers(bench, guid, service="Tcpip"):
     return found[1].strip() if found else None
 
 
+def against_leaks(bench):
+    """What the machine has of filters and of what they belong to, and the rules of the Windows Firewall."""
+    engine = bench.filters
+    return {"filters": engine.filters(), "sublayers": engine.sublayers(), "sessions": engine.sessions(),
+            "firewall rules": bench.firewall_rules()}
+
+
 # What differs from run to run, or counts packets that Linux sends by itself.
 _VOLATILE = {"time-ms", "pid", "thread", "index", "luid", "received", "received-bytes", "empty-reads", "sent",
              "sent-bytes"}
@@ -97,9 +104,12 @@ _VOLATILE = {"time-ms", "pid", "thread", "index", "luid", "received", "received-
 _PREPARATIONS = re.compile(r"Initialize|Convert|Wintun(GetAdapterLUID|GetReadWaitEvent)")
 _OF_THE_TUNNEL = re.compile(r"Wintun|Reg|.*Ip(Forward|Interface|Address)|SetInterfaceDns|DnsFlush|CreateIoCompletion")
 
+OF_THE_FIREWALL = re.compile(r"Fwpm|Co(Initialize|Uninitialize|CreateInstance)|INetFw")
+
 
 def windows_calls(bench, after=0):
-    """The calls that a tunnel's start or stop consists of, one a line, from entry `after` of the journal on."""
+    """The calls that a tunnel's start or stop consists of, one a line, from entry `after` of the journal on; without
+    those of the firewall."""
     calls = []
     for entry in bench.journal.entries()[after:]:
         call = entry["call"]

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -46,6 +47,14 @@ QString textOf(const FWPM_DISPLAY_DATA0 &data)
 QString unless(bool usual, const QString &text)
 {
     return usual ? QString() : " (" + text + ")";
+}
+
+/// As a Windows reads them for which they have 32 bits.
+UINT32 flagsOf(const FWPM_SUBLAYER0 &subLayer)
+{
+    UINT32 flags = 0;
+    std::memcpy(&flags, reinterpret_cast<const char *>(&subLayer) + offsetof(FWPM_SUBLAYER0, flags), sizeof(flags));
+    return flags;
 }
 
 QString valueText(const FWP_CONDITION_VALUE0 &value)
@@ -130,7 +139,7 @@ DWORD FakeFilterEngine::addSubLayer(const FWPM_SUBLAYER0 &subLayer)
     subLayers.push_back(subLayer.subLayerKey);
     return m_calls.answer(QString("FwpmSubLayerAdd0 %1 %2 flags %3 weight %4")
                               .arg(keyText(subLayer.subLayerKey), textOf(subLayer.displayData))
-                              .arg(subLayer.flags)
+                              .arg(flagsOf(subLayer))
                               .arg(subLayer.weight)
                           + unless(!subLayer.providerKey && subLayer.providerData.size == 0, "provider"));
 }

@@ -77,7 +77,8 @@ public:
         const auto result = static_cast<HRESULT>(m_calls.answer("INetFwRules::Remove " + name));
         if (FAILED(result))
             return result;
-        return m_policy.ruleNames.removeOne(name) ? S_OK : static_cast<HRESULT>(0x80070002);
+        const bool isRemoved = m_policy.ruleNames.removeOne(name);
+        return isRemoved || m_policy.absentRuleIsNoError ? S_OK : static_cast<HRESULT>(0x80070002);
     }
 
 private:

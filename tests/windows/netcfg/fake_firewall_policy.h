@@ -25,6 +25,8 @@ public:
     FakeFirewallPolicy &operator=(const FakeFirewallPolicy &) = delete;
 
     QStringList ruleNames;
+    /// To remove a rule that there is not succeeds.
+    bool absentRuleIsNoError = false;
     /// What CoInitializeEx answers, unless it fails by plan.
     HRESULT initialization = S_OK;
     /// CoInitializeEx and CoUninitialize are Windows' own.

@@ -264,7 +264,7 @@ TEST_F(FirewallFailure, ofAnyCallIsSaidAndLeavesNothingBehind)
         SCOPED_TRACE(failed.toStdString());
         const bool isSilent =
             failed.isEmpty() || silent.contains(failed.section(' ', 0, 0))
-            || m_log.contains("DEBUG [WinFW] Failed to look for the rule of an earlier run: " + comCode);
+            || m_log.contains("DEBUG [WinFW] Failed to remove the rule of an earlier run: " + comCode);
         EXPECT_EQ(m_log.contains("Failed to open WFP") || m_log.contains("WARNING ") || m_log.contains("is MISSING!"),
                   !isSilent);
         EXPECT_EQ(m_engine.openSessions, 0);

@@ -15,6 +15,7 @@ const QString code = "-2147418113";
 const QString noMemory = "-2147024882"; // E_OUTOFMEMORY
 
 const QStringList removed = {"DEBUG [WinFW] ✓ Removed Windows Firewall rule"};
+const QStringList cleared = {"DEBUG [WinFW] Cleared the rule's name for the new one"};
 const QStringList added = {"DEBUG [WinFW] ✓ Added Windows Firewall inbound allow rule for TCP"};
 
 class FirewallListener : public FirewallTest
@@ -88,15 +89,31 @@ TEST_F(FirewallListener, replacesTheRuleOfADaemonThatWasKilled)
     m_policy.ruleNames = {"RUVO TUN (C:\\Other\\ruvod.exe)", listenerRuleName};
     EXPECT_TRUE(m_manager.addFirewallRule());
     EXPECT_EQ(m_policy.ruleNames, (QStringList{"RUVO TUN (C:\\Other\\ruvod.exe)", listenerRuleName}));
-    EXPECT_EQ(m_log.lines(), QStringList{"DEBUG [WinFW] Removed the rule that an earlier run left"} + added);
+    EXPECT_EQ(m_log.lines(), cleared + added);
 }
 
-TEST_F(FirewallListener, getsItsRuleEvenIfAnOldOneCannotBeLookedFor)
+/// Nobody can tell then whether there was one.
+TEST_F(FirewallListener, speaksOfNoOldRuleWhereWindowsRemovesWhatIsNotThere)
+{
+    m_policy.absentRuleIsNoError = true;
+    EXPECT_TRUE(m_manager.addFirewallRule());
+    EXPECT_EQ(m_log.lines(), cleared + added);
+    EXPECT_EQ(m_calls.lines, addingRule);
+    EXPECT_EQ(m_policy.ruleNames, QStringList{listenerRuleName});
+    m_log.clear();
+    EXPECT_TRUE(m_manager.removeFirewallRule());
+    EXPECT_TRUE(m_manager.removeFirewallRule());
+    EXPECT_EQ(m_log.lines(), removed + removed);
+    EXPECT_EQ(m_policy.ruleNames, QStringList());
+    expectNothingLeft();
+}
+
+TEST_F(FirewallListener, getsItsRuleEvenIfAnOldOneCannotBeRemoved)
 {
     m_calls.fail("INetFwRules::Remove", someError);
     EXPECT_TRUE(m_manager.addFirewallRule());
     EXPECT_EQ(m_log.lines(),
-              QStringList{"DEBUG [WinFW] Failed to look for the rule of an earlier run: " + code} + added);
+              QStringList{"DEBUG [WinFW] Failed to remove the rule of an earlier run: " + code} + added);
     EXPECT_EQ(m_calls.lines, addingRule);
 }
 

@@ -81,7 +81,8 @@ std::vector<std::string> TunnelTest::calls()
         const QString call = QJsonDocument::fromJson(QByteArray::fromStdString(line)).object()["call"].toString();
         const bool changes = call.startsWith("Create") || call.startsWith("Set") || call.startsWith("Delete");
         const bool isIpHelper = call.contains("Entry") || call.contains("Dns");
-        if ((call.startsWith("Wintun") && !beside.contains(call)) || (changes && isIpHelper))
+        const bool isWintun = call.startsWith("Wintun") && !beside.contains(call);
+        if (isWintun || (changes && isIpHelper) || call.startsWith("FwpmEngine"))
             calls.push_back(call.toStdString());
     }
     return calls;
@@ -147,7 +148,7 @@ TEST_F(TunnelTest, comesUpStepByStepAndSaysSo)
     EXPECT_TRUE(m_tunnel->isRunning());
     EXPECT_THAT(calls(), ElementsAre("WintunOpenAdapter", "WintunCreateAdapter", "CreateUnicastIpAddressEntry",
                                      "CreateIpForwardEntry2", "SetIpInterfaceEntry", "SetInterfaceDnsSettings",
-                                     "WintunStartSession"));
+                                     "FwpmEngineOpen0", "WintunStartSession"));
     const QStringList wanted = {
         "DEBUG NAT client IP (gateway/DNS, not assigned): \"10.6.7.2\"",
         "DEBUG Set interface gateway to \"10.6.7.2\"",
@@ -191,7 +192,7 @@ TEST_F(TunnelTest, goesDownInOrder)
     m_tunnel->stop();
     EXPECT_FALSE(m_tunnel->isRunning());
     EXPECT_EQ(m_tunnel->operationsInFlight(), 0);
-    EXPECT_THAT(calls(), ElementsAre("WintunEndSession", "WintunCloseAdapter"));
+    EXPECT_THAT(calls(), ElementsAre("FwpmEngineClose0", "WintunEndSession", "WintunCloseAdapter"));
     EXPECT_THAT(journal("\"WintunEndSession\"").front(), HasSubstr("\"unreleased\":false,\"unsent\":false"));
     EXPECT_EQ(m_log.lines().constLast(), "DEBUG Tunnel stopped");
     EXPECT_EQ(m_log.linesWith("WARNING"), QStringList());

@@ -43,7 +43,8 @@ protected:
         "while ip link show test >/dev/null 2>&1; do "
         "read -r -t 0.2 -u 3 answer && echo \"$answer\" && exit; [ $? -gt 128 ] || exit; done'";
 
-    /// Names of the calls to Wintun and of the changes to the system, in order.
+    /// Names of the calls to Wintun, of the changes to the system, and of the filtering engine's opening and closing,
+    /// in order.
     static std::vector<std::string> calls();
 
     std::unique_ptr<Tunnel> m_tunnel;

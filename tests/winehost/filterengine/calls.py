@@ -33,17 +33,20 @@ class Calls:
 
     def end(self, connection):
         """The connection is closed or its process is gone."""
-        if connection.session:
-            self.objects.close(connection.session)
-            connection.session = None
-            self._enforce_all()
+        if connection.session in self.objects.sessions:
+            self._end(connection.session)
+        connection.session = None
+
+    def _end(self, session):
+        self.objects.close(session)
+        self._enforce_all()
 
     def _enforce_all(self):
         self._enforce(list(self.objects.filters.values()))
 
-    @staticmethod
-    def _session(connection):
-        if not connection.session:
+    def _session(self, connection):
+        # It may have been ended by another connection.
+        if connection.session not in self.objects.sessions:
             raise Failure(codes.ERROR_INVALID_HANDLE)
         return connection.session
 
@@ -56,6 +59,12 @@ class Calls:
     def _close(self, connection, _):
         self._session(connection)
         self.end(connection)
+
+    def _end_other(self, _, request):
+        for session in self.objects.sessions:
+            if session.id == request["id"]:
+                return self._end(session)
+        raise Failure(codes.ERROR_INVALID_PARAMETER)
 
     def _add_sublayer(self, connection, request):
         self.objects.add_sublayer(self._session(connection), request["key"], request["name"],
@@ -103,9 +112,9 @@ class Calls:
         return {"changes": [change._asdict() for change in self._changes]}
 
     _CALLS = {
-        "open": _open, "close": _close, "sublayer-add": _add_sublayer, "sublayer-delete": _delete_sublayer,
-        "filter-add": _add_filter, "filter-get": _get_filter, "filter-delete": _delete_filter, "judge": _judge,
-        "list": _list, "changes": _list_changes,
+        "open": _open, "close": _close, "session-end": _end_other, "sublayer-add": _add_sublayer,
+        "sublayer-delete": _delete_sublayer, "filter-add": _add_filter, "filter-get": _get_filter,
+        "filter-delete": _delete_filter, "judge": _judge, "list": _list, "changes": _list_changes,
     }
 
 

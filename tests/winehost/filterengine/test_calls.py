@@ -123,6 +123,19 @@ def test_what_a_dynamic_session_has_added_ends_with_it(engine, session, calls):
     assert engine.list("sessions") == []
 
 
+def test_a_session_that_somebody_else_ends(engine, session):
+    number = engine.ask(session, "filter-add", **FILTER)["id"]
+    other = engine.connect()
+    assert engine.error(other, "session-end", id=3) == codes.ERROR_INVALID_PARAMETER
+    assert engine.error(other, "session-end", id=1) == 0
+    assert [each["id"] for each in engine.list("sessions")] == [2]
+    assert (engine.list("filters"), engine.list("sublayers"), engine.enforced[-1]) == ([], [], [])
+    for call, members in (("filter-get", {"id": number}), ("filter-delete", {"id": number}), ("close", {})):
+        assert engine.error(session, call, **members) == codes.ERROR_INVALID_HANDLE
+    engine.end(session)
+    assert [each["id"] for each in engine.list("sessions")] == [2]
+
+
 def test_sessions_may_delete_what_others_have_added(engine, session):
     number = engine.ask(session, "filter-add", **FILTER)["id"]
     other = engine.connect()
