@@ -1,13 +1,13 @@
 #include "windows/socks5/port_exchange_fixture.h"
 
 #include "windows/support/call_journal.h"
+#include "windows/support/signal.h"
 
 #include <mstcpip.h>
 
 #include <algorithm>
 #include <atomic>
 #include <future>
-#include <semaphore>
 #include <thread>
 
 namespace ruvo::test {
@@ -168,14 +168,14 @@ TEST_F(PortExchangeTest, doesNotRepeatItselfOnThisMachineOnly)
 TEST_F(PortExchangeTest, knowsWhenTheMethodWasAcceptedHoweverItEndsAndWhenever)
 {
     for (const QByteArray &reply : {connected, QByteArray::fromHex("05050001000000000000"), QByteArray()}) {
-        std::binary_semaphore isAsked{0};
-        std::binary_semaphore mayAnswer{0};
+        Signal isAsked;
+        Signal mayAnswer;
         startProxy([&](ProxyConnection &client) {
             client.receive(3);
             client.send(accepted);
             client.receive(10);
-            isAsked.release();
-            mayAnswer.acquire();
+            isAsked.set();
+            mayAnswer.wait();
             client.send(reply);
             client.shutDown();
             client.waitForEnd();
@@ -183,9 +183,9 @@ TEST_F(PortExchangeTest, knowsWhenTheMethodWasAcceptedHoweverItEndsAndWhenever)
         const SteadyTime begin = steadyNow();
         const PortExchangePtr exchange = start(plan(m_proxy->port()));
         EXPECT_TRUE(runTo(exchange, 5));
-        isAsked.acquire();
+        EXPECT_TRUE(isAsked.wait());
         const SteadyTime asked = steadyNow();
-        mayAnswer.release();
+        mayAnswer.set();
         const PortExchange::Outcome &ended = outcome();
         EXPECT_EQ(ended.has_value(), reply == connected);
         const std::optional<SteadyTime> acceptedAt = ended ? ended->acceptedAt : ended.error().acceptedAt;
