@@ -352,11 +352,13 @@ TEST_F(TunnelResetTraffic, leavesRelaysAlone)
         client.waitForEnd();
     });
     ASSERT_NO_FATAL_FAILURE(startTowards(proxy.port()));
+    const std::int64_t idle = m_tunnel->operationsInFlight();
     LinuxCommand command(application);
     ASSERT_TRUE(waitUntil([&] { return isRelayed.load(); })) << m_log.lines().join('\n').toStdString();
-    const std::int64_t before = m_tunnel->operationsInFlight();
+    const std::int64_t receiving = idle + 2; // on both sides; what was sent may still be completing
+    ASSERT_TRUE(waitUntil([&] { return m_tunnel->operationsInFlight() == receiving; }));
     m_tunnel->resetConnections();
-    EXPECT_EQ(m_tunnel->operationsInFlight(), before);
+    EXPECT_EQ(m_tunnel->operationsInFlight(), receiving);
     SetEvent(goesOn.get());
     const auto ended = command.wait();
     ASSERT_TRUE(ended);
