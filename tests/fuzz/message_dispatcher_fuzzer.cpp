@@ -68,6 +68,7 @@ RequestServices recordingServices(Record &record)
     services.stopTun = result;
     services.tunStatus = result;
     services.flushDnsCache = [&record] { ++record.updates; };
+    services.resetConnections = [&record] { ++record.updates; };
     return services;
 }
 
