@@ -7,6 +7,7 @@ import threading
 import time
 
 from . import processes
+from .daemon_log import CLIENT_LEFT_DURING_A_WRITE
 from .waiting import wait_for
 
 
@@ -22,8 +23,9 @@ class Client:
 
     _ids = itertools.count(1)
 
-    def __init__(self, prefix, ruvoctl, session, log_path, options=(), on_hello=None):
+    def __init__(self, prefix, ruvoctl, session, log_path, options, daemon_log, on_hello):
         self.session = session
+        self._daemon_log = daemon_log
         self.messages = []  # all that came, in order
         self._taken = set()
         self._ended = False
@@ -50,7 +52,7 @@ class Client:
 
     def send(self, message):
         """Sends one object."""
-        if self._on_hello and message.get("action") == "client-hello":
+        if message.get("action") == "client-hello":
             self._on_hello(message.get("log-path", ""))
         self.send_line(json.dumps(message))
 
@@ -111,5 +113,6 @@ class Client:
 
     def kill(self):
         """Ends ruvoctl in the middle of whatever it does."""
+        self._daemon_log.allow(CLIENT_LEFT_DURING_A_WRITE)
         processes.kill([self.process.pid])
         self.process.wait(10)

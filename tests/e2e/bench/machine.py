@@ -155,7 +155,7 @@ class Bench(Service):
         """Starts a client and does not wait for it."""
         words = list(options) + ([] if heartbeat else ["--no-heartbeat"])
         client = Client(self.prefix, self.application / "ruvoctl.exe", session,
-                        self.directory / f"client-{next(self._numbers)}.log", words, self._note_log)
+                        self.directory / f"client-{next(self._numbers)}.log", words, self.log, self._note_log)
         self.clients.append(client)
         return client
 
