@@ -33,15 +33,7 @@ protected:
     }
     void openManyAgainst(const QByteArray &method, const QByteArray &reply = {})
     {
-        useScript([=](ProxyConnection &client, int) {
-            client.receive(3);
-            client.send(method);
-            if (!reply.isEmpty()) {
-                client.receive(10);
-                client.send(reply);
-            }
-            client.waitForEnd();
-        });
+        useAnswers(method, reply);
         openMany(12);
         usePort(m_proxy->port());
     }

@@ -220,6 +220,20 @@ void TcpEngineTest::useScript(ParallelProxy::Script script)
     m_proxyPort = m_scripted->port();
 }
 
+void TcpEngineTest::useAnswers(const QByteArray &method, const QByteArray &reply)
+{
+    useScript([=](ProxyConnection &client, int) {
+        client.receive(greeting.size());
+        client.send(method);
+        if (!reply.isEmpty()) {
+            client.receive(request.size());
+            client.send(reply);
+        }
+        client.shutDown();
+        client.waitForEnd();
+    });
+}
+
 Application TcpEngineTest::application(std::uint16_t port, Endpoint to)
 {
     return {*m_engine, m_adapter, {{guest, port}, to}};

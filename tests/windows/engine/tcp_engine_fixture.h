@@ -134,6 +134,9 @@ protected:
     /// The proxy from now on; or any port of this host.
     void useProxy(std::unique_ptr<StreamProxy> proxy);
     void useScript(ParallelProxy::Script script);
+    /// A proxy that says `method` to the greeting and `reply`, if that is not empty, to the request, and closes
+    /// behind its last word.
+    void useAnswers(const QByteArray &method, const QByteArray &reply = {});
     void usePort(std::uint16_t port) { m_proxyPort = port; }
 
     Application application(std::uint16_t port, Endpoint to = {server, 443});

@@ -10,19 +10,9 @@ namespace {
 class TcpRefusalTest : public TcpEngineTest
 {
 protected:
-    /// Opens a connection with a proxy that says `method` and `reply`, and closes behind its last word.
     void openAgainst(const QByteArray &method, const QByteArray &reply = {})
     {
-        useScript([=](ProxyConnection &client, int) {
-            client.receive(3);
-            client.send(method);
-            if (!reply.isEmpty()) {
-                client.receive(10);
-                client.send(reply);
-            }
-            client.shutDown();
-            client.waitForEnd();
-        });
+        useAnswers(method, reply);
         application(41000).send(tcpSyn);
         expectGone();
         EXPECT_EQ(m_adapter.unread(41000), 0u) << "only a refused connect is answered";

@@ -18,19 +18,9 @@ protected:
         m_services.proxyWitness = m_witness.function();
         TcpEngineTest::SetUp();
     }
-    /// Opens a connection with a proxy that says `method` and `reply`, and closes behind its last word.
     void openAgainst(const QByteArray &method, const QByteArray &reply = {})
     {
-        useScript([=](ProxyConnection &client, int) {
-            client.receive(3);
-            client.send(method);
-            if (!reply.isEmpty()) {
-                client.receive(10);
-                client.send(reply);
-            }
-            client.shutDown();
-            client.waitForEnd();
-        });
+        useAnswers(method, reply);
         application(42000).send(tcpSyn);
         expectGone();
     }

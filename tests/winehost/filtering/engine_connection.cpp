@@ -32,17 +32,6 @@ struct UnixAddress
 constexpr char engineName[] = "\0ruvod-filter-engine";
 constexpr std::size_t engineNameSize = sizeof engineName - 1;
 
-/// Wine interrupts the threads of its processes by signals.
-template<typename Call>
-std::int64_t untilNotInterrupted(Call call)
-{
-    std::int64_t result = 0;
-    do {
-        result = call();
-    } while (result == -linux_error::interrupted);
-    return result;
-}
-
 } // namespace
 
 bool EngineConnection::connect()

@@ -15,7 +15,7 @@ namespace {
 using winehost::Descriptor;
 using winehost::systemCall;
 using winehost::SystemCall;
-namespace linux_error = winehost::linux_error;
+using winehost::untilNotInterrupted;
 
 Descriptor listener()
 {
@@ -32,16 +32,6 @@ Descriptor listener()
     EXPECT_EQ(systemCall(SystemCall::bind, made.get(), &address, sizeof(std::uint16_t) + sizeof name - 1), 0);
     EXPECT_EQ(systemCall(SystemCall::listen, made.get(), 1), 0);
     return made;
-}
-
-template<typename Call>
-std::int64_t untilNotInterrupted(Call call)
-{
-    std::int64_t result = 0;
-    do {
-        result = call();
-    } while (result == -linux_error::interrupted);
-    return result;
 }
 
 void serve(Descriptor listening, int answers)

@@ -138,9 +138,8 @@ int askKernel(const NetlinkRequest &request, const std::function<void(const nlms
         return static_cast<int>(-sent);
     const auto answer = std::make_unique_for_overwrite<std::byte[]>(answerSize);
     for (;;) {
-        const std::int64_t size = systemCall(SystemCall::receiveFrom, socket.get(), answer.get(), answerSize);
-        if (size == -linux_error::interrupted)
-            continue;
+        const std::int64_t size = untilNotInterrupted(
+            [&] { return systemCall(SystemCall::receiveFrom, socket.get(), answer.get(), answerSize); });
         if (size < 0)
             return static_cast<int>(-size);
         const int result = takeDatagram({answer.get(), static_cast<std::size_t>(size)}, take);

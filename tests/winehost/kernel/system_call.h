@@ -91,6 +91,17 @@ std::int64_t systemCall(SystemCall call, A a, B b = 0, C c = 0, D d = 0, E e = 0
                            systemCallWord(e), systemCallWord(f));
 }
 
+/// The result of `call` once it has not been interrupted: Wine interrupts the threads of its processes by signals.
+template<typename Call>
+std::int64_t untilNotInterrupted(Call call)
+{
+    std::int64_t result = 0;
+    do {
+        result = call();
+    } while (result == -linux_error::interrupted);
+    return result;
+}
+
 /// Owns a Linux file descriptor.
 class Descriptor
 {

@@ -69,9 +69,8 @@ void ReadWatcher::watch()
 {
     for (;;) {
         epoll_event event{};
-        const std::int64_t count = systemCall(SystemCall::epollWait, m_poll.get(), &event, 1, -1);
-        if (count == -linux_error::interrupted)
-            continue;
+        const std::int64_t count =
+            untilNotInterrupted([&] { return systemCall(SystemCall::epollWait, m_poll.get(), &event, 1, -1); });
         if (count != 1 || event.data == stopTag)
             return;
         SetEvent(m_event);
