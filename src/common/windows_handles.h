@@ -1,8 +1,9 @@
 #pragma once
 
 // One owner for each kind of handle that several folders hold. What only netcfg/ holds has its owner there: adapter
-// and session of Wintun in netcfg/wintun_handles.h, hash and its provider in netcfg/adapter_guid.cpp. Nothing but an
-// owner closes a handle.
+// and session of Wintun in netcfg/wintun_handles.h, session and memory of the filtering engine in
+// netcfg/filter_handles.h, references of COM in netcfg/com_handles.h, hash and its provider in
+// netcfg/adapter_guid.cpp. Nothing but an owner closes a handle.
 //
 // Every owner is movable, not copyable, and closes what it holds when it goes; closing keeps the thread's last
 // error, so that a failure can be reported after the handles of its step are gone.

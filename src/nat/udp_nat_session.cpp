@@ -69,6 +69,7 @@ bool UdpNatSession::connectControl(const std::wstring &proxyHost, HANDLE stopEve
     sockaddr_in proxy = socketAddress(0, m_socksPort);
     if (InetPtonW(AF_INET, proxyHost.c_str(), &proxy.sin_addr) != 1)
         return false;
+    takeRefusalAtOnce(m_control.get(), ntohl(proxy.sin_addr.s_addr));
     SocketWait wait(stopEvent);
     if (const int error = connectWithin(wait, m_control.get(), proxy, within(connectTimeout)); error != NO_ERROR) {
         m_proxySighting = proxySightingOfConnect(error);

@@ -80,9 +80,9 @@ FWPM_FILTER_CONDITION0 conditionOf(const FilterRule &rule, const FilterOperand &
 
 } // namespace
 
-FilterEngine::FilterEngine()
+FilterEngine::FilterEngine() : m_keyResult(CoCreateGuid(&m_subLayer))
 {
-    if (FAILED(CoCreateGuid(&m_subLayer)))
+    if (FAILED(m_keyResult))
         m_subLayer = {};
 }
 
@@ -106,7 +106,8 @@ DWORD FilterEngine::addSubLayer()
     subLayer.subLayerKey = m_subLayer;
     subLayer.displayData = displayData(L"RUVO TUN Filters", L"Filters for DNS leak prevention");
     subLayer.weight = highestWeight;
-    return FwpmSubLayerAdd0(m_session.get(), &subLayer, nullptr);
+    const DWORD error = FwpmSubLayerAdd0(m_session.get(), &subLayer, nullptr);
+    return error == NO_ERROR && FAILED(m_keyResult) ? static_cast<DWORD>(m_keyResult) : error;
 }
 
 std::expected<std::uint64_t, DWORD> FilterEngine::add(const FilterRule &rule, const FilterOperand &operand)

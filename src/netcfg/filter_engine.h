@@ -24,12 +24,12 @@ class FilterEngine
 {
 public:
     /// Makes up the key of the sublayer. Should Windows fail to, it is zero, and the filters stand in Windows'
-    /// default sublayer, where other products' filters may come before them.
+    /// default sublayer, where other products' filters may come before them; addSubLayer tells of it.
     FilterEngine();
 
     DWORD open();
     bool isOpen() const { return static_cast<bool>(m_session); }
-    /// FWP_E_ALREADY_EXISTS is one of its answers.
+    /// FWP_E_ALREADY_EXISTS is one of its answers, and so is the error of a key that could not be made.
     DWORD addSubLayer();
     /// The id by which the filter is known from then on.
     std::expected<std::uint64_t, DWORD> add(const FilterRule &rule, const FilterOperand &operand);
@@ -43,6 +43,7 @@ public:
 private:
     FilterSession m_session;
     GUID m_subLayer{};
+    HRESULT m_keyResult;
 };
 
 /// A program as filters know it, by its full path. The file has to exist.

@@ -119,10 +119,7 @@ bool FirewallManager::permitProgram(const PermittedProgram &program, const std::
     for (FilterRule rule : programPermits) {
         if (!rule.label)
             rule.label = program.label;
-        const std::expected<std::uint64_t, DWORD> filter = m_engine.add(rule, {.program = id->get()});
-        if (filter) {
-            m_filterIds.push_back(*filter);
-        } else {
+        if (!addFilter(rule, {.program = id->get()})) {
             qCWarning(lcRuvod) << rule.failure << QString::fromStdWString(path);
             succeeded = false;
         }
@@ -133,7 +130,7 @@ bool FirewallManager::permitProgram(const PermittedProgram &program, const std::
 bool FirewallManager::blockIpv6Connections()
 {
     for (const FilterRule &rule : ipv6Blocks) {
-        if (!addFilter(rule, {}))
+        if (!addOrWarn(rule, {}))
             return false;
     }
     qCDebug(lcRuvod) << "Added IPv6 block filter (weight 12)";
@@ -143,7 +140,7 @@ bool FirewallManager::blockIpv6Connections()
 bool FirewallManager::permitTunnel(std::uint32_t interfaceIndex)
 {
     for (const FilterRule &rule : tunnelPermits) {
-        if (!addFilter(rule, {.interfaceIndex = interfaceIndex}))
+        if (!addOrWarn(rule, {.interfaceIndex = interfaceIndex}))
             return false;
     }
     qCDebug(lcRuvod) << "Added interface permit filters (weight 11) - interface:" << interfaceIndex;
@@ -156,19 +153,25 @@ bool FirewallManager::blockDns([[maybe_unused]] std::uint32_t dnsServer)
 {
     bool succeeded = true;
     for (const FilterRule &rule : dnsBlocks)
-        succeeded = addFilter(rule, {}) && succeeded;
+        succeeded = addOrWarn(rule, {}) && succeeded;
     return succeeded;
 }
 
-bool FirewallManager::addFilter(const FilterRule &rule, const FilterOperand &operand)
+std::expected<void, DWORD> FirewallManager::addFilter(const FilterRule &rule, const FilterOperand &operand)
 {
     const std::expected<std::uint64_t, DWORD> filter = m_engine.add(rule, operand);
-    if (!filter) {
-        qCWarning(lcRuvod) << rule.failure << filter.error();
-        return false;
-    }
+    if (!filter)
+        return std::unexpected(filter.error());
     m_filterIds.push_back(*filter);
-    return true;
+    return {};
+}
+
+bool FirewallManager::addOrWarn(const FilterRule &rule, const FilterOperand &operand)
+{
+    const std::expected<void, DWORD> added = addFilter(rule, operand);
+    if (!added)
+        qCWarning(lcRuvod) << rule.failure << added.error();
+    return added.has_value();
 }
 
 bool FirewallManager::verifyFilters() const

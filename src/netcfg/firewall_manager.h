@@ -3,6 +3,7 @@
 #include "netcfg/filter_engine.h"
 
 #include <cstdint>
+#include <expected>
 #include <string>
 #include <vector>
 
@@ -48,7 +49,8 @@ private:
     bool blockIpv6Connections();
     bool permitTunnel(std::uint32_t interfaceIndex);
     bool blockDns(std::uint32_t dnsServer);
-    bool addFilter(const FilterRule &rule, const FilterOperand &operand);
+    std::expected<void, DWORD> addFilter(const FilterRule &rule, const FilterOperand &operand);
+    bool addOrWarn(const FilterRule &rule, const FilterOperand &operand);
 
     bool m_initialized = false;
     FilterEngine m_engine;

@@ -65,7 +65,7 @@ void ProxyHealth::noteSuccess(Inbound &inbound, SteadyTime at)
     if (inbound.check == Check::Due && isUnfounded)
         inbound.check = Check::None;
     else if (inbound.check == Check::Running && (isUnfounded || at >= inbound.checkBegan))
-        inbound.check = Check::Void;
+        inbound.check = Check::Beaten;
     // The series goes on until one of its own checks succeeds: what a connection has seen may be the old proxy's last
     // word.
     if (&inbound == &main()) {
@@ -101,7 +101,10 @@ void ProxyHealth::noteChecked(std::uint16_t port, const std::optional<ProxySight
     {
         const std::lock_guard lock(m_mutex);
         const Check check = std::exchange(inbound->check, Check::None);
-        if (check == Check::Running)
+        const bool isGood = outcome && outcome->sign == ProxySign::Accepted;
+        if (isGood && check != Check::Void)
+            noteGoodCheck(*inbound, outcome->at);
+        else if (check == Check::Running)
             isNews = m_series == Series::None ? judgeCheck(*inbound, outcome) : judgeSeries(outcome);
         suspect(*inbound);
         update();
@@ -123,27 +126,27 @@ void ProxyHealth::tellOfDeath(Inbound &inbound)
     }
 }
 
-/// True if a death is to be told of.
+/// A series ends by it: while one runs, nothing but the main inbound is checked.
+void ProxyHealth::noteGoodCheck(Inbound &inbound, SteadyTime at)
+{
+    noteSuccess(inbound, at);
+    m_series = Series::None;
+}
+
+/// Of a check that has failed, or told nothing. True if a death is to be told of.
 bool ProxyHealth::judgeCheck(Inbound &inbound, const std::optional<ProxySighting> &outcome)
 {
-    if (outcome && outcome->sign == ProxySign::Failed)
-        return declareDead(inbound, outcome->at);
     if (outcome)
-        noteSuccess(inbound, outcome->at);
-    else
-        inbound.failures.forgetOne(); // the next failure has it checked again
+        return declareDead(inbound, outcome->at);
+    inbound.failures.forgetOne(); // the next failure has it checked again
     return false;
 }
 
+/// The same for a check of the series.
 bool ProxyHealth::judgeSeries(const std::optional<ProxySighting> &outcome)
 {
     const SteadyTime began = main().checkBegan;
     m_checksInSeries.add(began);
-    if (outcome && outcome->sign == ProxySign::Accepted) {
-        noteSuccess(main(), outcome->at);
-        m_series = Series::None;
-        return false;
-    }
     if (outcome)
         m_failuresInSeries.add(began);
     if (!m_checksInSeries.isFull())
@@ -193,7 +196,7 @@ void ProxyHealth::beginSeries(Series series)
         inbound.failures.clear();
         if (inbound.check == Check::Due)
             inbound.check = Check::None;
-        else if (inbound.check == Check::Running)
+        else if (inbound.check != Check::None)
             inbound.check = Check::Void;
     }
     m_series = series;

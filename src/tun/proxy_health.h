@@ -57,7 +57,7 @@ public:
 
     /// All connections are being reset, because the proxy has been: from here on failures suspect nobody, and what
     /// was seen before is forgotten.
-    void noteReset(SteadyTime now = steadyNow());
+    void noteReset(SteadyTime now);
     /// The proxy should be there again. The checks begin; failures count again when one has succeeded or the last one
     /// has failed, but not before `patience` has passed.
     void noteReady(SteadyTime now);
@@ -67,7 +67,8 @@ private:
         None,
         Due,
         Running,
-        Void, ///< it runs, but it began before what has been seen since: its outcome does not matter
+        Beaten, ///< it runs, but there has been a success since it began: its failure does not matter
+        Void,   ///< it runs, but there has been a reset since it began: its outcome does not matter
     };
     struct Inbound
     {
@@ -93,6 +94,7 @@ private:
     // All under m_mutex.
     void noteFailure(Inbound &inbound, SteadyTime at);
     void noteSuccess(Inbound &inbound, SteadyTime at);
+    void noteGoodCheck(Inbound &inbound, SteadyTime at);
     bool judgeCheck(Inbound &inbound, const std::optional<ProxySighting> &outcome);
     bool judgeSeries(const std::optional<ProxySighting> &outcome);
     bool declareDead(Inbound &inbound, SteadyTime at);

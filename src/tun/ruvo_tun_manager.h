@@ -15,7 +15,7 @@
 namespace ruvo {
 
 /// The tunnel as the daemon drives it: configuration in, JSON answers out, and the routes that go with it.
-/// Service thread. Starting takes as long as Windows needs for the adapter; stopping 5 s at most.
+/// Service thread. Starting takes as long as Windows needs for the adapter; stopping as Tunnel::stop.
 class RuvoTunManager : public QObject
 {
     Q_OBJECT

@@ -56,7 +56,8 @@ public:
     /// until stop, the next start or destruction; the error is the text for the client.
     std::expected<void, std::string> start(const std::wstring &adapterName, std::uint32_t tunnelIp,
                                            std::uint8_t prefixLength, const std::wstring &wintunLibraryPath);
-    /// Takes it down within 5 s. Nothing if it does not run.
+    /// Takes it down within 5 s, and as long again as another product makes changes to the filtering engine wait.
+    /// Nothing if it does not run.
     void stop();
     /// False too when the adapter has died under it.
     bool isRunning() const;
@@ -152,7 +153,7 @@ private:
     std::thread m_flowControlThread;
     std::thread m_proxyReadyThread;
     std::atomic<bool> m_running = false;
-    /// proxyReady.
+    /// Open while the proxy is taken to be ready.
     ProxyGate m_proxyGate;
 };
 

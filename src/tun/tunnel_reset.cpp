@@ -21,7 +21,7 @@ void Tunnel::resetConnections()
     if (!m_running)
         return;
     const ProxyGate::Closing closing = m_proxyGate.close();
-    m_proxyHealth->noteReset();
+    m_proxyHealth->noteReset(steadyNow());
     dropConnections();
     flushDnsCache();
     logInterfaceState();

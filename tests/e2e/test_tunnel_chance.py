@@ -3,6 +3,7 @@ left on the machine but what the failing call itself was to take away."""
 
 import os
 import random
+import re
 
 import pytest
 
@@ -15,9 +16,10 @@ pytestmark = pytest.mark.parametrize("bench", [("host", "net")], indirect=True)
 ACCESS_DENIED = 5
 # As an HRESULT, and as the number that it is without a sign.
 E_ACCESSDENIED = 0x80070005
-# Calls that fail by plan and stand in no journal when they work: how often a start makes them.
-SILENT_CALLS = {"WSASocketW": 3, "bind": 1, "listen": 1, "CreateIoCompletionPort:associate": 1}
-# Calls of a journal that cannot be made to fail: they cannot fail in Windows, or what they do is told, not done.
+# Calls of the listener that can fail by plan and never stand in the journal: how often a start makes them.
+SILENT_CALLS = {"WSASocketW": 2, "bind": 1, "listen": 1, "CreateIoCompletionPort:associate": 1}
+# Calls of a journal that are not made to fail: they cannot fail in Windows, or what they do is told, not done; and a
+# session of the filtering engine that could not be closed would stay until the daemon's end, as it would in Windows.
 NO_FAILURE = ("Wintun", "Initialize", "FwpmFreeMemory0", "FwpmEngineClose0", "CoUninitialize")
 # Which occurrence of a call belongs to the removal of the firewall rule at the stop: the start has made those before.
 REMOVAL = {"CoInitializeEx": 2, "CoCreateInstance": 3, "INetFwPolicy2::get_Rules": 2, "INetFwRules::Remove": 2}
@@ -89,6 +91,14 @@ def planned_failures(bench, after):
     return [entry["call"] for entry in bench.journal.entries()[after:] if entry.get("planned")]
 
 
+def has_failed(bench, call, entries, lines):
+    """Whether this call, and no other, has failed since so many entries of the journal and lines of the log."""
+    if call in SILENT_CALLS:
+        told = [text for text in bench.log.texts()[lines:] if re.fullmatch(r"\[TCP-NAT\] Failed to .*: 5", text)]
+        return len(told) == 1 and planned_failures(bench, entries) == []
+    return planned_failures(bench, entries) == [call]
+
+
 def test_a_call_drawn_by_lot_fails_in_each_start_and_stop(tunnel_bench):
     bench = tunnel_bench
     seed = int(os.environ.get("RUVOD_SEED", random.randrange(1 << 32)))
@@ -108,7 +118,7 @@ def test_a_call_drawn_by_lot_fails_in_each_start_and_stop(tunnel_bench):
         call, most = chance.choice(calls)
         number = chance.randint(1, most)
         bench.plan_failures(f"{call} {number} {E_ACCESSDENIED if of_com(call) else ACCESS_DENIED}")
-        entries = len(bench.journal.entries())
+        entries, lines = len(bench.journal.entries()), len(bench.log.lines())
         answer = client.request("start-tun", 60)
         if answer["success"]:
             assert tunnel.is_running(client)
@@ -118,7 +128,7 @@ def test_a_call_drawn_by_lot_fails_in_each_start_and_stop(tunnel_bench):
             assert not tunnel.is_running(client)
         what = f"{call} {number}, start-tun: {answer}"
         # Nothing else fails, so that every cycle comes as far as the call that it is about.
-        assert planned_failures(bench, entries) == ([] if call in SILENT_CALLS else [call]), what
+        assert has_failed(bench, call, entries, lines), what
         left = what_stays(bench, machine_before)
         assert left == expected_rest(call, number, rule, deleted), what
         if left:

@@ -164,6 +164,36 @@ TEST_F(ProxyHealthTest, aSuccessOfTheTrafficDoesNotEndTheSeries)
     checkInSeries(ProxySign::Accepted);
 }
 
+TEST_F(ProxyHealthTest, aCheckThatSucceedsEndsTheSeriesWhateverTheTrafficSawMeanwhile)
+{
+    reset();
+    EXPECT_THAT(due(), ElementsAre(proxyPort));
+    m_now += 20ms;
+    succeed();
+    m_now += 20ms;
+    endCheck(ProxySign::Accepted);
+    for (int second = 0; second < 60; ++second, m_now += 1s)
+        EXPECT_THAT(due(), IsEmpty());
+    fail(5, directPort);
+    EXPECT_THAT(due(), ElementsAre(directPort)) << "failures count again";
+}
+
+TEST_F(ProxyHealthTest, aCheckOfTheSeriesThatFailsCountsNothingIfTheTrafficSucceededMeanwhile)
+{
+    reset();
+    for (int i = 0; i < 4; ++i)
+        checkInSeries(ProxySign::Failed);
+    EXPECT_THAT(due(), ElementsAre(proxyPort));
+    succeed();
+    endCheck(ProxySign::Failed);
+    m_now += 1s;
+    for (int i = 0; i < 4; ++i)
+        checkInSeries(ProxySign::Failed);
+    EXPECT_THAT(m_deaths, IsEmpty());
+    checkInSeries(ProxySign::Failed);
+    EXPECT_THAT(m_deaths, ElementsAre(proxyPort));
+}
+
 TEST_F(ProxyHealthTest, aSlowCheckDelaysTheNextOneOfItsSeries)
 {
     reset();

@@ -6,6 +6,10 @@
 #include "windows/support/import_redirection.h"
 #include "windows/support/signal.h"
 
+#include <mstcpip.h>
+
+#include <atomic>
+
 namespace ruvo::test {
 namespace {
 
@@ -35,6 +39,24 @@ TEST_F(UdpNatWitnessTest, hearsOfARefusedConnect)
     ASSERT_TRUE(m_relay->initialize(client, "127.0.0.1", nobody, nobody, m_port, {}));
     ASSERT_TRUE(forward(5000, "datagram"));
     m_witness.expectFailure(nobody);
+}
+
+TEST_F(UdpNatWitnessTest, takesARefusalOnThisMachineAtOnce)
+{
+    // Where Windows asks twice more, the refusal is heard of a second later.
+    std::atomic<int> asked = 0;
+    const ImportRedirection<IMPORT(WSAIoctl)> options(
+        [&](SOCKET socket, DWORD code, LPVOID in, DWORD inSize, auto... rest) -> int {
+            if (code == SIO_TCP_INITIAL_RTO)
+                asked += static_cast<TCP_INITIAL_RTO_PARAMETERS *>(in)->MaxSynRetransmissions
+                         == TCP_INITIAL_RTO_NO_SYN_RETRANSMISSIONS;
+            return options.real(socket, code, in, inSize, rest...);
+        });
+    const std::uint16_t nobody = closedPort();
+    ASSERT_TRUE(m_relay->initialize(client, "127.0.0.1", nobody, nobody, m_port, {}));
+    ASSERT_TRUE(forward(5000, "datagram"));
+    m_witness.expectFailure(nobody);
+    EXPECT_EQ(asked, 1);
 }
 
 TEST_F(UdpNatWitnessTest, hearsOfAnotherMethod)

@@ -13,6 +13,7 @@
 namespace ruvo::test {
 namespace {
 
+using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::SizeIs;
 
@@ -63,7 +64,7 @@ const Step steps[] = {
     {"the listener", [] { return redirected<IMPORT(listen)>([](auto...) -> int { return SOCKET_ERROR; }); }, true},
 };
 
-TEST_F(TunnelFirewall, standsBetweenTheAdaptersSettingsAndItsSession)
+TEST_F(TunnelFirewall, standsBetweenTheAdaptersSettingsAndItsListener)
 {
     ASSERT_EQ(startError(), "");
     const qsizetype flushed = placeInLog("DNS resolver cache flushed");
@@ -74,6 +75,46 @@ TEST_F(TunnelFirewall, standsBetweenTheAdaptersSettingsAndItsSession)
     EXPECT_GT(opened, flushed);
     EXPECT_GT(added, opened);
     EXPECT_GT(listening, added);
+}
+
+TEST_F(TunnelFirewall, isGivenUpBeforeTheSessionIfTheInterfaceHasNoIndex)
+{
+    {
+        const ImportRedirection<IMPORT(ConvertInterfaceLuidToIndex)> none(
+            [](auto...) -> NETIO_STATUS { return ERROR_FILE_NOT_FOUND; });
+        ASSERT_EQ(startError(), "");
+    }
+    const std::vector<std::string> made = calls();
+    ASSERT_THAT(made, SizeIs(::testing::Ge(3u)));
+    EXPECT_THAT(std::vector(made.end() - 3, made.end()),
+                ElementsAre("FwpmEngineOpen0", "FwpmEngineClose0", "WintunStartSession"));
+    EXPECT_THAT(journal("\"FwpmFilterAdd0\""), SizeIs(0));
+    m_log.clear();
+    m_tunnel->resetConnections();
+    EXPECT_TRUE(m_log.contains("m_firewall is NULL!"));
+    EXPECT_FALSE(m_log.contains("[FILTER-CHECK]")) << "nothing says that filters are there";
+}
+
+TEST_F(TunnelFirewall, staysWithTheFiltersThatCouldBeAdded)
+{
+    std::size_t permits = 0;
+    {
+        const ImportRedirection<IMPORT(FwpmFilterAdd0)> noBlocks(
+            [&](HANDLE engine, const FWPM_FILTER0 *filter, PSECURITY_DESCRIPTOR access, UINT64 *id) -> DWORD {
+                if (filter->action.type == FWP_ACTION_BLOCK)
+                    return ERROR_ACCESS_DENIED;
+                ++permits;
+                return noBlocks.real(engine, filter, access, id);
+            });
+        ASSERT_EQ(startError(), "");
+    }
+    EXPECT_EQ(permits, 14u);
+    EXPECT_THAT(journal("\"FwpmEngineClose0\""), SizeIs(0));
+    m_tunnel->resetConnections();
+    EXPECT_TRUE(m_log.contains("[FILTER-CHECK] 14 filters exist, 0 are MISSING"));
+    m_tunnel->stop();
+    EXPECT_THAT(journal("\"FwpmFilterDeleteById0\""), SizeIs(permits));
+    EXPECT_THAT(journal("\"FwpmEngineClose0\""), SizeIs(1));
 }
 
 TEST_F(TunnelFirewall, goesOnceConnectionsAreGone)
