@@ -27,13 +27,6 @@ const QHash<QString, QString> fields = {
 };
 const QHash<UINT32, QString> actions = {{0x1001, "block"}, {0x1002, "permit"}};
 
-QString guidText(const GUID &guid)
-{
-    wchar_t text[64] = {};
-    StringFromGUID2(guid, text, 64);
-    return QString::fromWCharArray(text);
-}
-
 bool isZero(const GUID &guid)
 {
     return IsEqualGUID(guid, GUID{});

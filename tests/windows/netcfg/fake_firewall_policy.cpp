@@ -1,6 +1,7 @@
 #include "windows/netcfg/fake_firewall_policy.h"
 
-#include "windows/netcfg/fake_firewall_objects.h"
+#include "windows/netcfg/fake_com_object.h"
+#include "winehost/firewall/refusing_interfaces.h"
 
 #include <gtest/gtest.h>
 
@@ -14,14 +15,7 @@ const QString policyInterface = "{98325047-C671-4174-8D81-DEFCD3F03186}"; // INe
 const QString ruleClass = "{2C5BC43E-3369-4C33-AB0C-BE9469677AF4}";       // NetFwRule
 const QString ruleInterface = "{AF230D27-BABA-4E42-ACED-F524F22CFCE2}";   // INetFwRule
 
-QString guidText(const GUID &guid)
-{
-    wchar_t text[64] = {};
-    StringFromGUID2(guid, text, 64);
-    return QString::fromWCharArray(text);
-}
-
-class FakeRule : public RefusingRule
+class FakeRule : public winehost::RefusingRule<FakeComObject<INetFwRule>>
 {
 public:
     FakeRule(FirewallCalls &calls, FakeFirewallPolicy &policy) : RefusingRule(policy.liveObjects), m_calls(calls) {}
@@ -56,7 +50,7 @@ private:
     FirewallCalls &m_calls;
 };
 
-class FakeRules : public RefusingRules
+class FakeRules : public winehost::RefusingRules<FakeComObject<INetFwRules>>
 {
 public:
     FakeRules(FirewallCalls &calls, FakeFirewallPolicy &policy)
@@ -86,7 +80,7 @@ private:
     FakeFirewallPolicy &m_policy;
 };
 
-class FakePolicy : public RefusingPolicy
+class FakePolicy : public winehost::RefusingPolicy<FakeComObject<INetFwPolicy2>>
 {
 public:
     FakePolicy(FirewallCalls &calls, FakeFirewallPolicy &policy)

@@ -3,12 +3,21 @@
 #include <QString>
 #include <QStringList>
 
+#include <objbase.h>
+
 #include <cstdint>
 #include <optional>
 #include <utility>
 #include <vector>
 
 namespace ruvo::test {
+
+inline QString guidText(const GUID &guid)
+{
+    wchar_t text[64] = {};
+    StringFromGUID2(guid, text, 64);
+    return QString::fromWCharArray(text);
+}
 
 /// What the fakes of the filtering engine and of the Windows Firewall are asked, as lines in one order, and which of
 /// these calls fail. One thread at a time.

@@ -4,7 +4,7 @@
 
 namespace ruvo::winehost {
 
-FirewallPolicy::FirewallPolicy() : RecordedObject("INetFwPolicy2", IID_INetFwPolicy2) {}
+FirewallPolicy::FirewallPolicy() : RefusingPolicy("INetFwPolicy2", IID_INetFwPolicy2) {}
 
 HRESULT FirewallPolicy::get_Rules(INetFwRules **rules)
 {

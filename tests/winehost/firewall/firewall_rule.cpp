@@ -10,7 +10,7 @@ constexpr IID ownRule{0x5b0f6a0e, 0x2c1d, 0x4b8a, {0x9c, 0x11, 0x7d, 0x52, 0x3e,
 } // namespace
 
 FirewallRule::FirewallRule(RuleProperties properties)
-    : RecordedObject("INetFwRule", IID_INetFwRule), m_properties(std::move(properties))
+    : RefusingRule("INetFwRule", IID_INetFwRule), m_properties(std::move(properties))
 {}
 
 const RuleProperties *FirewallRule::propertiesOf(INetFwRule *rule)

@@ -2,11 +2,9 @@
 
 #include "firewall/rule_store.h"
 
-#include <algorithm>
-
 namespace ruvo::winehost {
 
-FirewallRules::FirewallRules() : RecordedObject("INetFwRules", IID_INetFwRules) {}
+FirewallRules::FirewallRules() : RefusingRules("INetFwRules", IID_INetFwRules) {}
 
 HRESULT FirewallRules::get_Count(LONG *count)
 {

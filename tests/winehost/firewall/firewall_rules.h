@@ -1,11 +1,12 @@
 #pragma once
 
 #include "firewall/recorded_object.h"
+#include "firewall/refusing_interfaces.h"
 
 namespace ruvo::winehost {
 
 /// The collection of the machine's rules. Every object is a view of the same file.
-class FirewallRules final : public RecordedObject<INetFwRules>
+class FirewallRules final : public RefusingRules<RecordedObject<INetFwRules>>
 {
 public:
     FirewallRules();
@@ -14,7 +15,6 @@ public:
     HRESULT STDMETHODCALLTYPE Add(INetFwRule *rule) override;
     HRESULT STDMETHODCALLTYPE Remove(BSTR name) override;
     HRESULT STDMETHODCALLTYPE Item(BSTR name, INetFwRule **rule) override;
-    HRESULT STDMETHODCALLTYPE get__NewEnum(IUnknown **) override { return refuse("get__NewEnum"); }
 };
 
 } // namespace ruvo::winehost
