@@ -1,11 +1,25 @@
 # The few shapes of target that this project has.
 
+# Others' headers, which nearly every file includes and which take most of a build. They are parsed once for
+# ruvod_common, and that serves everything that has the same options. Each file still includes what it uses.
+set(RUVOD_STANDARD_HEADERS <algorithm> <array> <atomic> <chrono> <functional> <map> <memory> <mutex> <optional>
+    <string> <variant> <vector>)
+if(WIN32)
+    list(APPEND RUVOD_STANDARD_HEADERS "${PROJECT_SOURCE_DIR}/src/common/winsock_headers.h")
+endif()
+set(RUVOD_QT_HEADERS <QCoreApplication> <QJsonObject> <QString> <QStringList>)
+
 # A static library of one folder: ruvod_library(NAME SOURCES … LINK …). Includes are written from src/ ("ipc/frame.h").
 function(ruvod_library name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LINK")
     add_library(${name} STATIC ${arg_SOURCES})
     target_include_directories(${name} PUBLIC "${PROJECT_SOURCE_DIR}/src" "${PROJECT_BINARY_DIR}/generated")
     target_link_libraries(${name} PUBLIC ${arg_LINK} PRIVATE ruvod_options)
+    if(name STREQUAL ruvod_common)
+        target_precompile_headers(${name} PRIVATE ${RUVOD_STANDARD_HEADERS} ${RUVOD_QT_HEADERS})
+    else()
+        target_precompile_headers(${name} REUSE_FROM ruvod_common)
+    endif()
 endfunction()
 
 # Gives an executable a version resource (and ruvod's manifest) that follow the project's version.

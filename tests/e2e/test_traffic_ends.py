@@ -24,9 +24,16 @@ def allow_direct(bench):
     bench.log.allow(r"^\[TCP-NAT\] Using DIRECT routing to ")
 
 
-def speed(bench, size=30_000_000):
-    """Of the best of three downloads: others may use the machine."""
-    return max(traffic.download(bench, size) for _ in range(3))
+# Seconds. What the relay waits for elsewhere lasts longer: a peer that does not read, a proxy that does not answer (5),
+# a server that does not (21). How fast the machine is at that moment must not count.
+HELD_UP = 5
+
+
+def expect_swift_downloads(bench, beside, size=30_000_000):
+    """Three, on new connections, which therefore meet more than one of the relay's threads."""
+    speeds = [traffic.download(bench, size) for _ in range(3)]
+    print(f"\n{', '.join(f'{speed * 8e-6:.0f}' for speed in speeds)} Mbit/s beside {beside}")
+    assert min(speeds) > size / HELD_UP
 
 
 @pytest.fixture
@@ -138,20 +145,14 @@ def test_a_clients_reset_is_a_reset_for_the_server(running):
 @pytest.mark.usefixtures("tunnel_client")
 def test_stalled_downloads_hold_up_no_other_and_lose_nothing(running):
     count, size = 2 * os.cpu_count(), 20_000_000
-    alone = speed(running)
     with both_ends.connections(running, count) as pairs:
         senders = [Sender(server, size) for _, server in pairs]
         for sender in senders:
             assert sender.wait_until_blocked() < size
-        beside = speed(running)
+        expect_swift_downloads(running, f"{count} stalled downloads")
         for (client, _), sender in zip(pairs, senders):
             both_ends.expect_known(client, size)
             sender.finish()
-    afterwards = speed(running)
-    print(f"\n{alone * 8e-6:.0f} Mbit/s alone, {beside * 8e-6:.0f} beside {count} stalled downloads, "
-          f"{afterwards * 8e-6:.0f} afterwards")
-    # What others do on the machine in the meantime must not count.
-    assert beside > 0.5 * min(alone, afterwards)
 
 
 def open_to(bench, address, count):
@@ -169,13 +170,10 @@ def test_many_servers_that_refuse_hold_up_no_other(running, tunnel_client):
     allow_direct(running)
     running.log.allow(r"^\[TCP-NAT\] Failed to connect directly to .* - Error: 10061$")
     count = volume(300, 100)
-    alone = speed(running)
     through_core = open_to(running, (traffic.SERVER, 4), count)
     directly = open_to(running, (traffic.SERVER, DIRECT_PORT), count)
     try:
-        beside = speed(running)
-        print(f"\n{alone * 8e-6:.0f} Mbit/s alone, {beside * 8e-6:.0f} beside {2 * count} refused connections")
-        assert beside > 0.5 * alone
+        expect_swift_downloads(running, f"{2 * count} refused connections")
         for connection in directly:
             both_ends.expect_reset(connection)
         # The core tells of success before it knows, and then ends the connection.
@@ -191,17 +189,12 @@ def test_many_servers_that_never_answer_hold_up_no_other(running):
     allow_direct(running)
     running.log.expect(r"^\[TCP-NAT\] Failed to connect directly to 203\.0\.113\.99:53 - Error: 10060$")
     count = volume(300, 100)
-    alone = speed(running)
     with both_ends.connections(running) as [(client, server)]:
         mute = open_to(running, (MUTE, DIRECT_PORT), count) + open_to(running, (MUTE, 80), count)
         try:
-            began = time.monotonic()
             client.sendall(b"still there?")
             assert both_ends.receive(server, 12) == b"still there?"
-            beside = speed(running)
-            print(f"\n{alone * 8e-6:.0f} Mbit/s alone, {beside * 8e-6:.0f} beside {2 * count} unanswered connections, "
-                  f"after {time.monotonic() - began:.1f} s")
-            assert beside > 0.5 * alone
+            expect_swift_downloads(running, f"{2 * count} unanswered connections")
             for connection in mute[:count]:
                 connection.settimeout(40)
                 both_ends.expect_reset(connection)

@@ -49,7 +49,7 @@ void writeSlot(void **slot, void *function)
 std::vector<PatchedImport::Slot> PatchedImport::find(std::string_view name)
 {
     const Image image;
-    std::vector<Slot> slots;
+    std::vector<Slot> found;
     for (const IMAGE_IMPORT_DESCRIPTOR *library = image.imports(); library->Name != 0; ++library) {
         const auto *entry = image.at<IMAGE_THUNK_DATA>(library->OriginalFirstThunk);
         auto *place = image.at<void *>(library->FirstThunk);
@@ -58,12 +58,12 @@ std::vector<PatchedImport::Slot> PatchedImport::find(std::string_view name)
                 continue;
             const auto *import = image.at<IMAGE_IMPORT_BY_NAME>(entry->u1.AddressOfData);
             if (name == reinterpret_cast<const char *>(import->Name))
-                slots.push_back({place, *place});
+                found.push_back({place, *place});
         }
     }
-    if (slots.empty())
+    if (found.empty())
         throw std::runtime_error("this executable does not import " + std::string(name));
-    return slots;
+    return found;
 }
 
 void *PatchedImport::current(std::string_view name)
