@@ -248,7 +248,9 @@ def in_one_write(bench, *requests):
 
 
 def test_start_and_kill_in_one_write(running):
-    running.log.allow("Found stale process entry on startup")
+    # The sweep a second after the daemon's start may find the entry before the killed child's end does; the client's
+    # departure then misses it.
+    running.log.allow("Found stale process entry on startup|Process not found: \"brief\"")
     messages = in_one_write(running, raw_start(running, "brief", "--wait"),
                             {"action": "kill", "process-id": "brief", "request-id": "kill"})
     assert [message.get("event") or message["status"] for message in messages] == ["started", "started", "killed"]

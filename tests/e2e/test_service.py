@@ -163,7 +163,8 @@ def test_stop_in_the_instant_of_running_is_not_lost(bench):
         status, answers = bench.probe("start", NAME, 20000, "stop")
         assert status == 0, answers
         states = [answer["state"] for answer in answers]
-        assert states[:2] == [START_PENDING, RUNNING] and states[-1] == STOPPED, states
+        # On a busy machine the service may run before its state is first asked for.
+        assert states[0] in (START_PENDING, RUNNING) and RUNNING in states[:2] and states[-1] == STOPPED, states
         wait_for(lambda: not bench.daemon_pids(), what="the end of the daemon's process")
     assert bench.log.texts().count(STOP_LINES[0]) == 5
     assert bench.log.texts().count(STOP_LINES[-1]) == 5

@@ -58,7 +58,9 @@ def test_many_short_requests_at_once(running):
     with ThreadPoolExecutor(threads, initializer=sockets.enter, initargs=(running, "host")) as pool:
         bodies = list(pool.map(fetch, range(count)))
     print(f"\n{count / (time.monotonic() - began):.0f} requests a second, {threads} at once")
-    assert len(bodies) == count and all(len(body) == 5000 and both_ends.is_known(body) for body in bodies)
+    wrong = {number: len(body) for number, body in enumerate(bodies)
+             if len(body) != 5000 or not both_ends.is_known(body)}
+    assert not wrong, "the numbers of the bodies that are not as they were sent, and their lengths"
 
 
 @pytest.mark.usefixtures("tunnel_client")

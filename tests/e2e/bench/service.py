@@ -85,9 +85,8 @@ class Service:
 
     def daemon_pid(self):
         """Linux's id of the daemon's process, which has to run."""
-        pids = self.daemon_pids()
-        assert len(pids) == 1, f"processes of the daemon: {pids}"
-        return pids[0]
+        # Wine starts a child by forking: for an instant there are two of the parent.
+        return wait_for(lambda: pids[0] if len(pids := self.daemon_pids()) == 1 else None, what="the daemon's process")
 
     def memory(self):
         """Memory of the daemon in KiB, as /proc/PID/smaps_rollup names its parts."""

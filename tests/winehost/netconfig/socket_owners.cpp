@@ -1,6 +1,7 @@
 #include "netconfig/socket_owners.h"
 
 #include "kernel/linux_processes.h"
+#include "library/lock.h"
 #include "library/process_list.h"
 #include "netconfig/socket_descriptor.h"
 
@@ -9,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <bit>
+#include <mutex>
 #include <string_view>
 
 namespace ruvo::winehost {
@@ -28,6 +30,10 @@ std::atomic<std::uint32_t> &placeOf(std::uint32_t inode)
 
 /// Whoever opened the last connection is likely to open the next.
 std::atomic<int> s_lastLinuxOwner = 0;
+
+/// A search makes copies of other programs' sockets in this process. Another thread's search would take the one that
+/// it looks for for a socket of this process.
+Lock s_searching;
 
 /// Wine's programs and its server: they hold descriptors of sockets that are not theirs.
 bool isOfWine(std::string_view executable)
@@ -111,6 +117,7 @@ bool isDeputy(DWORD process)
 std::optional<SocketOwner> findOwner(DWORD deputy)
 {
     const std::uint32_t inode = deputy & ~deputyMark;
+    const std::lock_guard lock(s_searching);
     if (const int process = findLinuxOwner(inode))
         return SocketOwner{0, process};
     // One that was never bound or connected by name: a copy of its descriptor is in this process once it was used.
