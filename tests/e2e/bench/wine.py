@@ -1,6 +1,7 @@
 """A Wine prefix of its own: programs in it, and its end."""
 
 import fcntl
+import functools
 import hashlib
 import os
 import resource
@@ -48,6 +49,7 @@ def raise_open_files():
     return allowed
 
 
+@functools.cache
 def template():
     """A prefix to copy, made once and kept until Wine or the way of making it changes."""
     packages = ["dpkg-query", "-W", "wine", "wine64", "libwine"]
@@ -139,6 +141,8 @@ class Prefix:
         """Ends everything in the prefix and removes it."""
         if self._keeper:
             self._keeper.stdin.close()
+        # Wine's own way takes most of a second, in which nobody has anything left to say.
+        processes.kill(self.pids())
         if self.directory.exists():
             subprocess.run([WINE_PREFIX, "remove", self.directory], timeout=60, check=False)
         processes.kill(self.pids())
