@@ -12,7 +12,7 @@ import pytest
 from bench import processes, sweep, wait_for
 from bench.daemon_log import DaemonLog
 from bench.filters import cgroups
-from bench.network import namespaces
+from bench.network import add_namespace, namespaces
 from bench.paths import OUTPUT, WINPROBE
 
 HERE = Path(__file__).parent
@@ -126,3 +126,13 @@ def test_what_a_killed_run_leaves_is_removed_by_the_next():
         run.wait(10)
         sweep.remove_abandoned()
         shutil.rmtree(directory, ignore_errors=True)
+
+
+def test_two_sweeps_at_once_do_not_stumble_over_each_other():
+    ended = subprocess.Popen(["true"])
+    ended.wait(10)
+    for number in range(6):
+        add_namespace(f"ruvod-{ended.pid}-{number}-host")
+    sweeps = [subprocess.Popen([sys.executable, "-m", "bench.sweep"], cwd=HERE) for _ in range(2)]
+    assert [run.wait(30) for run in sweeps] == [0, 0]
+    assert not [name for name in namespaces() if name.startswith(f"ruvod-{ended.pid}-")]
