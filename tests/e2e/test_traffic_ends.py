@@ -29,11 +29,20 @@ def allow_direct(bench):
 HELD_UP = 5
 
 
-def expect_swift_downloads(bench, beside, size=30_000_000):
-    """Three, on new connections, which therefore meet more than one of the relay's threads."""
+def downloads(bench, size=30_000_000):
+    """The speeds of three, on new connections, which therefore meet more than one of the relay's threads."""
     speeds = [traffic.download(bench, size) for _ in range(3)]
-    print(f"\n{', '.join(f'{speed * 8e-6:.0f}' for speed in speeds)} Mbit/s beside {beside}")
     assert min(speeds) > size / HELD_UP
+    return speeds
+
+
+def expect_full_speed(bench, alone, beside):
+    """Half of the speed alone is reached. Others use the machine for moments: there are several looks."""
+    speeds = []
+    while max(speeds, default=0) <= 0.5 * alone and len(speeds) < 12:
+        speeds += downloads(bench)
+    print(f"\n{alone * 8e-6:.0f} Mbit/s alone, {max(speeds) * 8e-6:.0f} in one of {len(speeds)} beside {beside}")
+    assert max(speeds) > 0.5 * alone
 
 
 @pytest.fixture
@@ -145,11 +154,12 @@ def test_a_clients_reset_is_a_reset_for_the_server(running):
 @pytest.mark.usefixtures("tunnel_client")
 def test_stalled_downloads_hold_up_no_other_and_lose_nothing(running):
     count, size = 2 * os.cpu_count(), 20_000_000
+    alone = max(downloads(running))
     with both_ends.connections(running, count) as pairs:
         senders = [Sender(server, size) for _, server in pairs]
         for sender in senders:
             assert sender.wait_until_blocked() < size
-        expect_swift_downloads(running, f"{count} stalled downloads")
+        expect_full_speed(running, alone, f"{count} stalled downloads")
         for (client, _), sender in zip(pairs, senders):
             both_ends.expect_known(client, size)
             sender.finish()
@@ -173,7 +183,8 @@ def test_many_servers_that_refuse_hold_up_no_other(running, tunnel_client):
     through_core = open_to(running, (traffic.SERVER, 4), count)
     directly = open_to(running, (traffic.SERVER, DIRECT_PORT), count)
     try:
-        expect_swift_downloads(running, f"{2 * count} refused connections")
+        # They are refused meanwhile, and take their share of the processors: half of the speed cannot be asked for.
+        print(f"\n{max(downloads(running)) * 8e-6:.0f} Mbit/s beside {2 * count} refused connections")
         for connection in directly:
             both_ends.expect_reset(connection)
         # The core tells of success before it knows, and then ends the connection.
@@ -189,12 +200,13 @@ def test_many_servers_that_never_answer_hold_up_no_other(running):
     allow_direct(running)
     running.log.expect(r"^\[TCP-NAT\] Failed to connect directly to 203\.0\.113\.99:53 - Error: 10060$")
     count = volume(300, 100)
+    alone = max(downloads(running))
     with both_ends.connections(running) as [(client, server)]:
         mute = open_to(running, (MUTE, DIRECT_PORT), count) + open_to(running, (MUTE, 80), count)
         try:
             client.sendall(b"still there?")
             assert both_ends.receive(server, 12) == b"still there?"
-            expect_swift_downloads(running, f"{2 * count} unanswered connections")
+            expect_full_speed(running, alone, f"{2 * count} unanswered connections")
             for connection in mute[:count]:
                 connection.settimeout(40)
                 both_ends.expect_reset(connection)

@@ -1,7 +1,6 @@
 """A Wine prefix of its own: programs in it, and its end."""
 
 import fcntl
-import functools
 import hashlib
 import os
 import resource
@@ -49,7 +48,6 @@ def raise_open_files():
     return allowed
 
 
-@functools.cache
 def template():
     """A prefix to copy, made once and kept until Wine or the way of making it changes."""
     packages = ["dpkg-query", "-W", "wine", "wine64", "libwine"]
