@@ -33,36 +33,23 @@ ReadWatcher::ReadWatcher(const Descriptor &watched, HANDLE event)
         || control(m_poll, EPOLL_CTL_ADD, m_watched, once, watchedTag) < 0) {
         return;
     }
-    m_thread.reset(CreateThread(nullptr, 0x10000, run, this, 0, nullptr));
-    // The thread keeps the DLL loaded: a program that frees it before it ends its session would otherwise have the
-    // thread's code taken away, or wait for ever for a thread that needs the loader's lock.
-    HMODULE ignored = nullptr;
-    if (m_thread)
-        GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&ReadWatcher::run),
-                           &ignored);
+    m_thread.emplace([this] { watch(); });
 }
 
 ReadWatcher::~ReadWatcher()
 {
-    if (!m_thread)
-        return;
     const std::uint64_t one = 1;
     systemCall(SystemCall::write, m_stop.get(), &one, sizeof one);
-    WaitForSingleObject(m_thread.get(), INFINITE);
+}
+
+bool ReadWatcher::isRunning() const
+{
+    return m_thread && m_thread->isRunning();
 }
 
 void ReadWatcher::arm()
 {
     control(m_poll, EPOLL_CTL_MOD, m_watched, whenReadable | once, watchedTag);
-}
-
-DWORD WINAPI ReadWatcher::run(void *watcher)
-{
-    static_cast<ReadWatcher *>(watcher)->watch();
-    HMODULE self = nullptr;
-    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       reinterpret_cast<LPCWSTR>(&ReadWatcher::run), &self);
-    FreeLibraryAndExitThread(self, 0);
 }
 
 void ReadWatcher::watch()

@@ -1,7 +1,9 @@
 #pragma once
 
-#include "common/windows_handles.h"
 #include "kernel/system_call.h"
+#include "wintun/library_thread.h"
+
+#include <optional>
 
 namespace ruvo::winehost {
 
@@ -16,19 +18,18 @@ public:
     ReadWatcher(const ReadWatcher &) = delete;
     ReadWatcher &operator=(const ReadWatcher &) = delete;
 
-    bool isRunning() const { return static_cast<bool>(m_thread); }
+    bool isRunning() const;
     /// The event is set at the next chance, once: at once if there is something to read already.
     void arm();
 
 private:
-    static DWORD WINAPI run(void *watcher);
     void watch();
 
     const int m_watched;
     const HANDLE m_event;
     const Descriptor m_poll;
     const Descriptor m_stop;
-    KernelHandle m_thread;
+    std::optional<LibraryThread> m_thread; // ends before what it uses
 };
 
 } // namespace ruvo::winehost
