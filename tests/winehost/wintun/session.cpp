@@ -114,26 +114,9 @@ std::expected<DWORD, DWORD> Session::readPacket(BYTE *place)
     }
 }
 
-// A reader that sleeps is woken through another thread and Wine's server, which takes longer than the next packet of
-// a busy stream takes to come: for that one a few more looks are worth while.
+// While a packet waits outside, the reader is woken when the program releases something: what else lies in Linux's
+// queue would find no room either.
 std::expected<BYTE *, DWORD> Session::receive(DWORD &size)
-{
-    constexpr int looks = 30;
-    const bool isBusy = m_isBusy.load(std::memory_order_relaxed);
-    auto packet = receiveOnce(size);
-    for (int i = 1; isBusy && i < looks && !packet && packet.error() == ERROR_NO_MORE_ITEMS; ++i) {
-        systemCall(SystemCall::yield, 0);
-        packet = receiveOnce(size);
-    }
-    m_isBusy.store(packet.has_value(), std::memory_order_relaxed);
-    if (!packet && packet.error() == ERROR_NO_MORE_ITEMS) {
-        m_state.counters.emptyReads.fetch_add(1, std::memory_order_relaxed);
-        watchForNext();
-    }
-    return packet;
-}
-
-std::expected<BYTE *, DWORD> Session::receiveOnce(DWORD &size)
 {
     const std::lock_guard lock(m_receiveLock);
     if (!m_received)
@@ -142,6 +125,17 @@ std::expected<BYTE *, DWORD> Session::receiveOnce(DWORD &size)
         m_state.end();
         return std::unexpected<DWORD>(ERROR_HANDLE_EOF);
     }
+    auto packet = receiveNext(size);
+    if (!packet && packet.error() == ERROR_NO_MORE_ITEMS) {
+        m_state.counters.emptyReads.fetch_add(1, std::memory_order_relaxed);
+        if (m_outside.empty())
+            m_watcher->arm();
+    }
+    return packet;
+}
+
+std::expected<BYTE *, DWORD> Session::receiveNext(DWORD &size)
+{
     if (m_received->front() == PacketRing::Front::damaged)
         return std::unexpected<DWORD>(ERROR_INVALID_DATA);
     if (!m_outside.empty() || !m_received->hasRoomFor(PacketRing::largestPacket))
@@ -209,15 +203,6 @@ std::expected<BYTE *, DWORD> Session::receiveIntoFullRing(DWORD &size)
     std::ranges::copy(m_outside, packet);
     m_outside.clear();
     return packet;
-}
-
-// While a packet waits outside, the reader is woken when the program releases something: the descriptor may stay
-// ready.
-void Session::watchForNext()
-{
-    const std::lock_guard lock(m_receiveLock);
-    if (m_watcher && m_outside.empty())
-        m_watcher->arm();
 }
 
 void Session::release(const BYTE *packet)

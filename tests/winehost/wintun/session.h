@@ -9,7 +9,6 @@
 #include "wintun/send_drain.h"
 #include "wintun/session_state.h"
 
-#include <atomic>
 #include <expected>
 #include <memory>
 #include <optional>
@@ -48,11 +47,10 @@ private:
     Session(Descriptor tun, DWORD capacity);
     bool isUsable() const;
     std::expected<DWORD, DWORD> readPacket(BYTE *place);
-    std::expected<BYTE *, DWORD> receiveOnce(DWORD &size);
+    std::expected<BYTE *, DWORD> receiveNext(DWORD &size);
     std::expected<BYTE *, DWORD> receiveIntoFullRing(DWORD &size);
     std::expected<BYTE *, DWORD> receiveDisordered(DWORD &size);
     BYTE *pushCopy(const PacketDisorder::Packet &packet, DWORD &size);
-    void watchForNext();
 
     Descriptor m_tun;
     SessionState m_state;
@@ -61,7 +59,6 @@ private:
 
     Lock m_receiveLock;
     std::optional<PacketRing> m_received;
-    std::atomic<bool> m_isBusy = false; ///< the last look for a packet found one
     /// A packet that was read before it was known that the ring has no room for it.
     std::vector<BYTE> m_outside;
     PacketDisorder m_disorder;
