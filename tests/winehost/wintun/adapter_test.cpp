@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace ruvo::test {
 
@@ -62,6 +63,7 @@ TEST_F(WintunAdapterTest, isALinkOfLinuxWithNameTypeAndGuid)
     NET_LUID luid{};
     m_wintun.adapterLuid(adapter, &luid);
     EXPECT_THAT(links, ::testing::StartsWith(std::to_string(luid.Info.NetLuidIndex) + ": "));
+    EXPECT_EQ(luid.Info.IfType, ULONG64{IF_TYPE_PROP_VIRTUAL});
     m_wintun.closeAdapter(adapter);
 }
 
@@ -193,6 +195,21 @@ TEST_F(WintunAdapterTest, keepsTheDriverLoaded)
     EXPECT_FALSE(m_wintun.deleteDriver());
     m_wintun.closeAdapter(adapter);
     EXPECT_TRUE(m_wintun.deleteDriver());
+}
+
+TEST_F(WintunAdapterTest, hasTheDriversVersionInItsFile)
+{
+    const std::wstring file = programFolder() / L"tun2/wintun.dll";
+    std::vector<BYTE> information(GetFileVersionInfoSizeW(file.c_str(), nullptr));
+    ASSERT_FALSE(information.empty()) << GetLastError();
+    ASSERT_TRUE(GetFileVersionInfoW(file.c_str(), 0, static_cast<DWORD>(information.size()), information.data()));
+    VS_FIXEDFILEINFO *version = nullptr;
+    UINT size = 0;
+    ASSERT_TRUE(VerQueryValueW(information.data(), L"\\", reinterpret_cast<void **>(&version), &size));
+    const auto adapter = m_wintun.createAdapter(L"test", L"Bench", nullptr);
+    EXPECT_EQ(version->dwFileVersionMS, m_wintun.driverVersion());
+    m_wintun.closeAdapter(adapter);
+    EXPECT_EQ(version->dwFileVersionLS, DWORD{0});
 }
 
 TEST_F(WintunAdapterTest, tellsTheLogger)
