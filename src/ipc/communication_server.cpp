@@ -2,6 +2,7 @@
 
 #include "common/log_category.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace ruvo {
@@ -11,7 +12,7 @@ CommunicationServer::CommunicationServer(SessionLister listSessions, QObject *pa
 {
     connect(&m_heartbeatTimer, &QTimer::timeout, this, &CommunicationServer::checkHeartbeats);
     connect(&m_sessionPollTimer, &QTimer::timeout, this, &CommunicationServer::pollSessions);
-    armHeartbeatCheck(heartbeatCheckInterval);
+    armHeartbeatCheck(m_clock());
 }
 
 CommunicationServer::~CommunicationServer() = default;
@@ -130,25 +131,35 @@ void CommunicationServer::onClientDisconnected(const QString &clientId)
     emit clientDisconnected(clientId, sessionId);
 }
 
-void CommunicationServer::armHeartbeatCheck(Milliseconds interval)
+void CommunicationServer::armHeartbeatCheck(Milliseconds now)
 {
-    m_heartbeatCheckDue = m_clock() + interval;
-    m_heartbeatTimer.start(interval);
+    m_heartbeatCheckDue = now + heartbeatCheckInterval;
+    m_heartbeatTimer.start(heartbeatCheckInterval);
+}
+
+// While the machine slept or the thread was busy nobody was heard, and the heartbeats of the first moments afterwards
+// may still wait unread. When that began is not known: at any moment since the check before this one. So the time
+// since then is granted in this check on top of the usual silence, which is what is returned; the next check, before
+// which everything has been read, judges as ever.
+CommunicationServer::Milliseconds CommunicationServer::forgiveLateness(Milliseconds now)
+{
+    const Milliseconds lateness = now - m_heartbeatCheckDue;
+    if (lateness <= heartbeatCheckTolerance)
+        return heartbeatTimeout;
+    for (Milliseconds &heartbeat : m_heartbeats)
+        heartbeat = std::min(heartbeat + lateness, now);
+    return heartbeatTimeout + heartbeatCheckInterval;
 }
 
 void CommunicationServer::checkHeartbeats()
 {
-    // After the thread was busy, heartbeats may wait unread in the sockets: they are read first.
-    if (m_clock() > m_heartbeatCheckDue + heartbeatCheckTolerance) {
-        armHeartbeatCheck(heartbeatCheckRetry);
-        return;
-    }
-    armHeartbeatCheck(heartbeatCheckInterval);
-
     const Milliseconds now = m_clock();
+    const Milliseconds allowed = forgiveLateness(now);
+    armHeartbeatCheck(now);
+
     QStringList silent;
     for (auto heartbeat = m_heartbeats.cbegin(); heartbeat != m_heartbeats.cend(); ++heartbeat) {
-        if (now - heartbeat.value() > heartbeatTimeout)
+        if (now - heartbeat.value() > allowed)
             silent.append(heartbeat.key());
     }
     for (const QString &clientId : std::as_const(silent))

@@ -32,9 +32,8 @@ public:
     /// A client is timed out when strictly more than this has passed since its last heartbeat.
     static constexpr Milliseconds heartbeatTimeout{10000};
     static constexpr Milliseconds sessionPollInterval{3000};
-    /// A heartbeat check that comes later than this judges nobody, and repeats after `heartbeatCheckRetry`.
+    /// A heartbeat check that comes later than this counts as held up: see checkHeartbeats.
     static constexpr Milliseconds heartbeatCheckTolerance{1000};
-    static constexpr Milliseconds heartbeatCheckRetry{1000};
     /// Connections taken before the event loop has its turn again.
     static constexpr int maxAcceptsPerTurn = 16;
 
@@ -69,12 +68,15 @@ public slots:
     void onNewConnection();
     void onClientMessage(const QString &clientId, const QJsonObject &message);
     void onClientDisconnected(const QString &clientId);
+    /// Times out who has been silent for too long. The time by which the check itself comes late (the machine slept,
+    /// or this thread was busy) is nobody's silence.
     void checkHeartbeats();
     void pollSessions();
 
 private:
     static Clock monotonicClock();
-    void armHeartbeatCheck(Milliseconds interval);
+    void armHeartbeatCheck(Milliseconds now);
+    Milliseconds forgiveLateness(Milliseconds now);
     void timeOut(const QString &clientId);
     void accept(SessionServer &server);
     void acceptPending(SessionServer &server);
