@@ -49,6 +49,9 @@ public:
 
     ProcessInfo info() const;
     bool isRunning() const;
+    /// Whether something may still come of this object: there is a run whose end has not been handled, or a restart
+    /// is pending.
+    bool isAlive() const { return !m_retired && (m_launch || m_restartTimer.isActive()); }
 
 public slots:
     void stopKillTimer();
