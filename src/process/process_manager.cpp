@@ -2,7 +2,7 @@
 
 #include "common/log_category.h"
 #include "process/managed_process.h"
-#include "process/process_objects.h"
+#include "process/process_messages.h"
 #include "process/process_specification.h"
 #include "process/tun_companion.h"
 
