@@ -80,11 +80,12 @@ private:
     void startMonitor();
     void startReader();
     void releaseResources();
+    void stopMonitor();
     void stopWorkers(unsigned long joinTimeoutMs);
     void finishOrRestart(int exitCode);
     QString processId() const { return m_info.processId; }
 
-    ProcessInfo m_info;
+    ProcessInfo m_info; // its handles stay null: info() takes them from the run
     QProcess m_process{this};
     QTimer m_killTimer{this};
     QTimer m_restartTimer{this};
