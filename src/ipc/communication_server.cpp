@@ -201,6 +201,14 @@ void CommunicationServer::removeInactiveSessions(const QList<quint32> &active)
     }
 }
 
+// Clients of a session stay when its pipe goes, and so do their instances of it. A connection that has left the
+// table holds its own until its deferred deletion.
+bool CommunicationServer::hasConnectionsOf(quint32 sessionId) const
+{
+    const auto connections = findChildren<ClientConnection *>(Qt::FindDirectChildrenOnly);
+    return std::ranges::any_of(connections, [sessionId](auto *client) { return client->sessionId() == sessionId; });
+}
+
 void CommunicationServer::serveSession(quint32 sessionId)
 {
     if (SessionServer *server = m_sessionServers.value(sessionId)) {
@@ -213,7 +221,8 @@ void CommunicationServer::serveSession(quint32 sessionId)
     qCInfo(lcRuvod) << "Creating pipe for new active session" << sessionId;
     auto *server =
         new SessionServer(sessionId, QStringLiteral(R"(\\.\pipe\%1-%2)").arg(m_serverName).arg(sessionId), this);
-    if (!server->start()) {
+    using Name = PipeAnchor::Name;
+    if (!server->start(hasConnectionsOf(sessionId) ? Name::inUse : Name::unused)) {
         delete server; // never listened, so nothing of it is in the event loop
         return;
     }

@@ -82,6 +82,7 @@ private:
     void acceptPending(SessionServer &server);
     void removeInactiveSessions(const QList<quint32> &active);
     void serveSession(quint32 sessionId);
+    bool hasConnectionsOf(quint32 sessionId) const;
 
     const SessionLister m_listSessions;
     const Clock m_clock;

@@ -33,8 +33,8 @@ public:
     /// Failures are logged as critical, and leave nothing behind.
     bool initialize(std::uint32_t listenAddress, std::uint16_t requestedPort, CompletionPort &completionPort,
                     AcceptCallback acceptCallback, std::uint16_t &outPort);
-    /// No client is accepted from now on, and those that still arrive are closed. Before shutdown, which may come
-    /// later.
+    /// From now on no accept is issued, and the client that the outstanding one still takes is closed; others wait
+    /// in the backlog until shutdown closes the listener. Before shutdown, which may come later.
     void stopAccepting();
     /// The sockets are closed and the table emptied for good. Once.
     void shutdown();

@@ -156,6 +156,8 @@ TEST_F(CommunicationServerTest, reopensAPipeThatLostAListener)
     EXPECT_TRUE(connectClient(1));
 }
 
+// On Windows nobody else can take the name of a pipe that was open: tests/windows/ipc has this one.
+#ifndef Q_OS_WIN
 TEST_F(CommunicationServerTest, makesAPipeAnewThatCannotBeReopened)
 {
     ASSERT_TRUE(server.start(serverName));
@@ -169,6 +171,7 @@ TEST_F(CommunicationServerTest, makesAPipeAnewThatCannotBeReopened)
     server.pollSessions();
     EXPECT_TRUE(connectClient(1));
 }
+#endif
 
 // Clients
 
