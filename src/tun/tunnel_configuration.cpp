@@ -4,13 +4,18 @@
 
 #include <QJsonArray>
 
+#include <limits>
+
 namespace ruvo {
 
 namespace {
 
-std::uint16_t portOf(const QJsonValue &value, int fallback)
+/// Cut to 16 bits, a number that is no port would be one that nobody meant.
+std::uint16_t portOf(const QJsonValue &value, std::uint16_t fallback)
 {
-    return static_cast<std::uint16_t>(value.toInt(fallback));
+    const int number = value.toInt(fallback);
+    const bool isPort = number >= 1 && number <= std::numeric_limits<std::uint16_t>::max();
+    return isPort ? static_cast<std::uint16_t>(number) : fallback;
 }
 
 QStringList textsOf(const QJsonValue &value)

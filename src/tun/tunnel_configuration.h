@@ -25,7 +25,8 @@ struct TunnelConfiguration
     QStringList directProcesses;
 };
 
-/// Every key may be missing; the error is the text for the client.
+/// Every key may be missing. One of another type, and a port outside 1 to 65535, has its default. The error is the
+/// text for the client.
 std::expected<TunnelConfiguration, QString> parseTunnelConfiguration(const QJsonObject &config);
 
 } // namespace ruvo

@@ -89,5 +89,21 @@ TEST(TunnelConfiguration, aKeyOfAnotherTypeHasItsDefault)
     EXPECT_TRUE(parsed->bypassIps.isEmpty());
 }
 
+TEST(TunnelConfiguration, aPortThatIsNoneHasItsDefault)
+{
+    for (const double number : {0.0, -1.0, -55298.0, 65536.0, 70000.0, 76344.0, 1e10, 1.5}) {
+        const auto parsed = parseTunnelConfiguration({{"proxy-port", number}, {"direct-port", number}});
+        ASSERT_TRUE(parsed) << number;
+        EXPECT_EQ(parsed->proxyPort, 10808) << number;
+        EXPECT_EQ(parsed->directPort, 20808) << number;
+    }
+    for (const int port : {1, 65535}) {
+        const auto parsed = parseTunnelConfiguration({{"proxy-port", port}, {"direct-port", port}});
+        ASSERT_TRUE(parsed) << port;
+        EXPECT_EQ(parsed->proxyPort, port);
+        EXPECT_EQ(parsed->directPort, port);
+    }
+}
+
 } // namespace
 } // namespace ruvo
