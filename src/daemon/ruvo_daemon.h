@@ -1,6 +1,7 @@
 #pragma once
 
 #include "daemon/process_ownership.h"
+#include "daemon/request_queue.h"
 
 #include <QJsonObject>
 #include <QObject>
@@ -32,8 +33,10 @@ public:
     void stop();
 
 public slots:
+    /// Queues the request; it is handled and answered from the event loop.
     void handleClientMessage(const QString &clientId, const QJsonObject &message);
     void onClientConnected(const QString &clientId);
+    /// Cleans up after the client, behind its requests if some still wait. So does onClientTimedOut.
     void onClientDisconnected(const QString &clientId, quint32 sessionId);
     void onClientTimedOut(const QString &clientId, quint32 sessionId);
     /// Sends the event to the process's owner; to nobody if it has none.
@@ -47,6 +50,7 @@ public slots:
 
 private:
     RequestServices requestServices();
+    RequestQueue::Services queueServices();
     void removeFinishedProcess(const QJsonObject &event);
     void stopTunIfUnused();
     void stopProcessesOf(const QString &clientId, const char *reason);
@@ -59,6 +63,7 @@ private:
     RuvoTunManager *m_tunManager;
     ProcessOwnership m_ownership;
     RequestDispatcher *m_dispatcher;
+    RequestQueue *m_requests;
     /// Set first in stop(): clients are still served while it waits, but nothing new starts. (Nor does it from the
     /// moment on when the daemon was asked to quit.)
     bool m_stopping = false;

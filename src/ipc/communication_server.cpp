@@ -37,7 +37,7 @@ void CommunicationServer::stop()
     m_heartbeatTimer.stop();
     for (ClientConnection *client : std::as_const(m_clients)) {
         client->disconnect(this);
-        client->retire();
+        client->deleteLater();
     }
     m_clients.clear();
     m_heartbeats.clear();
@@ -65,6 +65,18 @@ void CommunicationServer::updateHeartbeat(const QString &clientId)
 {
     if (const auto heartbeat = m_heartbeats.find(clientId); heartbeat != m_heartbeats.end())
         *heartbeat = m_clock();
+}
+
+void CommunicationServer::holdBack(const QString &clientId, bool held)
+{
+    if (ClientConnection *client = m_clients.value(clientId))
+        client->setHeldBack(held);
+}
+
+qsizetype CommunicationServer::messageSize(const QString &clientId) const
+{
+    const ClientConnection *client = m_clients.value(clientId);
+    return client ? client->messageSize() : 0;
 }
 
 // While connections come fast, QLocalServer accepts without returning to the event loop as long as they are taken
@@ -126,7 +138,7 @@ void CommunicationServer::onClientDisconnected(const QString &clientId)
     if (!client)
         return;
     const quint32 sessionId = client->sessionId();
-    client->retire();
+    client->deleteLater();
     m_heartbeats.remove(clientId);
     emit clientDisconnected(clientId, sessionId);
 }
@@ -158,8 +170,10 @@ void CommunicationServer::checkHeartbeats()
     armHeartbeatCheck(now);
 
     QStringList silent;
-    for (auto heartbeat = m_heartbeats.cbegin(); heartbeat != m_heartbeats.cend(); ++heartbeat) {
-        if (now - heartbeat.value() > allowed)
+    for (auto heartbeat = m_heartbeats.begin(); heartbeat != m_heartbeats.end(); ++heartbeat) {
+        if (m_isBusy(heartbeat.key()))
+            *heartbeat = now; // its heartbeats may be among what waits
+        else if (now - heartbeat.value() > allowed)
             silent.append(heartbeat.key());
     }
     for (const QString &clientId : std::as_const(silent))
@@ -174,7 +188,7 @@ void CommunicationServer::timeOut(const QString &clientId)
     if (ClientConnection *client = m_clients.take(clientId)) {
         sessionId = client->sessionId();
         client->disconnectQuietly();
-        client->retire();
+        client->deleteLater();
     }
     m_heartbeats.remove(clientId);
     emit clientTimedOut(clientId, sessionId);

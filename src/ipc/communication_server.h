@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <functional>
+#include <utility>
 
 namespace ruvo {
 
@@ -54,11 +55,19 @@ public:
     void broadcast(const QJsonObject &message);
     void updateHeartbeat(const QString &clientId);
 
+    /// Reads nothing more of this client for now, or goes on: see ClientConnection::setHeldBack.
+    void holdBack(const QString &clientId, bool held);
+    /// Inside of messageReceived: the length of that message as it came, in bytes. 0 for an unknown client.
+    qsizetype messageSize(const QString &clientId) const;
+    /// Who tells that requests of a client wait to be handled. Such a client is not judged by its heartbeats.
+    void setBusyClients(std::function<bool(const QString &clientId)> isBusy) { m_isBusy = std::move(isBusy); }
+
     qsizetype clientCount() const { return m_clients.size(); }
 
 signals:
     void clientConnected(const QString &clientId);
     void clientDisconnected(const QString &clientId, quint32 sessionId);
+    /// Whoever receives this must not run an event loop of its own.
     void messageReceived(const QString &clientId, const QJsonObject &message);
     /// Part of the interface; nothing emits it.
     void serverError(const QString &error);
@@ -92,6 +101,7 @@ private:
     QHash<QString, Milliseconds> m_heartbeats;
     QTimer m_heartbeatTimer;
     Milliseconds m_heartbeatCheckDue{};
+    std::function<bool(const QString &clientId)> m_isBusy = [](const QString &) { return false; };
 
     bool m_refusingNewClients = false;
     int m_acceptedThisTurn = 0;

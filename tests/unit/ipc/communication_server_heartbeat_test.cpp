@@ -168,6 +168,27 @@ TEST_F(CommunicationServerHeartbeat, aCheckThatIsOneSecondLateStillJudges)
     EXPECT_EQ(signalled.last(), timedOut());
 }
 
+// Requests that wait
+
+TEST_F(CommunicationServerHeartbeat, doesNotJudgeAClientWhoseRequestsWait)
+{
+    const auto client = connectClient();
+    const auto silent = connectClient();
+    ASSERT_TRUE(client && silent);
+    bool isBusy = true;
+    server.setBusyClients([&](const QString &id) { return isBusy && id == ids[0]; });
+    for (Milliseconds time = 5000ms; time <= 60000ms; time += 5000ms)
+        checkAt(time);
+    EXPECT_EQ(signalled.filter("timed out"), QStringList{timedOut(1)});
+    // From then on it has its ten seconds again: its heartbeats may have been the last of what waited.
+    isBusy = false;
+    checkAt(65000ms);
+    checkAt(70000ms);
+    EXPECT_EQ(server.clientCount(), 1);
+    checkAt(70001ms);
+    EXPECT_EQ(signalled.last(), timedOut(0));
+}
+
 // A machine that sleeps
 
 TEST_F(CommunicationServerHeartbeat, aSleepOfAnHourCostsNobodyItsPlace)
