@@ -221,7 +221,7 @@ TEST(RunDaemon, refusesAnOptionThatItDoesNotKnow)
     EXPECT_EQ(process.waitForEnd(), 1);
     EXPECT_EQ(process.output(), "");
     EXPECT_EQ(process.errors(), "Unknown option 'bogus'.\n");
-    EXPECT_EQ(process.reports(), QStringList({startPending, stopped}));
+    EXPECT_EQ(process.reports(), QStringList({startPending, failed}));
 }
 
 } // namespace
