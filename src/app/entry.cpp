@@ -1,6 +1,5 @@
 #include "app/entry.h"
 
-#include "app/run_daemon.h"
 #include "app/windows_service.h"
 #include "app/winsock.h"
 #include "common/log_category.h"
@@ -46,13 +45,13 @@ int unregisterAndReport()
 
 // Runs on the first thread. The service takes stop controls only once it reports that it runs, so the
 // application exists by then, and WindowsService calls this no more once the daemon's thread is done.
+// Logs there: a log that blocks would hold up the one who takes controls.
 void requestStop()
 {
-    qCInfo(lcRuvod) << "Service stop requested, quitting event loop...";
-    requestQuit();
+    requestQuitAndThen([] { qCInfo(lcRuvod) << "Service stop requested, quitting event loop..."; });
 }
 
-int serve(int argc, wchar_t **argv)
+int serve(int argc, wchar_t **argv, const DaemonFactory &make)
 {
     try {
         WindowsService::initialize(serviceName, displayName);
@@ -61,14 +60,14 @@ int serve(int argc, wchar_t **argv)
         return 1;
     }
     WindowsService &service = WindowsService::instance();
-    service.setRunCallback([argc, argv] { runDaemon(argc, argv); });
+    service.setRunCallback([argc, argv, make] { runDaemon(argc, argv, make); });
     service.setStopCallback(requestStop);
     return service.run();
 }
 
 } // namespace
 
-int runEntry(int argc, wchar_t **argv)
+int runEntry(int argc, wchar_t **argv, const DaemonFactory &make)
 {
     const Winsock winsock;
     if (winsock.error() != 0) {
@@ -83,7 +82,7 @@ int runEntry(int argc, wchar_t **argv)
         return registerAndReport();
     if (mode == L"--unregister")
         return unregisterAndReport();
-    return serve(argc, argv);
+    return serve(argc, argv, make);
 }
 
 } // namespace ruvo

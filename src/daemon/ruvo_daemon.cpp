@@ -23,11 +23,19 @@ namespace {
 
 constexpr int processGracePeriod = 10000; // ms
 
+CommunicationServer *adopted(std::unique_ptr<CommunicationServer> server, QObject *parent)
+{
+    server->setParent(parent);
+    return server.release();
+}
+
 } // namespace
 
-RuvoDaemon::RuvoDaemon()
+RuvoDaemon::RuvoDaemon() : RuvoDaemon(std::make_unique<CommunicationServer>(activeSessions)) {}
+
+RuvoDaemon::RuvoDaemon(std::unique_ptr<CommunicationServer> server)
     : m_processManager(new ProcessManager(this))
-    , m_communicationServer(new CommunicationServer(activeSessions, this))
+    , m_communicationServer(adopted(std::move(server), this))
     , m_privilegeManager(new PrivilegeManager(this))
     , m_tunManager(new RuvoTunManager(this))
     , m_dispatcher(new RequestDispatcher(requestServices(), m_ownership, this))

@@ -8,6 +8,8 @@
 #include <QProcess>
 #include <QSet>
 
+#include <memory>
+
 namespace ruvo {
 
 class CommunicationServer;
@@ -25,6 +27,8 @@ class RuvoDaemon : public QObject
 
 public:
     RuvoDaemon();
+    /// With another listening side than one pipe for each of Windows' sessions.
+    explicit RuvoDaemon(std::unique_ptr<CommunicationServer> server);
     ~RuvoDaemon() override;
 
     /// Opens the pipes. False if the listening side cannot start.

@@ -44,7 +44,7 @@ public:
 
     /// Opens the pipes "\\.\pipe\<serverName>-<session>" and starts polling for sessions. Always true, even
     /// when no pipe could be made: the poll tries again.
-    bool start(const QString &serverName);
+    virtual bool start(const QString &serverName);
     /// From now on whoever connects is dropped at once; connected clients are still served. For the shutdown.
     void refuseNewClients() { m_refusingNewClients = true; }
     /// Drops all clients (without disconnect signals), pipes and timers.
