@@ -1,6 +1,7 @@
 #include "netcfg/wintun_adapter.h"
 
 #include "common/log_category.h"
+#include "io/precise_pause.h"
 #include "netcfg/adapter_guid.h"
 
 #include <QString>
@@ -11,6 +12,8 @@
 namespace ruvo {
 
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr int sendAttempts = 50;
 
@@ -200,7 +203,7 @@ std::uint8_t *WintunAdapter::allocatePacket(std::uint32_t size)
             return nullptr;
         }
         if (attempt > 0) // the first time at once: the ring is drained quickly
-            Sleep(attempt == 1 ? 1 : 2);
+            precisePause(attempt == 1 ? 1ms : 2ms);
     }
 }
 
