@@ -190,5 +190,25 @@ TEST_F(WintunAdapterSend, needsASession)
     EXPECT_EQ(m_fake.calls(), QStringList());
 }
 
+TEST_F(WintunAdapterSend, saysTheFirstTenTimesAndEveryThousandthThatAPacketIsLost)
+{
+    m_fake.allocateFailures = -1;
+    for (int i = 0; i < 12; ++i)
+        EXPECT_FALSE(send());
+    EXPECT_EQ(m_log.lines().size(), 10);
+    m_log.clear();
+
+    m_fake.allocateError = ERROR_INVALID_PARAMETER;
+    for (int i = 0; i < 1000; ++i)
+        EXPECT_FALSE(trySend());
+    EXPECT_EQ(m_log.lines(), QStringList(11, "WARNING Failed to allocate send packet: 87"));
+    m_log.clear();
+
+    m_adapter.endSession();
+    for (int i = 0; i < 1000; ++i)
+        EXPECT_FALSE(trySend());
+    EXPECT_EQ(m_log.lines(), QStringList(11, "WARNING [WINTUN-SEND] No session!"));
+}
+
 } // namespace
 } // namespace ruvo
