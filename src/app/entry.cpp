@@ -1,5 +1,6 @@
 #include "app/entry.h"
 
+#include "app/process_hardening.h"
 #include "app/windows_service.h"
 #include "app/winsock.h"
 #include "common/log_category.h"
@@ -69,6 +70,7 @@ int serve(int argc, wchar_t **argv, const DaemonFactory &make)
 
 int runEntry(int argc, wchar_t **argv, const DaemonFactory &make)
 {
+    hardenProcess();
     const Winsock winsock;
     if (winsock.error() != 0) {
         // The daemon, which installs it otherwise, is not reached; without it nobody would see this line.

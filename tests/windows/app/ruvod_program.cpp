@@ -79,6 +79,8 @@ private:
 std::unique_ptr<CallJournal> watchFirstThread(const Options &options)
 {
     auto journal = std::make_unique<CallJournal>();
+    journal->watch<IMPORT(SetDefaultDllDirectories)>();
+    journal->watch<IMPORT(SetProcessMitigationPolicy)>();
     journal->watch<IMPORT(WSAStartup)>(FailsWith::errorCode);
     journal->watch<IMPORT(WSACleanup)>(FailsWith::minusOne);
     journal->watch<IMPORT(CreateEventW)>();
