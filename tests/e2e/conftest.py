@@ -78,7 +78,6 @@ def tunnel_bench(running):
     assert sorted(tunnel.routes(running)) == sorted([route for route in routes if route not in gone] + new)
     assert tunnel.against_leaks(running) == {
         "filters": [], "sublayers": [], "sessions": [], "firewall rules": running.firewall_rules_that_stay}
-    assert not tunnel.misuse(running)
 
 
 @pytest.fixture

@@ -20,3 +20,7 @@ class Journal:
         """The calls of a function, or those with these arguments (hyphens are underscores here)."""
         wanted = {"call": name} | {key.replace("_", "-"): value for key, value in fields.items()}
         return [entry for entry in self.entries() if wanted.items() <= entry.items()]
+
+    def misuse(self):
+        """Rules that were broken: a packet released twice, a call after the end of a session …"""
+        return [entry for entry in self.entries() if "misuse" in entry]

@@ -105,6 +105,7 @@ class Bench(Service):
         assert not reports or reports[-1]["state"] == STOPPED, "the daemon has ended without a report of it"
         self.log.check()
         self.filters.check()
+        assert not self.journal.misuse()
         # What crashes before that is one of Wine's own programs at the start, and none of ours.
         _, _, output = self.prefix.output.read_text(errors="replace").partition('{"ready":true}')
         assert not any(mark in output for mark in CRASH_MARKS), output[-4000:]

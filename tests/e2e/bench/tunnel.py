@@ -119,11 +119,6 @@ def windows_calls(bench, after=0):
     return calls
 
 
-def misuse(bench):
-    """Rules of Wintun that were broken: a packet released twice, a call after the end of a session …"""
-    return [entry for entry in bench.journal.entries() if "misuse" in entry]
-
-
 def start(client, timeout=40, **configuration):
     """Starts the tunnel; it has to work."""
     answer = client.request("start-tun", timeout, **configuration)
