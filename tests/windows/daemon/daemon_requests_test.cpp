@@ -14,11 +14,11 @@
 
 #include <QElapsedTimer>
 #include <QJsonDocument>
+#include <QLocalSocket>
 #include <QRegularExpression>
 
 #include <atomic>
 #include <chrono>
-#include <iostream>
 #include <memory>
 
 namespace ruvo {
@@ -75,7 +75,6 @@ TEST_F(DaemonRequests, ofOthersAreServedDuringAFloodOfOne)
     QElapsedTimer elapsed;
     elapsed.start();
     EXPECT_EQ(other->request("list")["status"], "success");
-    std::cout << "answered after " << elapsed.elapsed() << " ms, " << handled() << " requests of the flood\n";
     EXPECT_LT(handled(), floodSize);
     EXPECT_LT(elapsed.elapsed(), 1000);
     ASSERT_TRUE(waitUntil([this] { return handled() == floodSize; }, 60s));
@@ -128,6 +127,17 @@ TEST_F(DaemonRequests, thatWaitAreNoSilence)
     EXPECT_EQ(server->clientCount(), 1);
     EXPECT_TRUE(waitUntil([&] { return silent->pipe().isGone(); }));
     EXPECT_TRUE(flooding->isConnected());
+}
+
+TEST_F(DaemonRequests, beyondAMebibyteAreNotReadYet)
+{
+    const auto flooding = connectTo(1);
+    const auto *socket = daemon.findChild<CommunicationServer *>()->findChild<QLocalSocket *>();
+    ASSERT_TRUE(socket);
+    flood(*flooding, 3 * floodSize);
+    // Read on, it would be empty whenever the loop comes to look.
+    EXPECT_TRUE(waitUntil([&] { return socket->bytesAvailable() > 0; }));
+    EXPECT_LT(handled(), 3 * floodSize);
 }
 
 TEST_F(DaemonRequests, areForgottenAtTheEndButNoDepartureIs)
