@@ -84,8 +84,7 @@ struct StdinWriter::Queue
     {
         const std::unique_ptr<std::shared_ptr<Queue>> own(static_cast<std::shared_ptr<Queue> *>(parameter));
         Queue &queue = **own;
-        Request request;
-        while (queue.take(request)) {
+        for (Request request; queue.take(request); request = {}) { // which holds no bytes while there is no next
             DWORD written = 0;
             // What became of it is not examined: the exit of the child is what counts.
             WriteFile(queue.launch->stdinWrite.get(), request.bytes.constData(),
