@@ -36,3 +36,16 @@ function(ruvod_version_resource target description)
     set_property(SOURCE "${CMAKE_CURRENT_BINARY_DIR}/${target}.rc" APPEND PROPERTY OBJECT_DEPENDS
         "${PROJECT_SOURCE_DIR}/cmake/ruvod.manifest")
 endfunction()
+
+# Makes Windows look for the DLLs that an executable imports in System32 only. One of its sources has to be
+# src/app/load_configuration.cpp. ruvod_load_from_system32(TARGET)
+function(ruvod_load_from_system32 target)
+    if(NOT WIN32)
+        return()
+    endif()
+    # Nothing refers to it, and the linker leaves such objects out.
+    target_link_options(${target} PRIVATE -Wl,--undefined=ruvoLoadConfiguration)
+    set(script "${PROJECT_SOURCE_DIR}/cmake/point_to_load_configuration.py")
+    add_custom_command(TARGET ${target} POST_BUILD COMMAND "${script}" "${CMAKE_NM}" "$<TARGET_FILE:${target}>" VERBATIM)
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${script}")
+endfunction()

@@ -16,7 +16,11 @@ namespace {
 {
     std::fputs(text.toUtf8().constData(), stream);
     std::fflush(stream);
-    WindowsService::instance().reportStopped();
+    WindowsService &service = WindowsService::instance();
+    if (status == EXIT_SUCCESS)
+        service.reportStopped();
+    else
+        service.reportFailed();
     // Not std::exit: the first thread still waits in the dispatcher, on objects that it would destroy.
     std::_Exit(status);
 }

@@ -24,7 +24,8 @@ private:
 };
 
 /// Serves --help and --version, and refuses what is no option. Returns if the daemon should run; otherwise the
-/// text is printed, the service reported as stopped, and the process ended (status 0, or 1 for a refusal).
+/// text is printed, the service reported as stopped, and the process ended (status 0, or 1 for a refusal, which is
+/// the service's exit code as well).
 void processCommandLine(const QStringList &arguments);
 
 } // namespace ruvo

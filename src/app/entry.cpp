@@ -1,6 +1,6 @@
 #include "app/entry.h"
 
-#include "app/run_daemon.h"
+#include "app/process_hardening.h"
 #include "app/windows_service.h"
 #include "app/winsock.h"
 #include "common/log_category.h"
@@ -46,13 +46,13 @@ int unregisterAndReport()
 
 // Runs on the first thread. The service takes stop controls only once it reports that it runs, so the
 // application exists by then, and WindowsService calls this no more once the daemon's thread is done.
+// Logs there: a log that blocks would hold up the one who takes controls.
 void requestStop()
 {
-    qCInfo(lcRuvod) << "Service stop requested, quitting event loop...";
-    requestQuit();
+    requestQuitAndThen([] { qCInfo(lcRuvod) << "Service stop requested, quitting event loop..."; });
 }
 
-int serve(int argc, wchar_t **argv)
+int serve(int argc, wchar_t **argv, const DaemonFactory &make)
 {
     try {
         WindowsService::initialize(serviceName, displayName);
@@ -61,15 +61,16 @@ int serve(int argc, wchar_t **argv)
         return 1;
     }
     WindowsService &service = WindowsService::instance();
-    service.setRunCallback([argc, argv] { runDaemon(argc, argv); });
+    service.setRunCallback([argc, argv, make] { runDaemon(argc, argv, make); });
     service.setStopCallback(requestStop);
     return service.run();
 }
 
 } // namespace
 
-int runEntry(int argc, wchar_t **argv)
+int runEntry(int argc, wchar_t **argv, const DaemonFactory &make)
 {
+    hardenProcess();
     const Winsock winsock;
     if (winsock.error() != 0) {
         // The daemon, which installs it otherwise, is not reached; without it nobody would see this line.
@@ -83,7 +84,7 @@ int runEntry(int argc, wchar_t **argv)
         return registerAndReport();
     if (mode == L"--unregister")
         return unregisterAndReport();
-    return serve(argc, argv);
+    return serve(argc, argv, make);
 }
 
 } // namespace ruvo

@@ -18,47 +18,39 @@ namespace {
 /// The installer's "SERVICE_CONTROL_SHUTDOWN_CLIENTS": clients close themselves before files are replaced.
 constexpr DWORD shutdownClientsControl = 128;
 
-/// The running daemon. Used on the service thread only: it makes the shutdown run once.
-RuvoDaemon *s_daemon = nullptr;
-
+// Runs on the first thread, which must not log: a log that blocks would hold up the one who takes controls.
 void onCustomControl(DWORD control, RuvoDaemon *daemon)
 {
     if (control != shutdownClientsControl)
         return;
-    qCInfo(lcRuvod) << "Received SERVICE_CONTROL_SHUTDOWN_CLIENTS from installer";
-    QMetaObject::invokeMethod(daemon, &RuvoDaemon::broadcastClientShutdown, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        daemon,
+        [daemon] {
+            qCInfo(lcRuvod) << "Received SERVICE_CONTROL_SHUTDOWN_CLIENTS from installer";
+            daemon->broadcastClientShutdown();
+        },
+        Qt::QueuedConnection);
 }
 
-/// Ends the calls of the control handler before the daemon that they reach is destroyed, however it ends.
-class ControlCallbackGuard
-{
-public:
-    explicit ControlCallbackGuard(WindowsService &service) : m_service(service) {}
-    ~ControlCallbackGuard() { m_service.clearControlCallbacks(); }
-    ControlCallbackGuard(const ControlCallbackGuard &) = delete;
-    ControlCallbackGuard &operator=(const ControlCallbackGuard &) = delete;
-
-private:
-    WindowsService &m_service;
-};
-
-void serveUntilQuit(WindowsService &service)
+void serveUntilQuit(WindowsService &service, RuvoDaemon &daemon)
 {
     qCInfo(lcRuvod) << "Daemon ready for connections";
     service.reportRunning();
     QCoreApplication::exec();
-    if (s_daemon) {
-        qCInfo(lcRuvod) << "Event loop exited, stopping daemon...";
-        s_daemon->stop();
-        s_daemon = nullptr;
-    }
+    qCInfo(lcRuvod) << "Event loop exited, stopping daemon...";
+    daemon.stop();
     qCInfo(lcRuvod) << "Daemon cleanup complete, reporting service stopped";
     service.reportStopped();
 }
 
 } // namespace
 
-void runDaemon(int argc, wchar_t **argv)
+std::shared_ptr<RuvoDaemon> makeDaemon()
+{
+    return std::make_shared<RuvoDaemon>();
+}
+
+void runDaemon(int argc, wchar_t **argv, const DaemonFactory &make)
 {
     Utf8Arguments arguments(argc, argv);
     installDaemonLog();
@@ -70,13 +62,12 @@ void runDaemon(int argc, wchar_t **argv)
     QLoggingCategory::setFilterRules("ruvod.debug=false");
 
     WindowsService &service = WindowsService::instance();
-    RuvoDaemon daemon;
-    s_daemon = &daemon;
-    const auto forgetDaemon = qScopeGuard([] { s_daemon = nullptr; });
-    const ControlCallbackGuard guard(service);
-    service.setCustomControlCallback([&daemon](DWORD control) { onCustomControl(control, &daemon); });
-    if (daemon.start())
-        serveUntilQuit(service);
+    const std::shared_ptr<RuvoDaemon> daemon = make();
+    // Before the daemon that they reach is destroyed, however it ends.
+    const auto endControls = qScopeGuard([&service] { service.clearControlCallbacks(); });
+    service.setCustomControlCallback([&daemon](DWORD control) { onCustomControl(control, daemon.get()); });
+    if (daemon->start())
+        serveUntilQuit(service, *daemon);
     else
         qCCritical(lcRuvod) << "Failed to start daemon";
 }

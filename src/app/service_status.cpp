@@ -18,32 +18,30 @@ void ServiceStatus::setHandle(SERVICE_STATUS_HANDLE handle)
 
 void ServiceStatus::reportStartPending()
 {
-    report(SERVICE_START_PENDING, 0, ++m_checkPoint, startWaitHint);
+    report(SERVICE_START_PENDING, 0, startWaitHint);
 }
 
 void ServiceStatus::reportRunning()
 {
-    m_checkPoint = 0;
-    report(SERVICE_RUNNING, acceptedControls, 0, 0);
+    report(SERVICE_RUNNING, acceptedControls, 0);
 }
 
 void ServiceStatus::reportStopPending()
 {
-    report(SERVICE_STOP_PENDING, acceptedControls, ++m_checkPoint, stopWaitHint);
+    report(SERVICE_STOP_PENDING, acceptedControls, stopWaitHint);
 }
 
 void ServiceStatus::reportStopped()
 {
-    m_checkPoint = 0;
-    report(SERVICE_STOPPED, acceptedControls, 0, 0);
+    report(SERVICE_STOPPED, acceptedControls, 0);
 }
 
 void ServiceStatus::reportFailed()
 {
-    report(SERVICE_STOPPED, acceptedControls, 0, 0, 1);
+    report(SERVICE_STOPPED, acceptedControls, 0, 1);
 }
 
-void ServiceStatus::report(DWORD state, DWORD controlsAccepted, DWORD checkPoint, DWORD waitHint, DWORD exitCode)
+void ServiceStatus::report(DWORD state, DWORD controlsAccepted, DWORD waitHint, DWORD exitCode)
 {
     const std::lock_guard lock(m_mutex);
     if (!m_statusHandle || m_status.dwCurrentState == SERVICE_STOPPED)
@@ -51,12 +49,14 @@ void ServiceStatus::report(DWORD state, DWORD controlsAccepted, DWORD checkPoint
     // A stop that arrived in the instant of the start must not be taken back.
     if (state == SERVICE_RUNNING && m_status.dwCurrentState == SERVICE_STOP_PENDING)
         return;
+    const bool pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
+    m_checkPoint = pending ? m_checkPoint + 1 : 0;
     m_status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
     m_status.dwCurrentState = state;
     m_status.dwControlsAccepted = controlsAccepted;
     m_status.dwWin32ExitCode = exitCode;
     m_status.dwServiceSpecificExitCode = 0;
-    m_status.dwCheckPoint = checkPoint;
+    m_status.dwCheckPoint = m_checkPoint;
     m_status.dwWaitHint = waitHint;
     SetServiceStatus(m_statusHandle, &m_status);
 }

@@ -3,7 +3,6 @@
 #include <windows.h>
 #include <winsvc.h>
 
-#include <atomic>
 #include <mutex>
 
 namespace ruvo {
@@ -26,13 +25,13 @@ public:
     void reportFailed();
 
 private:
-    void report(DWORD state, DWORD controlsAccepted, DWORD checkPoint, DWORD waitHint, DWORD exitCode = NO_ERROR);
+    void report(DWORD state, DWORD controlsAccepted, DWORD waitHint, DWORD exitCode = NO_ERROR);
 
     std::mutex m_mutex;
     SERVICE_STATUS m_status{};
     SERVICE_STATUS_HANDLE m_statusHandle = nullptr;
     /// Counts the pending reports, so that the manager sees progress.
-    std::atomic<DWORD> m_checkPoint = 0;
+    DWORD m_checkPoint = 0;
 };
 
 } // namespace ruvo

@@ -3,8 +3,9 @@
 #include <sddl.h>
 
 #include <cstdio>
-#include <memory>
+#include <cstdlib>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace ruvo {
@@ -19,10 +20,14 @@ constexpr wchar_t serviceAccess[] = L"D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSW
 /// How long the first thread waits for the daemon to be gone after "stopped" was reported.
 constexpr DWORD serviceMainTimeout = 30000; // ms
 
+/// How often the manager is told that a stop goes on.
+constexpr DWORD stopReportInterval = 5000; // ms
+
 constexpr DWORD firstUserControl = 128;
 constexpr DWORD lastUserControl = 255;
 
-std::unique_ptr<WindowsService> s_instance;
+/// Never destroyed: the service thread may use it until the process ends.
+WindowsService *s_instance = nullptr;
 
 ServiceHandle openManager(DWORD access)
 {
@@ -58,7 +63,7 @@ void WindowsService::initialize(const std::wstring &serviceName, const std::wstr
 {
     if (s_instance)
         throw std::runtime_error("WindowsService already initialized");
-    s_instance.reset(new WindowsService(serviceName, displayName));
+    s_instance = new WindowsService(serviceName, displayName);
 }
 
 WindowsService &WindowsService::instance()
@@ -145,8 +150,14 @@ int WindowsService::run()
     }
     // The dispatcher may return as soon as "stopped" is reported, while the service thread still takes the
     // daemon down; ending the process under it would cut that short.
-    WaitForSingleObject(m_serviceMainDone.get(), serviceMainTimeout);
-    return 0;
+    if (WaitForSingleObject(m_serviceMainDone.get(), serviceMainTimeout) != WAIT_OBJECT_0) {
+        // Returning from main would destroy what the service thread still uses, under its hands.
+        TerminateProcess(GetCurrentProcess(), EXIT_FAILURE);
+        return EXIT_FAILURE;
+    }
+    if (m_stopReporter.joinable())
+        m_stopReporter.join();
+    return EXIT_SUCCESS;
 }
 
 void WINAPI WindowsService::serviceMain(DWORD, LPWSTR *)
@@ -208,9 +219,22 @@ void WindowsService::stop()
         if (m_stopCallback)
             m_stopCallback();
     } catch (...) {
-        // Whatever the callback could not do, the manager's stop event is still set.
+        // Whatever the callback could not do, our stop event is still set.
     }
     SetEvent(m_stopEvent.get());
+    try {
+        m_stopReporter = std::thread([this] { repeatStopPending(); });
+    } catch (const std::system_error &) {
+        // No thread can be had: the one report has to do.
+    }
+}
+
+// The first report promises an end within half a minute. A stop may take longer, with many processes to end and a
+// tunnel to take down: without further ones the manager would take the service for hung.
+void WindowsService::repeatStopPending()
+{
+    while (WaitForSingleObject(m_serviceMainDone.get(), stopReportInterval) == WAIT_TIMEOUT)
+        m_status.reportStopPending();
 }
 
 } // namespace ruvo

@@ -7,6 +7,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace ruvo {
 
@@ -44,11 +45,14 @@ public:
     void clearControlCallbacks();
 
     /// Serves the service manager until the service has stopped. The process's exit status: 0, or 1 if there
-    /// is no manager to serve (standard error says why).
+    /// is no manager to serve (standard error says why). Ends the process, with 1, if the run callback has not
+    /// returned half a minute after the service has stopped.
     int run();
 
     void reportRunning() { m_status.reportRunning(); }
     void reportStopped() { m_status.reportStopped(); }
+    /// Stopped, with Win32 exit code 1.
+    void reportFailed() { m_status.reportFailed(); }
 
     WindowsService(const WindowsService &) = delete;
     WindowsService &operator=(const WindowsService &) = delete;
@@ -62,10 +66,12 @@ private:
     void serve() noexcept;
     DWORD callCustomControl(DWORD control);
     void stop();
+    void repeatStopPending();
 
     std::wstring m_serviceName;
     std::wstring m_displayName;
     ServiceStatus m_status;
+    /// Set once a stop was asked for.
     KernelHandle m_stopEvent;
     /// Set when the service main function has returned.
     KernelHandle m_serviceMainDone;
@@ -75,6 +81,8 @@ private:
     StopCallback m_stopCallback;
     CustomControlCallback m_customControlCallback;
     std::atomic<bool> m_stopping = false;
+    /// Repeats the report of a stop that takes long. Made and joined on the first thread.
+    std::thread m_stopReporter;
 };
 
 } // namespace ruvo

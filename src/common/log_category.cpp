@@ -1,3 +1,8 @@
 #include "common/log_category.h"
 
-Q_LOGGING_CATEGORY(lcRuvod, "ruvod")
+// Never destroyed: threads that were left behind may log until the process ends.
+const QLoggingCategory &lcRuvod()
+{
+    static const auto &s_category = *new QLoggingCategory("ruvod");
+    return s_category;
+}

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <memory>
+#include <utility>
 
 namespace ruvo {
 
@@ -34,13 +35,19 @@ bool isQuitting()
 
 void requestQuit()
 {
+    requestQuitAndThen([] {});
+}
+
+void requestQuitAndThen(std::function<void()> afterwards)
+{
     QMetaObject::invokeMethod(
         qApp,
-        [request = std::make_shared<PendingRequest>()] {
-            if (isQuitting())
-                return;
-            s_quitting = qApp;
-            QCoreApplication::quit();
+        [request = std::make_shared<PendingRequest>(), afterwards = std::move(afterwards)] {
+            if (!isQuitting()) {
+                s_quitting = qApp;
+                QCoreApplication::quit();
+            }
+            afterwards();
         },
         Qt::QueuedConnection);
 }

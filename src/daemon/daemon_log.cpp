@@ -1,26 +1,48 @@
 #include "daemon/daemon_log.h"
 
 #include "common/log_category.h"
+#include "daemon/log_file.h"
 #include "daemon/log_output.h"
 
 #include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QStandardPaths>
 
 #include <atomic>
-#include <filesystem>
 #include <memory>
-#include <system_error>
 
 namespace ruvo {
 
 namespace {
 
-/// Null: the default path. A shared pointer, as other threads log while a client changes it.
-std::atomic<std::shared_ptr<const QString>> s_logFilePath;
 std::atomic<qint32> s_messageCount = 0;
-std::atomic<bool> s_rotating = false;
+
+/// Where lines go. Never destroyed, as threads that were left behind may log until the process ends, and shared, as
+/// they log while a client changes it.
+struct Destination
+{
+    const std::shared_ptr<LogFile> byDefault = std::make_shared<LogFile>(QString());
+    std::atomic<std::shared_ptr<LogFile>> current = byDefault;
+};
+
+Destination &destination()
+{
+    static Destination &s_destination = *new Destination;
+    return s_destination;
+}
+
+/// The one in use if lines go to `path` already: many clients name the same, and what is known of it stays known.
+std::shared_ptr<LogFile> fileFor(const QString &path)
+{
+    if (path.isEmpty())
+        return destination().byDefault;
+    std::shared_ptr<LogFile> current = destination().current;
+    return current->isFor(path) ? current : std::make_shared<LogFile>(path);
+}
+
+void use(const std::shared_ptr<LogFile> &file, const QString &path)
+{
+    destination().current = file;
+    qCDebug(lcRuvod) << "Daemon log path set to:" << path;
+}
 
 const char *levelWord(QtMsgType type)
 {
@@ -34,40 +56,14 @@ const char *levelWord(QtMsgType type)
     return "";
 }
 
-QString oldGeneration(const QString &path)
-{
-    return path + QStringLiteral(".old");
-}
-
-// The standard library's rename: Qt's would copy, and lose what is written meanwhile, where a rename fails.
-void rotateIfLarge(const QString &path)
-{
-    const QFileInfo file(path);
-    if (!file.exists() || file.size() <= logRotationThreshold)
-        return;
-    const std::filesystem::path current = file.filesystemFilePath();
-    const std::filesystem::path old = QFileInfo(oldGeneration(path)).filesystemFilePath();
-    std::error_code ignored;
-    std::filesystem::remove(old, ignored);
-    std::filesystem::rename(current, old, ignored);
-}
-
 // Must not log: it would call itself.
 void handleMessage(QtMsgType type, const QMessageLogContext &, const QString &message)
 {
     const QByteArray line = formatLogLine(type, message, QDateTime::currentDateTime());
     writeToStandardError(line);
-    const QString path = logFilePath();
-    if (!path.isEmpty())
-        appendTextToFile(path, line);
-    if (++s_messageCount % logRotationCheckInterval != 0 || path.isEmpty())
-        return;
-    // Never waits: a thread that is held up between its look at the size and its rename would otherwise throw away
-    // the old generation that another one made meanwhile.
-    if (!s_rotating.exchange(true)) {
-        rotateIfLarge(path);
-        s_rotating = false;
-    }
+    const bool looksAtSize = ++s_messageCount % logRotationCheckInterval == 0;
+    const std::shared_ptr<LogFile> file = destination().current;
+    file->take(line, looksAtSize);
 }
 
 } // namespace
@@ -87,9 +83,7 @@ QByteArray formatLogLine(QtMsgType type, const QString &message, const QDateTime
 
 QString logFilePath()
 {
-    if (const std::shared_ptr<const QString> path = s_logFilePath.load())
-        return *path;
-    return defaultLogFilePath(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation));
+    return destination().current.load()->path();
 }
 
 QString defaultLogFilePath(const QString &dataLocation)
@@ -103,57 +97,20 @@ QString defaultLogFilePath(const QString &dataLocation)
 
 void setLogFilePath(const QString &path)
 {
-    s_logFilePath.store(path.isEmpty() ? nullptr : std::make_shared<const QString>(path));
-    qCDebug(lcRuvod) << "Daemon log path set to:" << path;
+    use(fileFor(path), path);
 }
 
 void useLogFile(const QString &path)
 {
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    setLogFilePath(path);
+    const std::shared_ptr<LogFile> file = fileFor(path);
+    file->makeFolders();
+    use(file, path);
 }
 
 bool clearLogs()
 {
-    return clearLogFiles(logFilePath());
-}
-
-bool clearLogFiles(const QString &path)
-{
-    if (path.isEmpty()) {
-        qCWarning(lcRuvod) << "Log path is empty, cannot clear";
-        return false;
-    }
-
-    bool cleared = true;
-    qCDebug(lcRuvod) << "Checking if main log exists:" << path;
-    if (QFile::exists(path)) {
-        qCDebug(lcRuvod) << "Main log file exists, attempting to remove...";
-        if (QFile::remove(path)) {
-            qCDebug(lcRuvod) << "Successfully removed main log file";
-        } else {
-            qCWarning(lcRuvod) << "FAILED to remove main log file";
-            cleared = false;
-        }
-    }
-
-    const QString old = oldGeneration(path);
-    qCDebug(lcRuvod) << "Checking if .old log exists:" << old;
-    if (QFile::exists(old)) {
-        qCDebug(lcRuvod) << ".old log file exists, attempting to remove...";
-        if (QFile::remove(old)) {
-            qCDebug(lcRuvod) << "Successfully removed .old log file";
-        } else {
-            qCWarning(lcRuvod) << "FAILED to remove .old log file";
-            cleared = false;
-        }
-    }
-
-    if (cleared)
-        qCDebug(lcRuvod) << "Daemon log files cleared successfully";
-    else
-        qCWarning(lcRuvod) << "Failed to clear some daemon log files";
-    return cleared;
+    const std::shared_ptr<LogFile> file = destination().current;
+    return file->clear();
 }
 
 } // namespace ruvo

@@ -7,7 +7,8 @@
 namespace ruvo {
 
 // The daemon's log: Qt's message handler, standard error and one text file with one old generation.
-// All of it may be called from any thread; no lock is taken.
+// All of it may be called from any thread. No thread waits until another's line is written: one that blocks (a share
+// that went away) holds its own thread up, and soon the others leave the file out.
 
 /// Above this the file becomes the old generation, in bytes.
 inline constexpr qint64 logRotationThreshold = 0x100000;
@@ -28,7 +29,8 @@ QString logFilePath();
 QString defaultLogFilePath(const QString &dataLocation);
 
 /// From now on lines go to `path`; the default path if it is empty. Not checked: the handler ignores a file
-/// that it cannot write.
+/// that it cannot write. What is no disk file, but a pipe or another device, counts as such a file, and is opened
+/// once at most until a path is set again.
 void setLogFilePath(const QString &path);
 
 /// Makes the folders that `path` needs and sets it. What a client's hello does.
@@ -36,8 +38,5 @@ void useLogFile(const QString &path);
 
 /// Removes the log file and its old generation. False if one is there and stays. A missing one is fine.
 bool clearLogs();
-
-/// The same for the log at `path`; false for an empty one.
-bool clearLogFiles(const QString &path);
 
 } // namespace ruvo

@@ -3,7 +3,11 @@
 #include <QFile>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
 
 namespace ruvo {
 
@@ -31,14 +35,29 @@ void writeToStandardError(const QByteArray &text)
         writeWhole(s_standardError, text);
 }
 
-bool appendTextToFile(const QString &path, const QByteArray &text)
+Appended appendTextToFile(const QString &path, const QByteArray &text)
 {
-    const int file = open(QFile::encodeName(path).constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    // A pipe that nobody reads would otherwise hold the thread up.
+    const int file = open(QFile::encodeName(path).constData(),
+                          O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
     if (file < 0)
-        return false;
-    const bool written = writeWhole(file, text);
+        return errno == ENXIO ? Appended::NotAFile : Appended::No;
+    struct stat information = {};
+    Appended result = Appended::NotAFile;
+    if (fstat(file, &information) == 0 && S_ISREG(information.st_mode))
+        result = writeWhole(file, text) ? Appended::Yes : Appended::No;
     close(file);
-    return written;
+    return result;
+}
+
+bool removeFile(const QString &path)
+{
+    return unlink(QFile::encodeName(path).constData()) == 0;
+}
+
+bool renameFile(const QString &path, const QString &newPath)
+{
+    return rename(QFile::encodeName(path).constData(), QFile::encodeName(newPath).constData()) == 0;
 }
 
 } // namespace ruvo

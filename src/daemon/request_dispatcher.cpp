@@ -105,7 +105,9 @@ RequestDispatcher::Response RequestDispatcher::clientHello(const Request &reques
     const QString daemonVersion = QString::fromLatin1(version);
     qCInfo(lcRuvod) << "Client connected:" << request.clientId << "- Client version:" << clientVersion
                     << "Daemon version:" << daemonVersion;
-    if (QVersionNumber::fromString(clientVersion) <= QVersionNumber::fromString(daemonVersion))
+    // Normalised: Qt takes 2.0.1.0 for newer than 2.0.1, and such a client would end the daemon at every hello.
+    if (QVersionNumber::fromString(clientVersion).normalized()
+        <= QVersionNumber::fromString(daemonVersion).normalized())
         return success();
 
     qCInfo(lcRuvod) << "Client version" << clientVersion << "is higher than daemon version" << daemonVersion

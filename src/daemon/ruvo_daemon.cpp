@@ -23,15 +23,25 @@ namespace {
 
 constexpr int processGracePeriod = 10000; // ms
 
+CommunicationServer *adopted(std::unique_ptr<CommunicationServer> server, QObject *parent)
+{
+    server->setParent(parent);
+    return server.release();
+}
+
 } // namespace
 
-RuvoDaemon::RuvoDaemon()
+RuvoDaemon::RuvoDaemon() : RuvoDaemon(std::make_unique<CommunicationServer>(activeSessions)) {}
+
+RuvoDaemon::RuvoDaemon(std::unique_ptr<CommunicationServer> server)
     : m_processManager(new ProcessManager(this))
-    , m_communicationServer(new CommunicationServer(activeSessions, this))
+    , m_communicationServer(adopted(std::move(server), this))
     , m_privilegeManager(new PrivilegeManager(this))
     , m_tunManager(new RuvoTunManager(this))
     , m_dispatcher(new RequestDispatcher(requestServices(), m_ownership, this))
+    , m_requests(new RequestQueue(queueServices(), this))
 {
+    m_communicationServer->setBusyClients([this](const QString &clientId) { return m_requests->isBusy(clientId); });
     connect(m_communicationServer, &CommunicationServer::messageReceived, this, &RuvoDaemon::handleClientMessage);
     connect(m_communicationServer, &CommunicationServer::clientConnected, this, &RuvoDaemon::onClientConnected);
     connect(m_communicationServer, &CommunicationServer::clientDisconnected, this, &RuvoDaemon::onClientDisconnected);
@@ -70,6 +80,18 @@ RequestServices RuvoDaemon::requestServices()
     return services;
 }
 
+RequestQueue::Services RuvoDaemon::queueServices()
+{
+    RequestQueue::Services services;
+    services.handle = [this](const QString &clientId, const QJsonObject &message) {
+        m_dispatcher->handleClientMessage(clientId, message);
+    };
+    services.holdBack = [this](const QString &clientId, bool held) {
+        m_communicationServer->holdBack(clientId, held);
+    };
+    return services;
+}
+
 RuvoDaemon::~RuvoDaemon() = default;
 
 bool RuvoDaemon::start()
@@ -95,7 +117,9 @@ void RuvoDaemon::stop()
         m_tunManager->stop();
     }
     m_processManager->stopAll(processGracePeriod);
-    sweepPendingSessions(); // no loop runs any more that would
+    // No loop runs any more that would.
+    m_requests->finishDepartures();
+    sweepPendingSessions();
     m_communicationServer->stop();
     // No loop runs any more that would delete the pipes and connections before "stopped" is reported.
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
@@ -104,7 +128,7 @@ void RuvoDaemon::stop()
 
 void RuvoDaemon::handleClientMessage(const QString &clientId, const QJsonObject &message)
 {
-    m_dispatcher->handleClientMessage(clientId, message);
+    m_requests->add(clientId, message, m_communicationServer->messageSize(clientId));
 }
 
 void RuvoDaemon::onClientConnected(const QString &clientId)
@@ -118,18 +142,22 @@ void RuvoDaemon::onClientConnected(const QString &clientId)
 
 void RuvoDaemon::onClientDisconnected(const QString &clientId, quint32 sessionId)
 {
-    qCInfo(lcRuvod) << "Client disconnected:" << clientId << "session:" << sessionId;
-    qCInfo(lcRuvod) << "Remaining connected clients:" << m_communicationServer->clientCount();
-    stopTunIfUnused();
-    stopProcessesOf(clientId, "(owned by disconnected client");
-    sweepStaleProcesses(clientId, sessionId);
+    m_requests->addDeparture(clientId, [this, clientId, sessionId] {
+        qCInfo(lcRuvod) << "Client disconnected:" << clientId << "session:" << sessionId;
+        qCInfo(lcRuvod) << "Remaining connected clients:" << m_communicationServer->clientCount();
+        stopTunIfUnused();
+        stopProcessesOf(clientId, "(owned by disconnected client");
+        sweepStaleProcesses(clientId, sessionId);
+    });
 }
 
 void RuvoDaemon::onClientTimedOut(const QString &clientId, quint32 sessionId)
 {
-    stopTunIfUnused();
-    stopProcessesOf(clientId, "(owned by timed-out client");
-    sweepStaleProcesses(clientId, sessionId);
+    m_requests->addDeparture(clientId, [this, clientId, sessionId] {
+        stopTunIfUnused();
+        stopProcessesOf(clientId, "(owned by timed-out client");
+        sweepStaleProcesses(clientId, sessionId);
+    });
 }
 
 // The tunnel is everybody's: the last client to leave takes it down.

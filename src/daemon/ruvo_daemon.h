@@ -1,11 +1,14 @@
 #pragma once
 
 #include "daemon/process_ownership.h"
+#include "daemon/request_queue.h"
 
 #include <QJsonObject>
 #include <QObject>
 #include <QProcess>
 #include <QSet>
+
+#include <memory>
 
 namespace ruvo {
 
@@ -24,6 +27,8 @@ class RuvoDaemon : public QObject
 
 public:
     RuvoDaemon();
+    /// With another listening side than one pipe for each of Windows' sessions.
+    explicit RuvoDaemon(std::unique_ptr<CommunicationServer> server);
     ~RuvoDaemon() override;
 
     /// Opens the pipes. False if the listening side cannot start.
@@ -32,8 +37,10 @@ public:
     void stop();
 
 public slots:
+    /// Queues the request; it is handled and answered from the event loop.
     void handleClientMessage(const QString &clientId, const QJsonObject &message);
     void onClientConnected(const QString &clientId);
+    /// Cleans up after the client, behind its requests if some still wait. So does onClientTimedOut.
     void onClientDisconnected(const QString &clientId, quint32 sessionId);
     void onClientTimedOut(const QString &clientId, quint32 sessionId);
     /// Sends the event to the process's owner; to nobody if it has none.
@@ -47,6 +54,7 @@ public slots:
 
 private:
     RequestServices requestServices();
+    RequestQueue::Services queueServices();
     void removeFinishedProcess(const QJsonObject &event);
     void stopTunIfUnused();
     void stopProcessesOf(const QString &clientId, const char *reason);
@@ -59,6 +67,7 @@ private:
     RuvoTunManager *m_tunManager;
     ProcessOwnership m_ownership;
     RequestDispatcher *m_dispatcher;
+    RequestQueue *m_requests;
     /// Set first in stop(): clients are still served while it waits, but nothing new starts. (Nor does it from the
     /// moment on when the daemon was asked to quit.)
     bool m_stopping = false;

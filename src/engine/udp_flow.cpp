@@ -6,16 +6,6 @@
 
 namespace ruvo {
 
-namespace {
-
-bool connectTo(SOCKET socket, const Endpoint &relay)
-{
-    const sockaddr_in address = socketAddress(relay.address, relay.port);
-    return connect(socket, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
-}
-
-} // namespace
-
 UdpFlow::UdpFlow(const UdpFlowId &id, UpstreamDecision upstream, const UdpFlowContext &context)
     : m_id(id), m_upstream(upstream), m_context(context)
 {}
@@ -82,8 +72,8 @@ std::optional<UdpFlow::SetupFailure> UdpFlow::openRelaySocket(const std::optiona
     if (relay.address == 0)
         relay.address = m_context.proxyAddress;
     auto socks = std::make_unique<SocksClient>(m_context.proxyHost, m_upstream.port);
-    if (!socks->createUdpSocket(relay.address, relay.port) || !connectTo(socks->udpSocket(), relay)
-        || !setNonBlocking(socks->udpSocket())) {
+    if (!socks->createUdpSocket(relay.address, relay.port) || !setNonBlocking(socks->udpSocket())
+        || !connectDatagrams(socks->udpSocket(), socketAddress(relay.address, relay.port))) {
         return SetupFailure{.step = SetupFailure::Step::RelaySocket};
     }
     keepReceivingAfterRefusals(socks->udpSocket());

@@ -41,7 +41,8 @@ bool ConnectionThreads::startThread()
         nullptr, stackSize, &ConnectionThreads::main, start.get(), STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr)));
     if (!thread->handle) {
         const int error = errno;
-        qCWarning(lcRuvod) << "Failed to start a connection thread:" << error;
+        if (m_failures.take())
+            qCWarning(lcRuvod) << "Failed to start a connection thread:" << error;
         m_threads.erase(thread);
         return false;
     }

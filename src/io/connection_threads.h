@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/capped_log.h"
 #include "common/slim_lock.h"
 #include "common/windows_handles.h"
 
@@ -53,6 +54,8 @@ private:
     std::list<Thread> m_threads;
     unsigned m_running = 0;
     unsigned m_idle = 0;
+    /// Each job that is posted while there is none to be had is one.
+    CappedLog m_failures{10, 100};
 };
 
 } // namespace ruvo

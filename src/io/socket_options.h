@@ -64,6 +64,19 @@ inline bool setNonBlocking(SOCKET socket)
     return ioctlsocket(socket, static_cast<long>(FIONBIO), &on) == 0;
 }
 
+/// From here on the socket sends to `peer` and takes datagrams of nobody else; what others have sent since it was
+/// bound is thrown away. It has to be non-blocking. False: WSAGetLastError tells why.
+inline bool connectDatagrams(SOCKET socket, const sockaddr_in &peer)
+{
+    if (connect(socket, reinterpret_cast<const sockaddr *>(&peer), sizeof(peer)) != 0)
+        return false;
+    char byte = 0;
+    while (recv(socket, &byte, sizeof(byte), 0) >= 0 || WSAGetLastError() == WSAEMSGSIZE) {
+        // The peer has not heard of this socket yet: these are strangers' datagrams, and no more of them come.
+    }
+    return true;
+}
+
 /// Closing it will answer whatever still comes with a reset, and throw away what has not gone out.
 inline void resetWhenClosed(SOCKET socket)
 {

@@ -35,26 +35,30 @@ void ClientConnection::setSocket(QLocalSocket *socket, quint32 sessionId)
         QMetaObject::invokeMethod(this, &ClientConnection::onSocketDisconnected, Qt::QueuedConnection);
 }
 
+void ClientConnection::setHeldBack(bool held)
+{
+    m_heldBack = held;
+    // What came meanwhile is not signalled again.
+    if (!held)
+        QMetaObject::invokeMethod(this, &ClientConnection::onDataReady, Qt::QueuedConnection);
+}
+
 void ClientConnection::onDataReady()
 {
-    // The handler of a message may run an event loop of its own. The client's next message waits for it, so that
-    // answers keep their order.
-    if (m_delivering)
-        return;
-    m_delivering = true;
-    do {
+    deliverMessages();
+    // Taken from the socket only once everything before it is delivered: else a client that is held back again and
+    // again would have its bytes collected here, instead of waiting with them.
+    while (!m_heldBack && m_socket->bytesAvailable() > 0) {
         m_readBuffer.append(m_socket->readAll());
         deliverMessages();
-        // The socket signals nothing of what came meanwhile: without another look it would wait for the next byte.
-    } while (!m_retired && m_socket->bytesAvailable() > 0);
-    m_delivering = false;
-    if (m_retired)
-        deleteLater();
+    }
+    if (m_isLeaving && !m_heldBack)
+        emit clientDisconnected(m_clientId);
 }
 
 void ClientConnection::deliverMessages()
 {
-    while (!m_retired) {
+    while (!m_heldBack) {
         const std::optional<QByteArray> payload = m_readBuffer.next();
         if (!payload)
             return;
@@ -63,6 +67,7 @@ void ClientConnection::deliverMessages()
         // The length was honoured, so the stream is still in step: whatever is no message is skipped.
         if (error.error != QJsonParseError::NoError || !document.isObject())
             continue;
+        m_messageSize = payload->size();
         emit messageReceived(m_clientId, document.object());
     }
 }
@@ -79,7 +84,8 @@ void ClientConnection::send(const QJsonObject &message)
                            << "does not read its messages, bytes unsent:" << m_socket->bytesToWrite()
                            << "- disconnecting";
         // Queued: whoever sends may be walking the clients that this would remove one from.
-        QMetaObject::invokeMethod(this, &ClientConnection::onSocketDisconnected, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this] { emit clientDisconnected(m_clientId); }, Qt::QueuedConnection);
     }
 }
 
@@ -91,21 +97,17 @@ void ClientConnection::disconnectQuietly()
         m_socket->disconnectFromServer();
 }
 
-void ClientConnection::retire()
-{
-    m_retired = true;
-    if (!m_delivering)
-        deleteLater();
-}
-
+// The last words first. A client that is held back leaves when it may be read again: what comes behind its departure
+// would be lost, and keeping it all here would take as much memory as it likes.
 void ClientConnection::onSocketDisconnected()
 {
-    emit clientDisconnected(m_clientId);
+    m_isLeaving = true;
+    onDataReady();
 }
 
 void ClientConnection::onSocketError(QLocalSocket::LocalSocketError)
 {
-    emit clientDisconnected(m_clientId);
+    onSocketDisconnected();
 }
 
 } // namespace ruvo

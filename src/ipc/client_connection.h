@@ -32,19 +32,23 @@ public:
     /// Writes one message; nothing if the client is gone. Delivery is left to the socket and the event loop.
     void send(const QJsonObject &message);
 
+    /// While a client is held back, nothing is read or delivered: what it sends waits in the pipe, with the client,
+    /// and so does its departure. Takes effect at once, also from within messageReceived; the end of it in the event
+    /// loop.
+    void setHeldBack(bool held);
+
     /// 1 to 16 lower-case hexadecimal digits; the client's key everywhere.
     QString clientId() const { return m_clientId; }
     /// 0 until setSocket.
     quint32 sessionId() const { return m_sessionId; }
+    /// The length of the last message that was delivered as it came, in bytes.
+    qsizetype messageSize() const { return m_messageSize; }
 
     /// Ends the connection from this side. No signal is emitted by this object from here on.
     void disconnectQuietly();
 
-    /// Delivers nothing more and deletes this object from the event loop, but not before the handler of a message
-    /// has returned that runs a loop of its own: both this object and the socket are still on the stack then.
-    void retire();
-
 signals:
+    /// Whoever receives this must not run an event loop of its own: this object and the socket are on the stack.
     void messageReceived(const QString &clientId, const QJsonObject &message);
     /// May be emitted more than once (an error is followed by a disconnect).
     void clientDisconnected(const QString &clientId);
@@ -62,8 +66,9 @@ private:
     QLocalSocket *m_socket = nullptr;
     FrameDecoder m_readBuffer;
     bool m_unsentLimitReached = false;
-    bool m_delivering = false;
-    bool m_retired = false;
+    qsizetype m_messageSize = 0;
+    bool m_heldBack = false;
+    bool m_isLeaving = false;
 };
 
 } // namespace ruvo

@@ -2,6 +2,7 @@
 
 #include "common/log_category.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace ruvo {
@@ -11,7 +12,7 @@ CommunicationServer::CommunicationServer(SessionLister listSessions, QObject *pa
 {
     connect(&m_heartbeatTimer, &QTimer::timeout, this, &CommunicationServer::checkHeartbeats);
     connect(&m_sessionPollTimer, &QTimer::timeout, this, &CommunicationServer::pollSessions);
-    armHeartbeatCheck(heartbeatCheckInterval);
+    armHeartbeatCheck(m_clock());
 }
 
 CommunicationServer::~CommunicationServer() = default;
@@ -36,7 +37,7 @@ void CommunicationServer::stop()
     m_heartbeatTimer.stop();
     for (ClientConnection *client : std::as_const(m_clients)) {
         client->disconnect(this);
-        client->retire();
+        client->deleteLater();
     }
     m_clients.clear();
     m_heartbeats.clear();
@@ -64,6 +65,18 @@ void CommunicationServer::updateHeartbeat(const QString &clientId)
 {
     if (const auto heartbeat = m_heartbeats.find(clientId); heartbeat != m_heartbeats.end())
         *heartbeat = m_clock();
+}
+
+void CommunicationServer::holdBack(const QString &clientId, bool held)
+{
+    if (ClientConnection *client = m_clients.value(clientId))
+        client->setHeldBack(held);
+}
+
+qsizetype CommunicationServer::messageSize(const QString &clientId) const
+{
+    const ClientConnection *client = m_clients.value(clientId);
+    return client ? client->messageSize() : 0;
 }
 
 // While connections come fast, QLocalServer accepts without returning to the event loop as long as they are taken
@@ -125,30 +138,42 @@ void CommunicationServer::onClientDisconnected(const QString &clientId)
     if (!client)
         return;
     const quint32 sessionId = client->sessionId();
-    client->retire();
+    client->deleteLater();
     m_heartbeats.remove(clientId);
     emit clientDisconnected(clientId, sessionId);
 }
 
-void CommunicationServer::armHeartbeatCheck(Milliseconds interval)
+void CommunicationServer::armHeartbeatCheck(Milliseconds now)
 {
-    m_heartbeatCheckDue = m_clock() + interval;
-    m_heartbeatTimer.start(interval);
+    m_heartbeatCheckDue = now + heartbeatCheckInterval;
+    m_heartbeatTimer.start(heartbeatCheckInterval);
+}
+
+// While the machine slept or the thread was busy nobody was heard, and the heartbeats of the first moments afterwards
+// may still wait unread. When that began is not known: at any moment since the check before this one. So the time
+// since then is granted in this check on top of the usual silence, which is what is returned; the next check, before
+// which everything has been read, judges as ever.
+CommunicationServer::Milliseconds CommunicationServer::forgiveLateness(Milliseconds now)
+{
+    const Milliseconds lateness = now - m_heartbeatCheckDue;
+    if (lateness <= heartbeatCheckTolerance)
+        return heartbeatTimeout;
+    for (Milliseconds &heartbeat : m_heartbeats)
+        heartbeat = std::min(heartbeat + lateness, now);
+    return heartbeatTimeout + heartbeatCheckInterval;
 }
 
 void CommunicationServer::checkHeartbeats()
 {
-    // After the thread was busy, heartbeats may wait unread in the sockets: they are read first.
-    if (m_clock() > m_heartbeatCheckDue + heartbeatCheckTolerance) {
-        armHeartbeatCheck(heartbeatCheckRetry);
-        return;
-    }
-    armHeartbeatCheck(heartbeatCheckInterval);
-
     const Milliseconds now = m_clock();
+    const Milliseconds allowed = forgiveLateness(now);
+    armHeartbeatCheck(now);
+
     QStringList silent;
-    for (auto heartbeat = m_heartbeats.cbegin(); heartbeat != m_heartbeats.cend(); ++heartbeat) {
-        if (now - heartbeat.value() > heartbeatTimeout)
+    for (auto heartbeat = m_heartbeats.begin(); heartbeat != m_heartbeats.end(); ++heartbeat) {
+        if (m_isBusy(heartbeat.key()))
+            *heartbeat = now; // its heartbeats may be among what waits
+        else if (now - heartbeat.value() > allowed)
             silent.append(heartbeat.key());
     }
     for (const QString &clientId : std::as_const(silent))
@@ -163,7 +188,7 @@ void CommunicationServer::timeOut(const QString &clientId)
     if (ClientConnection *client = m_clients.take(clientId)) {
         sessionId = client->sessionId();
         client->disconnectQuietly();
-        client->retire();
+        client->deleteLater();
     }
     m_heartbeats.remove(clientId);
     emit clientTimedOut(clientId, sessionId);
@@ -190,6 +215,14 @@ void CommunicationServer::removeInactiveSessions(const QList<quint32> &active)
     }
 }
 
+// Clients of a session stay when its pipe goes, and so do their instances of it. A connection that has left the
+// table holds its own until its deferred deletion.
+bool CommunicationServer::hasConnectionsOf(quint32 sessionId) const
+{
+    const auto connections = findChildren<ClientConnection *>(Qt::FindDirectChildrenOnly);
+    return std::ranges::any_of(connections, [sessionId](auto *client) { return client->sessionId() == sessionId; });
+}
+
 void CommunicationServer::serveSession(quint32 sessionId)
 {
     if (SessionServer *server = m_sessionServers.value(sessionId)) {
@@ -202,7 +235,8 @@ void CommunicationServer::serveSession(quint32 sessionId)
     qCInfo(lcRuvod) << "Creating pipe for new active session" << sessionId;
     auto *server =
         new SessionServer(sessionId, QStringLiteral(R"(\\.\pipe\%1-%2)").arg(m_serverName).arg(sessionId), this);
-    if (!server->start()) {
+    using Name = PipeAnchor::Name;
+    if (!server->start(hasConnectionsOf(sessionId) ? Name::inUse : Name::unused)) {
         delete server; // never listened, so nothing of it is in the event loop
         return;
     }

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <functional>
+#include <utility>
 
 namespace ruvo {
 
@@ -32,9 +33,8 @@ public:
     /// A client is timed out when strictly more than this has passed since its last heartbeat.
     static constexpr Milliseconds heartbeatTimeout{10000};
     static constexpr Milliseconds sessionPollInterval{3000};
-    /// A heartbeat check that comes later than this judges nobody, and repeats after `heartbeatCheckRetry`.
+    /// A heartbeat check that comes later than this counts as held up: see checkHeartbeats.
     static constexpr Milliseconds heartbeatCheckTolerance{1000};
-    static constexpr Milliseconds heartbeatCheckRetry{1000};
     /// Connections taken before the event loop has its turn again.
     static constexpr int maxAcceptsPerTurn = 16;
 
@@ -44,7 +44,7 @@ public:
 
     /// Opens the pipes "\\.\pipe\<serverName>-<session>" and starts polling for sessions. Always true, even
     /// when no pipe could be made: the poll tries again.
-    bool start(const QString &serverName);
+    virtual bool start(const QString &serverName);
     /// From now on whoever connects is dropped at once; connected clients are still served. For the shutdown.
     void refuseNewClients() { m_refusingNewClients = true; }
     /// Drops all clients (without disconnect signals), pipes and timers.
@@ -55,11 +55,19 @@ public:
     void broadcast(const QJsonObject &message);
     void updateHeartbeat(const QString &clientId);
 
+    /// Reads nothing more of this client for now, or goes on: see ClientConnection::setHeldBack.
+    void holdBack(const QString &clientId, bool held);
+    /// Inside of messageReceived: the length of that message as it came, in bytes. 0 for an unknown client.
+    qsizetype messageSize(const QString &clientId) const;
+    /// Who tells that requests of a client wait to be handled. Such a client is not judged by its heartbeats.
+    void setBusyClients(std::function<bool(const QString &clientId)> isBusy) { m_isBusy = std::move(isBusy); }
+
     qsizetype clientCount() const { return m_clients.size(); }
 
 signals:
     void clientConnected(const QString &clientId);
     void clientDisconnected(const QString &clientId, quint32 sessionId);
+    /// Whoever receives this must not run an event loop of its own.
     void messageReceived(const QString &clientId, const QJsonObject &message);
     /// Part of the interface; nothing emits it.
     void serverError(const QString &error);
@@ -69,17 +77,21 @@ public slots:
     void onNewConnection();
     void onClientMessage(const QString &clientId, const QJsonObject &message);
     void onClientDisconnected(const QString &clientId);
+    /// Times out who has been silent for too long. The time by which the check itself comes late (the machine slept,
+    /// or this thread was busy) is nobody's silence.
     void checkHeartbeats();
     void pollSessions();
 
 private:
     static Clock monotonicClock();
-    void armHeartbeatCheck(Milliseconds interval);
+    void armHeartbeatCheck(Milliseconds now);
+    Milliseconds forgiveLateness(Milliseconds now);
     void timeOut(const QString &clientId);
     void accept(SessionServer &server);
     void acceptPending(SessionServer &server);
     void removeInactiveSessions(const QList<quint32> &active);
     void serveSession(quint32 sessionId);
+    bool hasConnectionsOf(quint32 sessionId) const;
 
     const SessionLister m_listSessions;
     const Clock m_clock;
@@ -89,6 +101,7 @@ private:
     QHash<QString, Milliseconds> m_heartbeats;
     QTimer m_heartbeatTimer;
     Milliseconds m_heartbeatCheckDue{};
+    std::function<bool(const QString &clientId)> m_isBusy = [](const QString &) { return false; };
 
     bool m_refusingNewClients = false;
     int m_acceptedThisTurn = 0;

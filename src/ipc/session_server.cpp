@@ -44,7 +44,7 @@ bool SessionServer::isComplete() const
 
 // A client that connects and drops in the very instant in which its pipe instance is made fails the whole opening.
 // While many do, the next poll would only fail again.
-bool SessionServer::open(QString &error)
+bool SessionServer::listen(QString &error)
 {
     constexpr int attempts = 10;
     for (int attempt = 0; attempt < attempts; ++attempt) {
@@ -57,12 +57,26 @@ bool SessionServer::open(QString &error)
     return false;
 }
 
-bool SessionServer::start()
+// An anchor that is open stays when the server is opened again: until then the name is nobody else's. Without a
+// server it goes, as clients would wait at a pipe that is there and takes nobody.
+bool SessionServer::open(PipeAnchor::Name name, QString &error)
+{
+    if (!m_anchor.isOpen())
+        error = m_anchor.open(m_pipeName, name);
+    if (!m_anchor.isOpen())
+        return false;
+    if (listen(error))
+        return true;
+    m_anchor.close();
+    return false;
+}
+
+bool SessionServer::start(PipeAnchor::Name name)
 {
     if (isComplete())
         return true;
     QString error;
-    if (!open(error)) {
+    if (!open(name, error)) {
         qCWarning(lcRuvod) << "Failed to start named pipe for session" << m_sessionId << ":" << error;
         return false;
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ipc/pipe_anchor.h"
+
 #include <QLocalServer>
 #include <QObject>
 
@@ -17,8 +19,8 @@ public:
 
     /// Listens, open to every local user. True at once if it already listens as it should; a server that has
     /// lost a listener (see isComplete) is opened again. False (and a warning is logged) if the pipe cannot be
-    /// made.
-    bool start();
+    /// made, for example because somebody else has made one of that `name`.
+    bool start(PipeAnchor::Name name = PipeAnchor::Name::unused);
 
     quint32 sessionId() const { return m_sessionId; }
     QString pipeName() const { return m_pipeName; }
@@ -30,11 +32,13 @@ signals:
 
 private:
     void replaceServer();
-    bool open(QString &error);
+    bool open(PipeAnchor::Name name, QString &error);
+    bool listen(QString &error);
     bool isComplete() const;
 
     const quint32 m_sessionId;
     const QString m_pipeName;
+    PipeAnchor m_anchor;
     QLocalServer *m_server = nullptr;
 };
 

@@ -1,13 +1,8 @@
 #include "nat/relay_connector.h"
 
-#include "common/capped_log.h"
-#include "common/log_category.h"
 #include "io/socket_options.h"
-#include "nat/connect_log.h"
 #include "nat/direct_connect.h"
 #include "socks5/proxy_signs.h"
-
-#include <QString>
 
 #include <new>
 #include <variant>
@@ -93,8 +88,7 @@ void RelayConnector::findWayOut(const PendingClientPtr &client)
         return;
     client->route = *route;
     if (!setNonBlocking(client->socket())) {
-        const int error = WSAGetLastError();
-        qCWarning(lcRuvod) << "[TCP-NAT] Failed to make the client socket non-blocking:" << error;
+        m_log.clientBlocks(WSAGetLastError());
         forget(client);
     } else if (client->hasGone()) {
         forget(client);
@@ -118,9 +112,7 @@ bool RelayConnector::admit(const PendingClientPtr &client)
             return true;
         }
     }
-    static CappedLog s_refusals(5, 1000);
-    if (s_refusals.take())
-        qCWarning(lcRuvod) << "[TCP-NAT] Too many connections, refusing one";
+    m_log.tooMany();
     return false;
 }
 
@@ -145,12 +137,12 @@ void RelayConnector::begin(const PendingClientPtr &client, PortExchangePlan plan
 void RelayConnector::connectDirectly(const PendingClientPtr &client)
 {
     const Endpoint destination{client->route.address, client->route.port};
-    begin(client, directConnectPlan(destination, m_questions.physicalInterface()),
+    begin(client, directConnectPlan(destination, m_questions.physicalInterface(), m_log),
           [this, client, destination](PortExchange::Outcome outcome) {
               orForget(client, [&] {
                   if (outcome)
                       return startRelay(client, std::move(*outcome));
-                  logDirectFailure(outcome.error(), destination);
+                  m_log.directFailed(outcome.error(), destination);
                   forget(client);
               });
           });
@@ -171,9 +163,9 @@ void RelayConnector::askProxy(const PendingClientPtr &client, const socks5::Sock
     const bool byName = std::holds_alternative<socks5::NamedDestination>(request);
     std::optional<socks5::Bytes> bytes = socks5::requestBytes(request);
     if (!m_proxyAddress)
-        qCWarning(lcRuvod) << "Invalid proxy address:" << QString::fromStdWString(m_proxyHost);
+        m_log.noProxyAddress(m_proxyHost);
     else if (!bytes)
-        qCWarning(lcRuvod) << "Invalid domain name length";
+        m_log.nameTooLong();
     if (!m_proxyAddress || !bytes)
         return proxyRefused(client, byName);
     begin(client, {.peer = {*m_proxyAddress, client->route.proxyPort}, .request = std::move(bytes)},
@@ -182,7 +174,7 @@ void RelayConnector::askProxy(const PendingClientPtr &client, const socks5::Sock
               orForget(client, [&] {
                   if (outcome)
                       return startRelay(client, std::move(*outcome));
-                  logProxyFailure(outcome.error(), byName);
+                  m_log.proxyFailed(outcome.error(), byName);
                   proxyRefused(client, byName);
               });
           });
@@ -195,15 +187,14 @@ void RelayConnector::proxyRefused(const PendingClientPtr &client, bool byName)
         return forget(client);
     if (byName)
         return askProxy(client, Endpoint{client->route.address, client->route.port});
-    qCWarning(lcRuvod) << "[TCP-NAT] Failed to connect to SOCKS5 proxy";
+    m_log.proxyGivenUp();
     forget(client);
 }
 
 void RelayConnector::startRelay(const PendingClientPtr &client, EstablishedExchange destination)
 {
     if (!setNonBlocking(destination.socket.get())) {
-        const int error = WSAGetLastError();
-        qCWarning(lcRuvod) << "[TCP-NAT] Failed to make the destination socket non-blocking:" << error;
+        m_log.destinationBlocks(WSAGetLastError());
         return forget(client);
     }
     const std::uint64_t id = m_relays.nextId();

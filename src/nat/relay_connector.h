@@ -4,6 +4,7 @@
 #include "common/steady_clock.h"
 #include "common/windows_handles.h"
 #include "io/completion_port.h"
+#include "nat/connect_log.h"
 #include "nat/relay_table.h"
 #include "nat/tcp_nat_table.h"
 #include "socks5/port_exchange.h"
@@ -132,6 +133,7 @@ private:
     const Questions m_questions;
     const std::size_t m_limit;
     RelayTable m_relays;
+    ConnectLog m_log;
 
     mutable std::mutex m_mutex;
     /// Entered under the mutex.

@@ -1,7 +1,7 @@
 #include "nat/relay_session.h"
 
+#include "common/capped_log.h"
 #include "common/log_category.h"
-#include "io/short_pause.h"
 #include "io/socket_options.h"
 
 #include <utility>
@@ -13,8 +13,6 @@ namespace {
 constexpr DWORD bufferSize = 0x10000;
 /// So many chunks are relayed on the spot; then other relays have their turn.
 constexpr int maxChunksAtOnce = 16;
-/// After so many pauses in a row the rest goes out by itself, and the worker is free.
-constexpr int maxPauses = 10;
 
 /// How connections end every day.
 bool isSilent(int error)
@@ -80,7 +78,9 @@ bool RelaySession::associate(Side &side, const char *failure)
         return true;
     }
     const DWORD error = GetLastError();
-    qCWarning(lcRuvod) << failure << error;
+    static CappedLog s_failures(10, 100);
+    if (s_failures.take())
+        qCWarning(lcRuvod) << failure << error;
     return false;
 }
 
@@ -92,9 +92,7 @@ RelaySession::Direction &RelaySession::opposite(const Direction &direction)
 void RelaySession::receiveFrom(Direction &direction)
 {
     for (int chunks = 0;; ++chunks) {
-        // Nor does a worker wait several times in a row for one slow reader.
-        const bool isTurnOver = chunks >= maxChunksAtOnce || direction.pace == Pace::Delayed;
-        const std::optional<DWORD> bytes = postReceive(direction, isTurnOver);
+        const std::optional<DWORD> bytes = postReceive(direction, chunks >= maxChunksAtOnce);
         if (!bytes || !take(direction, *bytes))
             return;
     }
@@ -130,7 +128,8 @@ std::optional<DWORD> RelaySession::postReceive(Direction &direction, bool throug
     }
     if (issued.state == IssuedState::Done)
         return issued.bytes;
-    if (!isSilent(issued.error))
+    static CappedLog s_failures(10, 100);
+    if (!isSilent(issued.error) && s_failures.take())
         qCWarning(lcRuvod) << direction.receiveFailure << issued.error;
     close(Closing::Abortive);
     return std::nullopt;
@@ -159,26 +158,18 @@ bool RelaySession::take(Direction &direction, DWORD bytes)
     return forward(direction, bytes);
 }
 
+/// The whole chunk, as far as there is room for it at once: a worker that waited for slow readers would be missed by
+/// everybody else. True if the next receive is due.
 bool RelaySession::forward(Direction &direction, DWORD bytes)
 {
-    const bool wasStalled = direction.pace == Pace::Stalled;
-    direction.pace = Pace::Prompt;
     direction.rest = {.len = bytes, .buf = direction.buffer.get()};
-    for (int pauses = 0; direction.rest.len > 0;) {
+    while (direction.rest.len > 0) {
         const int sent =
             ::send(direction.to.socket.get(), direction.rest.buf, static_cast<int>(direction.rest.len), 0);
-        if (sent > 0) {
+        if (sent > 0)
             advance(direction.rest, static_cast<DWORD>(sent));
-            continue;
-        }
-        if (WSAGetLastError() != WSAEWOULDBLOCK)
-            return outlivesFailedSend(direction);
-        if (wasStalled || ++pauses > maxPauses) {
-            direction.pace = Pace::Stalled;
-            return sendRest(direction);
-        }
-        shortPause();
-        direction.pace = Pace::Delayed;
+        else
+            return WSAGetLastError() == WSAEWOULDBLOCK ? sendRest(direction) : outlivesFailedSend(direction);
     }
     return true;
 }

@@ -18,9 +18,10 @@ namespace ruvo {
 /// One accepted connection and its way out, joined byte for byte in both directions.
 ///
 /// Each direction takes turns: a receive of up to 64 KiB, then the whole of it to the other socket, then the next
-/// receive. So each socket has at most one receive and one send in flight, and a side that does not read holds up the
-/// other side, not a worker. Who finds the next bytes there already goes on with them on the spot, without the way
-/// through the completion port, up to a limit.
+/// receive. So each socket has at most one receive and one send in flight, and a side that reads slowly or not at all
+/// holds up the other side, not a worker: what its socket has no room for goes out by a send in flight. Who finds the
+/// next bytes there already goes on with them on the spot, without the way through the completion port, up to a
+/// limit.
 ///
 /// Handlers run on the port's workers (what is there at the start: on its thread), two at a time at most (one for
 /// each direction). m_mutex guards the issuing of operations against closing, and what one direction does to the
@@ -70,13 +71,6 @@ private:
                    ///< is read and dropped, by receives in flight or on the spot.
         Ended,     ///< Nothing comes any more, and the receiver knows.
     };
-    /// How the receiver took the last chunk.
-    enum class Pace {
-        Prompt,
-        Delayed, ///< It made the worker pause.
-        Stalled, ///< Pauses did not help: the rest went out by itself. The next chunk does not pause first.
-    };
-
     /// What comes from one connection and goes to the other.
     struct Direction
     {
@@ -94,7 +88,6 @@ private:
         /// How a failed receive is logged.
         const char *const receiveFailure;
         std::atomic<State> state = State::Relaying;
-        Pace pace = Pace::Prompt;
         std::atomic<std::uint64_t> received = 0;
         const PageBuffer<char> buffer;
         /// What of the chunk in the buffer has not gone out yet.

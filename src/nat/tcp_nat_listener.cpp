@@ -6,6 +6,7 @@
 #include "io/winsock_extension.h"
 
 #include <chrono>
+#include <new>
 #include <utility>
 
 namespace ruvo {
@@ -105,7 +106,8 @@ void TcpNatListener::postAccept()
     m_acceptSocket.reset(openSocket(SOCK_STREAM, IPPROTO_TCP));
     if (!m_acceptSocket) {
         const int error = WSAGetLastError();
-        qCCritical(lcRuvod) << "[TCP-NAT] Failed to create accept socket:" << error;
+        if (m_noAcceptSocket.take())
+            qCCritical(lcRuvod) << "[TCP-NAT] Failed to create accept socket:" << error;
         return;
     }
     const auto accept = [this](DWORD &received) {
@@ -117,7 +119,8 @@ void TcpNatListener::postAccept()
         m_completionPort->issue(m_acceptOperation, shared_from_this(), false, accept);
     if (issued.state == CompletionPort::Issued::State::Failed) {
         m_acceptSocket.reset();
-        qCWarning(lcRuvod) << "[TCP-NAT] AcceptEx failed:" << issued.error;
+        if (m_acceptRefused.take())
+            qCWarning(lcRuvod) << "[TCP-NAT] AcceptEx failed:" << issued.error;
     }
 }
 
@@ -139,16 +142,29 @@ void TcpNatListener::onAcceptCompleted(bool success)
             natPort = acceptedPort(client.get());
     }
     if (!success) {
-        qCWarning(lcRuvod) << "[TCP-NAT] AcceptEx completion failed";
+        if (m_acceptFailed.take())
+            qCWarning(lcRuvod) << "[TCP-NAT] AcceptEx completion failed";
         client.reset();
         postAccept();
         return;
     }
     // The next client does not wait for what is done about this one.
     postAccept();
-    if (const TcpNatSessionPtr session = m_table.accept(natPort))
+    handOver(std::move(client), natPort);
+}
+
+void TcpNatListener::handOver(Socket client, std::uint16_t natPort)
+{
+    TcpNatSessionPtr session;
+    try {
+        session = m_table.accept(natPort);
+    } catch (const std::bad_alloc &) {
+        resetWhenClosed(client.get()); // the end of this client only
+        return;
+    }
+    if (session)
         m_acceptCallback(std::move(client), session);
-    else
+    else if (m_noSession.take())
         qCWarning(lcRuvod) << "[TCP-NAT] No NAT session for NAT port" << natPort;
 }
 

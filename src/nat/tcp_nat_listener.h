@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/capped_log.h"
 #include "common/windows_handles.h"
 #include "io/completion_port.h"
 #include "nat/tcp_nat_table.h"
@@ -33,8 +34,8 @@ public:
     /// Failures are logged as critical, and leave nothing behind.
     bool initialize(std::uint32_t listenAddress, std::uint16_t requestedPort, CompletionPort &completionPort,
                     AcceptCallback acceptCallback, std::uint16_t &outPort);
-    /// No client is accepted from now on, and those that still arrive are closed. Before shutdown, which may come
-    /// later.
+    /// From now on no accept is issued, and the client that the outstanding one still takes is closed; others wait
+    /// in the backlog until shutdown closes the listener. Before shutdown, which may come later.
     void stopAccepting();
     /// The sockets are closed and the table emptied for good. Once.
     void shutdown();
@@ -56,6 +57,7 @@ private:
     void postAccept();
     void onAccepted(DWORD, DWORD error) { onAcceptCompleted(error == NO_ERROR); }
     std::uint16_t acceptedPort(SOCKET client);
+    void handOver(Socket client, std::uint16_t natPort);
 
     TcpNatTable m_table;
     std::uint32_t m_listenAddress = 0;
@@ -71,6 +73,12 @@ private:
     Socket m_acceptSocket;
     std::array<char, 2 * addressRoom> m_addresses;
     MemberOperation<&TcpNatListener::onAccepted> m_acceptOperation{*this};
+
+    // Any program can connect to the listener any number of times.
+    CappedLog m_noAcceptSocket{10, 100};
+    CappedLog m_acceptRefused{10, 100};
+    CappedLog m_acceptFailed{10, 100};
+    CappedLog m_noSession{10, 100};
 };
 
 } // namespace ruvo

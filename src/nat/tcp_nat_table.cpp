@@ -19,10 +19,11 @@ std::uint16_t TcpNatTable::allocateNatPort(const FlowKey &flow)
         return 0;
     const SteadyTime now = m_clock();
     const TcpNatSessionPtr session(new TcpNatSession{flow, natPort, now});
+    m_opened.push_back({natPort, now});
+    m_byClient.insert_or_assign(flow, session);
+    // Last: without memory for the others the port stays free.
     m_byNatPort[natPort] = session;
     ++m_portsInUse;
-    m_byClient.insert_or_assign(flow, session);
-    m_opened.push_back({natPort, now});
     return natPort;
 }
 

@@ -39,6 +39,13 @@ void logFailure(const socks5::SocksFailure &failure)
     }
 }
 
+/// The association still stands after these. The refusals are those of datagrams before this one: keeping them from
+/// the receives does not keep them from the sends everywhere.
+bool isLossOfOneDatagram(int error)
+{
+    return error == WSAEWOULDBLOCK || error == WSAECONNRESET || error == WSAECONNREFUSED;
+}
+
 /// Winsock has one structure for both directions; what is sent from it is only read.
 WSABUF sendBuffer(std::span<const std::uint8_t> bytes)
 {
@@ -55,6 +62,13 @@ UdpNatSession::UdpNatSession(const FlowKey &key, const Endpoint &target, std::ui
     , m_header(socks5::udpHeader(target.address, target.port))
     , m_buffer(makePageBuffer<std::uint8_t>(bufferSize))
 {}
+
+UdpNatSession::~UdpNatSession()
+{
+    // Nothing is on its way, and thousands of flows leave no port in TIME_WAIT behind.
+    if (m_control)
+        resetWhenClosed(m_control.get());
+}
 
 bool UdpNatSession::open(const std::wstring &proxyHost, HANDLE stopEvent, CompletionPort &completionPort)
 {
@@ -106,6 +120,12 @@ bool UdpNatSession::openUdpSocket(CompletionPort &completionPort)
         qCWarning(lcRuvod) << "[UDP-NAT] Failed to bind UDP socket:" << error;
         return false;
     }
+    // Whoever finds the port could answer in the relay's place otherwise.
+    if (!setNonBlocking(m_udp.get()) || !connectDatagrams(m_udp.get(), m_relay)) {
+        const int error = WSAGetLastError();
+        qCWarning(lcRuvod) << "[UDP-NAT] Failed to connect UDP socket:" << error;
+        return false;
+    }
     keepReceivingAfterRefusals(m_udp.get());
     if (!completionPort.associate(m_udp.get(), CompletionKey::UdpNatReceive)
         || !completionPort.associate(m_control.get(), CompletionKey::UdpNatReceive)) {
@@ -130,12 +150,9 @@ void UdpNatSession::postReceive()
     if (m_closed || m_receivePending.exchange(true))
         return;
     const auto receive = [this](DWORD &) {
-        m_senderSize = sizeof(m_sender);
         WSABUF room{.len = bufferSize, .buf = reinterpret_cast<char *>(m_buffer.get())};
         DWORD flags = 0;
-        return WSARecvFrom(m_udp.get(), &room, 1, nullptr, &flags, reinterpret_cast<sockaddr *>(&m_sender),
-                           &m_senderSize, &m_receive, nullptr)
-               == 0;
+        return WSARecvFrom(m_udp.get(), &room, 1, nullptr, &flags, nullptr, nullptr, &m_receive, nullptr) == 0;
     };
     const CompletionPort::Issued issued = m_completionPort->issue(m_receive, shared_from_this(), false, receive);
     if (issued.state == CompletionPort::Issued::State::Failed) {
@@ -188,12 +205,11 @@ bool UdpNatSession::send(std::span<const std::uint8_t> payload)
     // Header and payload in one datagram, without putting them into one buffer first.
     WSABUF parts[] = {sendBuffer(m_header), sendBuffer(payload)};
     DWORD sent = 0;
-    if (WSASendTo(m_udp.get(), parts, 2, &sent, 0, reinterpret_cast<const sockaddr *>(&m_relay), sizeof(m_relay),
-                  nullptr, nullptr)
-        == 0) {
+    if (WSASend(m_udp.get(), parts, 2, &sent, 0, nullptr, nullptr) == 0)
         return true;
-    }
     const int error = WSAGetLastError();
+    if (isLossOfOneDatagram(error))
+        return true;
     qCWarning(lcRuvod) << "[UDP-NAT] Failed to send to relay:" << error;
     return false;
 }

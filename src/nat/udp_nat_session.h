@@ -35,6 +35,9 @@ public:
 
     /// `target` is where the proxy shall send; `socksPort` the inbound that it is asked on.
     UdpNatSession(const FlowKey &key, const Endpoint &target, std::uint16_t socksPort);
+    ~UdpNatSession();
+    UdpNatSession(const UdpNatSession &) = delete;
+    UdpNatSession &operator=(const UdpNatSession &) = delete;
 
     const FlowKey &key() const { return m_key; }
     const Endpoint &target() const { return m_target; }
@@ -47,7 +50,8 @@ public:
     const std::optional<ProxySighting> &proxySighting() const { return m_proxySighting; }
     /// From here on answers come, and the end of the control connection makes the session inactive.
     void startReceiving(CompletionPort &completionPort, AnswerCallback answer);
-    /// False, and logged, if the datagram cannot be sent.
+    /// False, and logged, if the datagram cannot be sent. One that the socket has no room for, or that hears of an
+    /// earlier one's refusal, is lost as datagrams are.
     bool send(std::span<const std::uint8_t> payload);
     /// Nothing is received any more.
     void close();
@@ -86,8 +90,6 @@ private:
     std::atomic<bool> m_receivePending = false;
     MemberOperation<&UdpNatSession::onReceived> m_receive{*this};
     const PageBuffer<std::uint8_t> m_buffer;
-    sockaddr_in m_sender{};
-    int m_senderSize = sizeof(m_sender);
     /// Completes when the control connection ends.
     MemberOperation<&UdpNatSession::onControlReceived> m_controlWatch{*this};
     char m_controlByte = 0;

@@ -1,7 +1,9 @@
 #include "netcfg/wintun_adapter.h"
 
 #include "common/log_category.h"
+#include "io/precise_pause.h"
 #include "netcfg/adapter_guid.h"
+#include "netcfg/second_look.h"
 
 #include <QString>
 
@@ -11,6 +13,8 @@
 namespace ruvo {
 
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr int sendAttempts = 50;
 
@@ -128,9 +132,11 @@ void WintunAdapter::stopReading()
 void WintunAdapter::readPackets()
 {
     const HANDLE handles[] = {m_library.getReadWaitEvent(m_session.get()), m_quitEvent.get()};
+    SecondLook secondLook;
     while (m_running) {
         DWORD size = 0;
         if (BYTE *packet = m_library.receivePacket(m_session.get(), &size)) {
+            secondLook.tookPacket();
             if (m_packetCallback)
                 m_packetCallback(packet, size);
             m_library.releaseReceivePacket(m_session.get(), packet);
@@ -138,6 +144,10 @@ void WintunAdapter::readPackets()
         }
         const DWORD error = GetLastError();
         if (error == ERROR_NO_MORE_ITEMS) {
+            if (secondLook.looksAgain(steadyNow())) {
+                YieldProcessor();
+                continue;
+            }
             if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0)
                 break;
         } else {
@@ -176,7 +186,8 @@ void WintunAdapter::sendCopy(std::uint8_t *packet, const std::uint8_t *data, std
 WintunAdapter::Allocation WintunAdapter::tryAllocate(std::uint32_t size)
 {
     if (!m_session) {
-        qCWarning(lcRuvod) << "[WINTUN-SEND] No session!";
+        if (m_noSession.take())
+            qCWarning(lcRuvod) << "[WINTUN-SEND] No session!";
         return {};
     }
     if (BYTE *packet = m_library.allocateSendPacket(m_session.get(), size))
@@ -184,7 +195,8 @@ WintunAdapter::Allocation WintunAdapter::tryAllocate(std::uint32_t size)
     const DWORD error = GetLastError();
     if (error == ERROR_BUFFER_OVERFLOW || error == ERROR_HANDLE_EOF)
         return {.isFull = true};
-    qCWarning(lcRuvod) << "Failed to allocate send packet:" << error;
+    if (m_allocationFailed.take())
+        qCWarning(lcRuvod) << "Failed to allocate send packet:" << error;
     return {};
 }
 
@@ -195,12 +207,14 @@ std::uint8_t *WintunAdapter::allocatePacket(std::uint32_t size)
         if (!allocation.isFull)
             return allocation.packet;
         if (attempt >= sendAttempts - 1) {
-            qCWarning(lcRuvod) << "[WINTUN] Send buffer full after" << sendAttempts
-                               << "retries, dropping packet size=" << size;
+            if (m_ringFull.take()) {
+                qCWarning(lcRuvod) << "[WINTUN] Send buffer full after" << sendAttempts
+                                   << "retries, dropping packet size=" << size;
+            }
             return nullptr;
         }
         if (attempt > 0) // the first time at once: the ring is drained quickly
-            Sleep(attempt == 1 ? 1 : 2);
+            precisePause(attempt == 1 ? 1ms : 2ms);
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/capped_log.h"
 #include "common/windows_handles.h"
 #include "netcfg/wintun_handles.h"
 #include "netcfg/wintun_library.h"
@@ -104,6 +105,11 @@ private:
     std::atomic<bool> m_running = false;
     std::atomic<bool> m_reading = false;
     std::thread m_readerThread;
+
+    // Written for a packet each, so capped.
+    CappedLog m_noSession{10, 1000};
+    CappedLog m_allocationFailed{10, 1000};
+    CappedLog m_ringFull{10, 1000};
 };
 
 } // namespace ruvo

@@ -57,8 +57,6 @@ ManagedProcess::ManagedProcess(const QString &processId, QObject *parent) : QObj
 
 ManagedProcess::~ManagedProcess()
 {
-    if (m_monitorWorker)
-        m_monitorWorker->stopMonitoring();
     stopWorkers(destructorJoinTimeout);
     if (!m_launch)
         return;
@@ -94,11 +92,6 @@ void ManagedProcess::adopt(LaunchContextPointer launch)
     m_launch = std::move(launch);
     m_latestLaunch = m_launch;
     m_stdinWriter = std::make_unique<StdinWriter>(m_launch);
-    m_info.processHandle = m_launch->process.get();
-    m_info.threadHandle = m_launch->thread.get();
-    m_info.stdinWrite = m_launch->stdinWrite.get();
-    m_info.stdoutRead = m_launch->stdoutRead.get();
-    m_info.stderrRead = m_launch->stderrRead.get();
     m_info.pid = m_launch->pid;
     m_info.state = QProcess::Running;
     m_info.startTime = QDateTime::currentDateTime();
@@ -145,7 +138,7 @@ void ManagedProcess::stop(int timeoutMs)
                      << m_info.pid;
     if (!sendCtrlC()) {
         qCWarning(lcRuvod) << "[ManagedProcess::stop] Failed to send Ctrl+C to process" << processId()
-                           << ", killing immediately (handle:" << (m_info.processHandle ? "valid" : "null") << ")";
+                           << ", killing immediately (handle:" << (m_launch->process ? "valid" : "null") << ")";
         terminateForcefully();
         return;
     }
@@ -185,8 +178,7 @@ void ManagedProcess::terminateForcefully()
     }
     qCInfo(lcRuvod) << "[ProcessManager] Forcefully terminating process" << processId() << "with PID" << m_info.pid;
     // Before the child ends: the monitor must not take this for an exit, which would be reported and restarted.
-    if (m_monitorWorker && !m_launch->hasExited())
-        m_monitorWorker->stopMonitoring();
+    stopMonitor();
     if (TerminateProcess(m_launch->process.get(), 1)) {
         qCInfo(lcRuvod) << "[ProcessManager] TerminateProcess succeeded for" << processId();
     } else {
@@ -285,15 +277,19 @@ void ManagedProcess::attemptRestart()
     qCWarning(lcRuvod) << "[ProcessManager] Process" << processId() << "exceeded max restart attempts ("
                        << m_info.maxRestartAttempts << "), giving up";
     m_info.state = QProcess::NotRunning;
-    m_info.processHandle = nullptr;
     emit processFinished(processId(), -1);
+}
+
+// A child that has exited by itself is still reported: its monitor is about to do that, and ends.
+void ManagedProcess::stopMonitor()
+{
+    if (m_monitorWorker && !m_launch->hasExited())
+        m_monitorWorker->stopMonitoring();
 }
 
 void ManagedProcess::stopWorkers(unsigned long joinTimeoutMs)
 {
-    // A child that has exited by itself is still reported: its monitor is about to do that, and ends.
-    if (m_monitorWorker && !m_launch->hasExited())
-        m_monitorWorker->stopMonitoring();
+    stopMonitor();
     joinWorker(m_monitorThread, m_monitorWorker, joinTimeoutMs);
     if (m_ioWorker)
         m_ioWorker->stopReading();
@@ -307,18 +303,21 @@ void ManagedProcess::releaseResources()
     stopWorkers(releaseJoinTimeout);
     m_stdinWriter.reset();
     m_launch.reset(); // the last owner, unless a thread had to be left behind: closes the run's handles
-    m_info.stdinWrite = nullptr;
-    m_info.stdoutRead = nullptr;
-    m_info.stderrRead = nullptr;
-    m_info.processHandle = nullptr;
-    m_info.threadHandle = nullptr;
     m_info.pid = -1;
     m_info.state = QProcess::NotRunning;
 }
 
 ProcessInfo ManagedProcess::info() const
 {
-    return m_info;
+    ProcessInfo info = m_info;
+    if (m_launch) {
+        info.processHandle = m_launch->process.get();
+        info.threadHandle = m_launch->thread.get();
+        info.stdinWrite = m_launch->stdinWrite.get();
+        info.stdoutRead = m_launch->stdoutRead.get();
+        info.stderrRead = m_launch->stderrRead.get();
+    }
+    return info;
 }
 
 bool ManagedProcess::isRunning() const

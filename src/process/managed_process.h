@@ -49,6 +49,9 @@ public:
 
     ProcessInfo info() const;
     bool isRunning() const;
+    /// Whether something may still come of this object: there is a run whose end has not been handled, or a restart
+    /// is pending.
+    bool isAlive() const { return !m_retired && (m_launch || m_restartTimer.isActive()); }
 
 public slots:
     void stopKillTimer();
@@ -77,11 +80,12 @@ private:
     void startMonitor();
     void startReader();
     void releaseResources();
+    void stopMonitor();
     void stopWorkers(unsigned long joinTimeoutMs);
     void finishOrRestart(int exitCode);
     QString processId() const { return m_info.processId; }
 
-    ProcessInfo m_info;
+    ProcessInfo m_info; // its handles stay null: info() takes them from the run
     QProcess m_process{this};
     QTimer m_killTimer{this};
     QTimer m_restartTimer{this};

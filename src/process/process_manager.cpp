@@ -2,12 +2,13 @@
 
 #include "common/log_category.h"
 #include "process/managed_process.h"
-#include "process/process_objects.h"
+#include "process/process_messages.h"
 #include "process/process_specification.h"
 #include "process/tun_companion.h"
 
 #include <QEventLoop>
 #include <QJsonArray>
+#include <QPointer>
 
 #include <utility>
 
@@ -73,8 +74,10 @@ QJsonObject ProcessManager::startProcess(const QJsonObject &spec)
     }
     m_processes.insert(processId, process);
     if (const std::optional<TunDnsOverride> dns = tunDnsOverride(spec)) {
-        QTimer::singleShot(dnsOverrideDelay, m_tunCompanion, [companion = m_tunCompanion, dns = *dns] {
-            companion->configureInterfaceDns(dns.address, dns.interfaceName);
+        const auto isWanted = [guard = QPointer(process)] { return guard && guard->isAlive(); };
+        QTimer::singleShot(dnsOverrideDelay, m_tunCompanion, [companion = m_tunCompanion, dns = *dns, isWanted] {
+            if (isWanted())
+                companion->configureInterfaceDns(dns.address, dns.interfaceName, isWanted);
         });
     }
     return createStatusResponse("started", "Process started successfully");

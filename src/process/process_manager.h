@@ -1,6 +1,6 @@
 #pragma once
 
-#include "process/output_buffers.h"
+#include "process/output_collector.h"
 
 #include <QHash>
 #include <QJsonObject>
@@ -22,7 +22,8 @@ class ProcessManager : public QObject
 
 public:
     explicit ProcessManager(QObject *parent = nullptr);
-    /// Does not stop the children gracefully: stopAll comes first.
+    /// Asks children that still run to end (Ctrl+C) and lets go of them; stopAll, which waits and terminates, comes
+    /// first.
     ~ProcessManager() override;
 
     QJsonObject startProcess(const QJsonObject &spec);

@@ -4,6 +4,7 @@
 
 #include <QDeadlineTimer>
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -15,22 +16,54 @@ namespace {
 
 constexpr DWORD cancelInterval = 10; // ms
 constexpr qint64 joinTimeout = 2000; // ms
+/// What a request takes besides its bytes: their header, its place in the queue and the heap's share.
+constexpr qsizetype requestOverhead = 64;
 
 } // namespace
 
 /// Shared with the thread, which may outlive the writer.
 struct StdinWriter::Queue
 {
+    struct Request
+    {
+        QByteArray bytes;
+        /// Memory that it takes while it waits.
+        qsizetype cost = 0;
+    };
+    enum class Added {
+        Waiting,
+        Refused,
+        RefusedAgain, // and still no room: said already
+        Stopped,
+    };
+
     explicit Queue(LaunchContextPointer owner) : launch(std::move(owner)) {}
 
     const LaunchContextPointer launch;
     std::mutex mutex;
     std::condition_variable changed;
-    std::deque<QByteArray> requests;
+    std::deque<Request> requests;
     qsizetype waitingBytes = 0;
+    bool refusing = false;
     bool stopped = false;
 
-    bool take(QByteArray &request)
+    Added add(const QByteArray &bytes)
+    {
+        const qsizetype cost = std::max(bytes.size(), bytes.capacity()) + requestOverhead;
+        const std::lock_guard lock(mutex);
+        if (stopped)
+            return Added::Stopped;
+        if (waitingBytes + cost > maxWaitingBytes)
+            return std::exchange(refusing, true) ? Added::RefusedAgain : Added::Refused;
+        // Half of it, as a child that reads a byte now and then would make room for a refusal each time.
+        if (waitingBytes <= maxWaitingBytes / 2)
+            refusing = false;
+        requests.push_back({bytes, cost});
+        waitingBytes += cost;
+        return Added::Waiting;
+    }
+
+    bool take(Request &request)
     {
         std::unique_lock lock(mutex);
         changed.wait(lock, [this] { return stopped || !requests.empty(); });
@@ -41,23 +74,23 @@ struct StdinWriter::Queue
         return true;
     }
 
-    void written(qsizetype size)
+    void written(const Request &request)
     {
         const std::lock_guard lock(mutex);
-        waitingBytes -= size;
+        waitingBytes -= request.cost;
     }
 
     static DWORD WINAPI run(LPVOID parameter)
     {
         const std::unique_ptr<std::shared_ptr<Queue>> own(static_cast<std::shared_ptr<Queue> *>(parameter));
         Queue &queue = **own;
-        QByteArray request;
+        Request request;
         while (queue.take(request)) {
             DWORD written = 0;
             // What became of it is not examined: the exit of the child is what counts.
-            WriteFile(queue.launch->stdinWrite.get(), request.constData(), static_cast<DWORD>(request.size()),
-                      &written, nullptr);
-            queue.written(request.size());
+            WriteFile(queue.launch->stdinWrite.get(), request.bytes.constData(),
+                      static_cast<DWORD>(request.bytes.size()), &written, nullptr);
+            queue.written(request);
         }
         return 0;
     }
@@ -72,17 +105,16 @@ StdinWriter::~StdinWriter()
 
 void StdinWriter::write(const QByteArray &bytes)
 {
-    {
-        const std::lock_guard lock(m_queue->mutex);
-        if (m_queue->stopped)
-            return;
-        if (m_queue->waitingBytes + bytes.size() > maxWaitingBytes) {
-            qCWarning(lcRuvod) << "[ProcessManager] Standard input of PID" << m_queue->launch->pid
-                               << "is not read, dropping bytes:" << bytes.size();
-            return;
-        }
-        m_queue->requests.push_back(bytes);
-        m_queue->waitingBytes += bytes.size();
+    if (bytes.isEmpty()) // a write of nothing reads as the end of the input
+        return;
+    switch (m_queue->add(bytes)) {
+    case Queue::Added::Waiting: break;
+    case Queue::Added::Refused:
+        qCWarning(lcRuvod) << "[ProcessManager] Standard input of PID" << m_queue->launch->pid
+                           << "is not read, dropping bytes:" << bytes.size();
+        return;
+    case Queue::Added::RefusedAgain:
+    case Queue::Added::Stopped: return;
     }
     m_queue->changed.notify_one();
     if (m_thread)

@@ -15,7 +15,8 @@ namespace ruvo {
 class StdinWriter
 {
 public:
-    /// What may wait for the child, in bytes. Requests beyond it are dropped with a warning.
+    /// What may wait for the child, in bytes: the memory that the requests take and 64 bytes for each. What would go
+    /// beyond it is dropped, with one warning until half of it is free again.
     static constexpr qsizetype maxWaitingBytes = 16 * 1024 * 1024;
 
     explicit StdinWriter(LaunchContextPointer launch);
@@ -24,7 +25,7 @@ public:
     StdinWriter(const StdinWriter &) = delete;
     StdinWriter &operator=(const StdinWriter &) = delete;
 
-    /// Nothing is written any more after stop().
+    /// Nothing is written any more after stop(). An empty request is none: the child would read it as the end.
     void write(const QByteArray &bytes);
     /// Drops what waits, ends a write that blocks, and joins the thread. After 2 s the thread is left behind, with
     /// a warning; it keeps the run's handles.

@@ -6,10 +6,10 @@
 #include "netcfg/network_adapters.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QProcess>
 #include <QThread>
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -18,7 +18,6 @@ namespace ruvo {
 
 namespace {
 
-constexpr int interfaceTimeout = 10000;     // ms
 constexpr unsigned long pollInterval = 200; // ms
 constexpr int pnputilTimeout = 5000;        // ms
 constexpr int pnputilKillTimeout = 1000;    // ms
@@ -77,7 +76,7 @@ void writeNameServer(const QString &guid, const QString &address, const QString 
 
 } // namespace
 
-TunCompanion::TunCompanion(QObject *parent) : QObject(parent) {}
+TunCompanion::TunCompanion(QObject *parent, int dnsTimeoutMs) : QObject(parent), m_dnsTimeout(dnsTimeoutMs) {}
 
 QString TunCompanion::getInterfaceGuid(const QString &interfaceName)
 {
@@ -122,11 +121,20 @@ void TunCompanion::cleanupTunInterface(const QString &adapterName)
 
 bool TunCompanion::waitForInterfaceUp(const QString &interfaceName, int timeoutMs)
 {
+    return wait(interfaceName, timeoutMs, [] { return false; }) == Outcome::Up;
+}
+
+TunCompanion::Outcome TunCompanion::wait(const QString &interfaceName, int timeoutMs,
+                                         const std::function<bool()> &isOver)
+{
     qCInfo(lcRuvod) << "[ProcessManager] Waiting for interface" << interfaceName << "to be UP (max" << timeoutMs
                     << "ms)";
     QElapsedTimer elapsed;
     elapsed.start();
-    while (elapsed.elapsed() < timeoutMs && !quitRequested()) {
+    // However little time there is, it is enough for one look.
+    for (bool looked = false; timeoutMs > 0 && (!looked || elapsed.elapsed() < timeoutMs); looked = true) {
+        if (quitRequested() || isOver())
+            return Outcome::GivenUp;
         const NetworkAdapters adapters;
         if (adapters.failure() == NetworkAdapters::Failure::Size) {
             QThread::msleep(pollInterval);
@@ -137,42 +145,55 @@ bool TunCompanion::waitForInterfaceUp(const QString &interfaceName, int timeoutM
         if (adapter && adapter->OperStatus == IfOperStatusUp) {
             qCInfo(lcRuvod) << "[ProcessManager] Interface" << interfaceName << "is UP after" << elapsed.elapsed()
                             << "ms";
-            return true;
+            return Outcome::Up;
         }
         QCoreApplication::processEvents();
         QThread::msleep(pollInterval);
     }
-    if (quitRequested()) // of no interest any more, and not timed out
-        return false;
+    if (quitRequested() || isOver()) // of no interest any more, and not timed out
+        return Outcome::GivenUp;
     qCWarning(lcRuvod) << "[ProcessManager] Interface" << interfaceName << "not UP after" << elapsed.elapsed()
                        << "ms (timeout:" << timeoutMs << "ms)";
-    return false;
+    return Outcome::TimedOut;
 }
 
 // The event loop runs within a wait, and may bring the next request: waiting within the wait would hold up the
 // first until the last is done.
-void TunCompanion::configureInterfaceDns(const QString &address, const QString &interfaceName)
+void TunCompanion::configureInterfaceDns(const QString &address, const QString &interfaceName,
+                                         const std::function<bool()> &isWanted)
 {
-    m_waiting.enqueue({address, interfaceName});
-    if (m_configuring)
+    m_waiting.removeIf([&](const DnsWait &older) { return older.interfaceName == interfaceName; });
+    if (m_current && m_current->interfaceName == interfaceName)
+        m_current->replaced = true;
+    DnsWait arriving{address, interfaceName, isWanted};
+    arriving.since.start();
+    if (m_current) {
+        m_waiting.enqueue(arriving);
         return;
-    m_configuring = true;
-    while (!m_waiting.isEmpty() && !quitRequested()) {
-        const auto [nextAddress, nextInterface] = m_waiting.dequeue();
-        configureDnsNow(nextAddress, nextInterface);
     }
-    m_configuring = false;
+    m_current = arriving;
+    configureDnsNow(m_dnsTimeout);
+    while (!m_waiting.isEmpty() && !quitRequested()) {
+        m_current = m_waiting.dequeue();
+        const qint64 left = m_dnsTimeout - m_current->since.elapsed();
+        configureDnsNow(static_cast<int>(std::max<qint64>(1, left)));
+    }
+    m_current.reset();
 }
 
-void TunCompanion::configureDnsNow(const QString &address, const QString &interfaceName)
+void TunCompanion::configureDnsNow(int timeoutMs)
 {
-    qCInfo(lcRuvod) << "[ProcessManager] Configuring DNS for interface" << interfaceName << "to" << address;
-    const bool up = waitForInterfaceUp(interfaceName, interfaceTimeout);
-    if (!up && quitRequested())
+    if (m_current->isOver())
         return;
-    if (!up) {
+    const QString address = m_current->address;
+    const QString interfaceName = m_current->interfaceName;
+    qCInfo(lcRuvod) << "[ProcessManager] Configuring DNS for interface" << interfaceName << "to" << address;
+    switch (wait(interfaceName, timeoutMs, [this] { return m_current->isOver(); })) {
+    case Outcome::Up: break;
+    case Outcome::TimedOut:
         qCWarning(lcRuvod) << "[ProcessManager] Cannot set DNS - interface" << interfaceName << "not found";
         return;
+    case Outcome::GivenUp: return;
     }
     const QString guid = getInterfaceGuid(interfaceName);
     if (guid.isEmpty()) {

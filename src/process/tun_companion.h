@@ -1,10 +1,12 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QQueue>
 #include <QString>
 
-#include <utility>
+#include <functional>
+#include <optional>
 
 namespace ruvo {
 
@@ -18,23 +20,48 @@ class TunCompanion : public QObject
     Q_OBJECT
 
 public:
-    explicit TunCompanion(QObject *parent = nullptr);
+    static constexpr int interfaceTimeout = 10000; // ms
+
+    /// `dnsTimeoutMs` is what configureInterfaceDns waits for an adapter.
+    explicit TunCompanion(QObject *parent = nullptr, int dnsTimeoutMs = interfaceTimeout);
 
     /// Removes the Wintun device of the adapter with this name, if there is one, with pnputil.
     void cleanupTunInterface(const QString &adapterName);
-    /// Waits for the adapter and writes `address` as its DNS server, as it was received. Waits run one after the
-    /// other: while one runs, the next are queued.
-    void configureInterfaceDns(const QString &address, const QString &interfaceName);
+    /// Waits for the adapter and writes `address` as its DNS server, as it was received.
+    ///
+    /// Waits run one after the other: while one runs, the next are queued. Each has its time from its arrival on, and
+    /// one look at least. A newer one for the same interface replaces one that waits, and one that is no longer
+    /// wanted (asked between looks; always wanted without `isWanted`) is given up; neither says a word.
+    void configureInterfaceDns(const QString &address, const QString &interfaceName,
+                               const std::function<bool()> &isWanted = {});
     /// False after `timeoutMs`, and without a word once the daemon is quitting. Runs the event loop.
     bool waitForInterfaceUp(const QString &interfaceName, int timeoutMs);
     /// Without braces; empty if there is no such adapter.
     QString getInterfaceGuid(const QString &interfaceName);
 
 private:
-    void configureDnsNow(const QString &address, const QString &interfaceName);
+    struct DnsWait
+    {
+        QString address;
+        QString interfaceName;
+        std::function<bool()> isWanted;
+        QElapsedTimer since{};
+        bool replaced = false;
 
-    bool m_configuring = false;
-    QQueue<std::pair<QString, QString>> m_waiting; // address, interface
+        bool isOver() const { return replaced || (isWanted && !isWanted()); }
+    };
+    enum class Outcome {
+        Up,
+        TimedOut,
+        GivenUp,
+    };
+
+    void configureDnsNow(int timeoutMs);
+    Outcome wait(const QString &interfaceName, int timeoutMs, const std::function<bool()> &isOver);
+
+    const int m_dnsTimeout; // ms
+    std::optional<DnsWait> m_current;
+    QQueue<DnsWait> m_waiting; // one for each interface at most
 };
 
 } // namespace ruvo

@@ -1,6 +1,5 @@
 #include "tun/packet_dispatcher.h"
 
-#include "common/capped_log.h"
 #include "common/dns_redirect.h"
 #include "common/ipv4.h"
 #include "common/log_category.h"
@@ -48,8 +47,7 @@ void PacketDispatcher::dispatch(const std::uint8_t *data, std::size_t len, bool 
     if (isUnroutable(packet))
         return;
     if (isFragment(packet)) {
-        static CappedLog s_fragments(5, 1000);
-        if (s_fragments.take())
+        if (m_fragments.take())
             qCWarning(lcRuvod) << "[RUVO-TUN] Fragment dropped, protocol:" << packet.protocol << "size:" << len;
         return;
     }
@@ -77,10 +75,12 @@ bool PacketDispatcher::dispatchToTcpNat(const ParsedPacket &packet)
         return true;
     }
     if (packet.dstIp == m_tunnelIp && packet.dstPort == nat.listenPort) {
-        qCWarning(lcRuvod).nospace().noquote()
-            << "[NAT-DROP] Packet to listener intercepted! src=" << formatIpv4(packet.srcIp) << ":" << packet.srcPort
-            << " dst=" << formatIpv4(packet.dstIp) << ":" << packet.dstPort
-            << " - Windows is routing local traffic through TUN!";
+        if (m_toListener.take()) {
+            qCWarning(lcRuvod).nospace().noquote()
+                << "[NAT-DROP] Packet to listener intercepted! src=" << formatIpv4(packet.srcIp) << ":"
+                << packet.srcPort << " dst=" << formatIpv4(packet.dstIp) << ":" << packet.dstPort
+                << " - Windows is routing local traffic through TUN!";
+        }
         return true;
     }
     if (packet.srcIp != m_tunnelIp)
@@ -105,7 +105,7 @@ void PacketDispatcher::sendToListener(const ParsedPacket &packet, std::uint16_t 
 {
     const TcpNatPath &nat = *m_paths.tcpNat;
     const FlowKey rewritten{.source = {m_tunnelIp + 1, natPort}, .destination = {m_tunnelIp, nat.listenPort}};
-    if (!nat.sendRewritten(packet, rewritten))
+    if (!nat.sendRewritten(packet, rewritten) && m_notRewritten.take())
         qCWarning(lcRuvod) << "[NAT-ERROR] Packet rewriting failed for NAT port" << natPort;
 }
 
@@ -130,8 +130,7 @@ void PacketDispatcher::dispatchUdp(const ParsedPacket &packet)
         };
         if (m_paths.udpNat(datagram))
             return;
-        static CappedLog s_refused(10, 100);
-        if (s_refused.take())
+        if (m_refused.take())
             qCWarning(lcRuvod) << "[UDP-NAT] Forward failed, falling back to old handler";
     }
     if (m_paths.udpFlow)

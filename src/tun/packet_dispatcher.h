@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/capped_log.h"
 #include "common/endpoint.h"
 #include "packet/packet_parser.h"
 
@@ -48,7 +49,8 @@ struct PacketPaths
 };
 
 /// Decides, for each packet that the adapter delivers, whether it is dropped, answered or handed to a path.
-/// Reader thread only; no allocation but for the rare answer to a SYN.
+/// Reader thread only; no allocation but for the rare answer to a SYN, and for what a path itself makes of a packet.
+/// std::bad_alloc then leaves the packet dropped.
 class PacketDispatcher
 {
 public:
@@ -68,6 +70,12 @@ private:
 
     const std::uint32_t m_tunnelIp;
     const PacketPaths m_paths;
+
+    // Any program can send any number of packets that are warned of.
+    CappedLog m_fragments{5, 1000};
+    CappedLog m_toListener{10, 100};
+    CappedLog m_notRewritten{10, 100};
+    CappedLog m_refused{10, 100};
 };
 
 } // namespace ruvo

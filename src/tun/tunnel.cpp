@@ -2,8 +2,9 @@
 
 #include "common/log_category.h"
 #include "common/steady_clock.h"
+#include "tun/worker_count.h"
 
-#include <algorithm>
+#include <new>
 #include <utility>
 
 namespace ruvo {
@@ -14,11 +15,6 @@ using namespace std::chrono_literals;
 
 constexpr auto workerWait = 250ms;
 constexpr auto drainTimeout = 2000ms;
-
-unsigned workerCount()
-{
-    return std::max(1U, std::thread::hardware_concurrency());
-}
 
 } // namespace
 
@@ -94,7 +90,8 @@ void Tunnel::joinThreads()
 
 void Tunnel::startThreads()
 {
-    for (unsigned index = 0; index < workerCount(); ++index)
+    const unsigned workers = workerCount(std::thread::hardware_concurrency());
+    for (unsigned index = 0; index < workers; ++index)
         m_workers.emplace_back(&Tunnel::runWorker, this, index);
     m_flowControlThread = std::thread(&Tunnel::runFlowControl, this);
     m_adapter->startReading();
@@ -113,10 +110,12 @@ void Tunnel::runWorker(unsigned index)
 }
 
 void Tunnel::dispatchPacket(const std::uint8_t *data, std::size_t len)
-{
+try {
     // After the stop began, nothing new may reach what it is taking down.
     if (m_running)
         m_dispatcher->dispatch(data, len, m_proxyGate.isOpen());
+} catch (const std::bad_alloc &) {
+    // The packet is lost, as packets are.
 }
 
 } // namespace ruvo

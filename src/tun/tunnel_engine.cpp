@@ -2,6 +2,7 @@
 
 #include "tun/tunnel.h"
 
+#include <new>
 #include <variant>
 
 namespace ruvo {
@@ -78,7 +79,7 @@ void Tunnel::runFlowControl()
 
 /// Once a second: what nothing else would ever end.
 void Tunnel::housekeeping()
-{
+try {
     m_natListener->ensureAccepting();
     m_natListener->table().expire();
     m_relayConnector->housekeeping();
@@ -87,6 +88,8 @@ void Tunnel::housekeeping()
     m_tcpEngine->housekeeping();
     m_udpFlows->expireHandshakes();
     m_learnedNames.expire();
+} catch (const std::bad_alloc &) {
+    // The next second sees to the rest.
 }
 
 } // namespace ruvo

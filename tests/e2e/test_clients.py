@@ -32,6 +32,16 @@ def test_unknown_actions_are_answered_and_change_nothing(running):
     assert client.expect({"request-id": 2})["error"] == "Unknown action: "
 
 
+def test_the_resolvers_cache_is_flushed_without_a_tunnel_too(running):
+    client = running.client()
+    assert client.request("flush-dns-cache")["status"] == "success"
+    assert len(running.journal.calls("DnsFlushResolverCache", result=True)) == 1
+    running.plan_failures("DnsFlushResolverCache * 5")
+    running.log.expect("^Failed to flush DNS resolver cache$")
+    assert client.request("flush-dns-cache")["status"] == "success", "what came of it is in the log"
+    assert len(running.journal.calls("DnsFlushResolverCache")) == 2
+
+
 def test_a_silent_client_is_dropped_and_one_that_heartbeats_stays(running):
     running.log.expect(r'Client ".*" timed out \(no heartbeat for 10000 ms\)')
     alive = running.client()
@@ -64,7 +74,7 @@ def test_a_departure_is_told_once_with_who_is_left(running):
 
 def test_an_equal_or_older_version_is_welcome(running):
     client = running.client()
-    for version in ["2.0.1", "2.0.0", "1.99", "2.0.1-beta", ""]:
+    for version in ["2.0.1", "2.0.1.0", "2.0.0", "1.99", "2.0.1-beta", ""]:
         answer = client.request("client-hello", log_path=running.log_path(), version=version)
         assert answer["status"] == "success", version
     assert client.request("heartbeat")["status"] == "success"

@@ -1,6 +1,8 @@
 """Many clients at once, clients that vanish, connect and drop, or never read: everybody else is served."""
 
+import json
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 from bench import pipeload, wait_for
 from bench.machine import volume
@@ -98,3 +100,28 @@ def test_a_client_that_never_reads_is_bounded_and_others_are_served(bench):
     assert status == 0 and result["disconnected"], result
     other.close()
     assert_back_where_it_was(bench, before)
+
+
+def test_a_flood_of_requests_of_one_client_keeps_nobody_waiting(bench):
+    bench.set_sessions(*TWO_SESSIONS)
+    bench.register()
+    bench.start()
+    bench.log.expect('Process not found: "none"')
+    other = bench.client(2)
+    count = volume(20000, 8000)
+    requests = [json.dumps({"action": "stop", "process-id": "none", "request-id": n}).encode() for n in range(count)]
+    frames = b"".join(len(request).to_bytes(4, "big") + request for request in requests)
+    lines = ["sleep-until-message 15000", f"hex {frames.hex()}", *["sleep-until-message 120000"] * count, "close"]
+    waited = []
+    with ThreadPoolExecutor(1) as pool:
+        flood = pool.submit(pipeload.run, bench, "raw", lines, timeout=240, session=1)
+        bench.log.wait_for("Process not found")
+        while not flood.done():
+            start = time.monotonic()
+            assert other.request("list", timeout=60)["status"] == "success"
+            waited.append(time.monotonic() - start)
+    _, messages = flood.result()
+    print(f"{len(waited)} answers beside the flood, the slowest after {max(waited) * 1000:.0f} ms")
+    assert max(waited) < 1.5 and len(waited) > 5, waited
+    assert [message["request-id"] for message in messages if "request-id" in message] == list(range(count))
+    other.close()

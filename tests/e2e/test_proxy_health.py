@@ -187,7 +187,7 @@ def test_a_core_that_takes_four_seconds_after_a_reset_is_not_dead(running, reset
         made += 1
         time.sleep(0.02)
     failed = len([text for text in running.log.texts() if "[TCP-NAT] Failed to connect to SOCKS5 proxy" in text])
-    print(f"\n{made} connections, {failed} of the NAT path's failed at the proxy")
+    print(f"\n{made} connections, {failed} lines about those of the NAT path that failed at the proxy")
     assert failed >= 2 * LIMIT
     with Socks(running, DIRECT), Socks(running, PROXY):
         up = time.monotonic() - began

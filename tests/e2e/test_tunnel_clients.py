@@ -1,5 +1,7 @@
 """One tunnel for everybody: who may start and stop it, whose departure ends it, and what ends with the service."""
 
+import time
+
 import pytest
 
 from bench import tunnel, wait_for
@@ -60,14 +62,30 @@ def test_any_client_stops_it_and_any_starts_it_again(tunnel_bench):
     assert "TUN still running - other clients are connected" not in bench.log.texts()
 
 
-def test_it_goes_when_the_last_client_falls_silent(tunnel_bench):
+def test_it_stays_when_one_client_falls_silent_and_goes_with_the_last(tunnel_bench):
     bench = tunnel_bench
+    first = bench.client(heartbeat=False)
+    tunnel.start(first)
+    routes = tunnel.routes(bench)
+    # More than the five seconds between two checks apart: none finds both of them silent for too long.
+    assert first.request("heartbeat")["status"] == "success"
+    last_sign = time.monotonic()
+    wait_for(lambda: time.monotonic() - last_sign > 6, 10, "the clients to be apart")
     silent = bench.client(heartbeat=False)
-    tunnel.start(silent)
+
     bench.log.expect(r'^Client "[0-9a-f]+" timed out \(no heartbeat for 10000 ms\)$')
-    bench.log.wait_for("timed out", 30)
+    bench.log.wait_for("timed out", 30, count=1)
+    first.wait_closed()
+    bench.log.wait_for("TUN still running - other clients are connected", count=1)
+    assert tunnel.is_running(silent)
+    assert tunnel.routes(bench) == routes
+
+    bench.log.wait_for("timed out", 30, count=2)
     wait_until_gone(bench)
     silent.wait_closed()
+    texts = bench.log.texts()
+    assert texts.count("TUN still running - other clients are connected") == 1
+    assert not any("Remaining connected clients" in text for text in texts), "that is said of those who disconnect"
 
 
 def test_it_goes_with_the_service_and_comes_back_with_it(tunnel_bench):
@@ -78,7 +96,8 @@ def test_it_goes_with_the_service_and_comes_back_with_it(tunnel_bench):
     assert tunnel.adapters(bench) == []
     assert not any("uplink proto static" in route for route in tunnel.routes(bench))
     texts = bench.log.texts()
-    order = ["Stopping ruvod daemon...", "Stopping TUN...", "Daemon stopped"]
+    # The children stay until the tunnel is gone: they are what it leads to.
+    order = ["Stopping ruvod daemon...", "Stopping TUN...", "[ProcessManager] No processes to stop", "Daemon stopped"]
     assert [text for text in texts if text in order] == order
     client.wait_closed()
 
@@ -87,6 +106,8 @@ def test_it_goes_with_the_service_and_comes_back_with_it(tunnel_bench):
     assert not tunnel.is_running(client)
     tunnel.start(client)
     tunnel.stop(client)
+    bench.stop()
+    assert bench.log.texts().count("Stopping TUN...") == 1, "only where there is one"
 
 
 def test_it_goes_with_a_daemon_that_steps_aside_for_a_newer_client(tunnel_bench):

@@ -106,7 +106,8 @@ Examples:
 
 Exit status:
   0  success
-  1  the answer's "status" is "error"; or a line of the input was no JSON object
+  1  the answer's "status" is "error" or its "success" is false; a line of the input was no JSON object; or
+     standard output cannot be written (the answers to lines of the input do not count)
   2  no connection, the connection was lost, or no answer in time
   3  the command line is wrong
 )");

@@ -21,7 +21,7 @@ std::expected<QByteArray, QString> requestFromLine(const QByteArray &line);
 /// Whether `message` answers the request that carried `requestId`. Events never do.
 bool isAnswerTo(const QJsonValue &requestId, const QJsonObject &message);
 
-/// ExitError for an answer with "status": "error", ExitSuccess for any other.
+/// ExitError for an answer with "status": "error" or "success": false, ExitSuccess for any other.
 int exitStatusOf(const QJsonObject &answer);
 
 QByteArray toCompactJson(const QJsonObject &object);

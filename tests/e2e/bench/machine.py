@@ -121,7 +121,10 @@ class Bench(Service):
         self._replace(self.substitutes / "process-sessions.txt", lines)
 
     def plan_failures(self, *lines):
-        """The calls that fail from now on ("FUNCTION WHICH ERROR" each, counted anew); none: all work again."""
+        """The calls that fail or are slow from now on, counted anew; none: all work again.
+
+        "FUNCTION WHICH ERROR" or "FUNCTION WHICH delay MS" each.
+        """
         # The text has to change, or the counts would go on.
         self._replace(self.substitutes / "faults.txt", [f"# plan {next(self._plans)}", *lines])
 

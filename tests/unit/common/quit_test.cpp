@@ -54,6 +54,34 @@ TEST_F(RequestQuit, comesFromAnyThread)
     thread.join();
 }
 
+TEST_F(RequestQuit, saysItOnTheServiceThreadAfterTheLoopWasAskedToEnd)
+{
+    std::thread thread;
+    bool said = false;
+    QTimer::singleShot(0, qApp, [&] {
+        thread = std::thread([&, serviceThread = std::this_thread::get_id()] {
+            requestQuitAndThen([&, serviceThread] {
+                EXPECT_EQ(std::this_thread::get_id(), serviceThread);
+                said = true;
+                QEventLoop loop; // would hang in here, had the application not been asked to end
+                EXPECT_EQ(loop.exec(), -1);
+            });
+        });
+    });
+    EXPECT_EQ(run(), quitted);
+    EXPECT_TRUE(said) << "before the loop has ended";
+    thread.join();
+}
+
+TEST_F(RequestQuit, saysItOfEachRequest)
+{
+    int said = 0;
+    for (int i = 0; i < 3; ++i)
+        requestQuitAndThen([&] { ++said; });
+    EXPECT_EQ(run(), quitted);
+    EXPECT_EQ(said, 3);
+}
+
 TEST_F(RequestQuit, doesNotEndTheLoopFromWithinTheCall)
 {
     bool returned = false;

@@ -1,5 +1,6 @@
 #include "daemon/daemon_log.h"
 
+#include "daemon/log_file.h"
 #include "support/log_capture.h"
 
 #include <gtest/gtest.h>

@@ -5,10 +5,23 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
+#include <cstdlib>
 #include <utility>
 
 namespace ruvo {
 namespace {
+
+/// Destroyed after everything that is made while the program runs.
+struct LastOfAll
+{
+    ~LastOfAll()
+    {
+        if (logs)
+            qCInfo(lcRuvod) << "from a thread that was left behind";
+    }
+    bool logs = false;
+};
+LastOfAll s_lastOfAll;
 
 // The line
 
@@ -171,6 +184,25 @@ TEST_F(DaemonLogTest, aFatalMessageIsWrittenBeforeTheProcessEnds)
         "");
     qunsetenv("RUVOD_TEST_FATAL_LOG");
     EXPECT_TRUE(contentOf(path).endsWith(QByteArray("FATAL: the end") + lineEnd)) << contentOf(path).toStdString();
+}
+
+TEST_F(DaemonLogTest, takesLinesWhileTheProgramsDataIsDestroyed)
+{
+    // In a program of its own, as a copy of this one would take our temporary files with it.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    if (!qEnvironmentVariableIsSet("RUVOD_TEST_LAST_LOG"))
+        qputenv("RUVOD_TEST_LAST_LOG", path.toUtf8());
+    const QString lastLog = qEnvironmentVariable("RUVOD_TEST_LAST_LOG");
+    EXPECT_EXIT(
+        {
+            setLogFilePath(lastLog);
+            s_lastOfAll.logs = true;
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+    qunsetenv("RUVOD_TEST_LAST_LOG");
+    EXPECT_TRUE(contentOf(path).endsWith(QByteArray("INFO: from a thread that was left behind") + lineEnd))
+        << contentOf(path).toStdString();
 }
 
 // Trouble with the file

@@ -134,6 +134,28 @@ TEST_F(DaemonLogThreads, loseAndTearNoLineWhileTheLogIsRotated)
     expectEachLineOnce(linesOf({oldPath, path}), linesPerThread);
 }
 
+TEST_F(DaemonLogThreads, keepTheLatestLinesWholeHoweverOftenTheLogIsRotated)
+{
+    // Some three rotations. Where Wine loses lines, what is left is no unbroken end.
+    const int linesPerThread = test::wineAppendsInTwoSteps() ? 2000 : 3000;
+    logFromThreads(linesPerThread, [] { std::this_thread::yield(); });
+
+    ASSERT_TRUE(QFile::exists(oldPath));
+    // Rotated twice for one look at the size, it would hold the few lines that came between.
+    EXPECT_GT(QFileInfo(oldPath).size(), logRotationThreshold);
+    if (test::wineAppendsInTwoSteps())
+        return;
+    const Found found = linesOf({oldPath, path});
+    EXPECT_EQ(found.torn, QByteArrayList());
+    EXPECT_TRUE(std::ranges::all_of(found.wholeLines, [](int count) { return count == 1; }));
+    qsizetype kept = 0;
+    for (int thread = 0; thread < threadCount; ++thread) {
+        for (int line = linesPerThread - 1; found.wholeLines.contains({thread, line}); --line)
+            ++kept;
+    }
+    EXPECT_EQ(kept, found.wholeLines.size()) << "some line in the middle is missing";
+}
+
 TEST_F(DaemonLogThreads, mayLogWhileTheLogIsCleared)
 {
     logFromThreads(200, [] { clearLogs(); });

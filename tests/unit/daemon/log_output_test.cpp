@@ -4,7 +4,14 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
+
+#ifndef Q_OS_WIN
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
 
 namespace ruvo {
 namespace {
@@ -24,15 +31,15 @@ protected:
 
 TEST_F(AppendTextToFile, makesTheFileAndAppendsToIt)
 {
-    EXPECT_TRUE(appendTextToFile(path, "one"));
+    EXPECT_EQ(appendTextToFile(path, "one"), Appended::Yes);
     EXPECT_EQ(content(), "one");
-    EXPECT_TRUE(appendTextToFile(path, " two"));
+    EXPECT_EQ(appendTextToFile(path, " two"), Appended::Yes);
     EXPECT_EQ(content(), "one two");
 }
 
 TEST_F(AppendTextToFile, writesTheSystemsLineEnds)
 {
-    EXPECT_TRUE(appendTextToFile(path, "one\ntwo\n"));
+    EXPECT_EQ(appendTextToFile(path, "one\ntwo\n"), Appended::Yes);
 #ifdef Q_OS_WIN
     EXPECT_EQ(content(), "one\r\ntwo\r\n");
 #else
@@ -42,32 +49,79 @@ TEST_F(AppendTextToFile, writesTheSystemsLineEnds)
 
 TEST_F(AppendTextToFile, takesAPathWithEitherSeparator)
 {
-    EXPECT_TRUE(appendTextToFile(QDir::fromNativeSeparators(path), "one"));
-    EXPECT_TRUE(appendTextToFile(QDir::toNativeSeparators(path), "two"));
+    EXPECT_EQ(appendTextToFile(QDir::fromNativeSeparators(path), "one"), Appended::Yes);
+    EXPECT_EQ(appendTextToFile(QDir::toNativeSeparators(path), "two"), Appended::Yes);
     EXPECT_EQ(content(), "onetwo");
 }
 
 TEST_F(AppendTextToFile, appendsToAFileThatAnotherHasOpen)
 {
-    ASSERT_TRUE(appendTextToFile(path, "one"));
+    ASSERT_EQ(appendTextToFile(path, "one"), Appended::Yes);
     QFile reader(path);
     ASSERT_TRUE(reader.open(QFile::ReadOnly));
-    EXPECT_TRUE(appendTextToFile(path, "two"));
+    EXPECT_EQ(appendTextToFile(path, "two"), Appended::Yes);
     EXPECT_EQ(reader.readAll(), "onetwo");
 }
 
 TEST_F(AppendTextToFile, leavesTheFileClosed)
 {
-    ASSERT_TRUE(appendTextToFile(path, "one"));
+    ASSERT_EQ(appendTextToFile(path, "one"), Appended::Yes);
     EXPECT_TRUE(QFile::rename(path, folder.filePath("moved")));
     EXPECT_TRUE(QFile::remove(folder.filePath("moved")));
 }
 
 TEST_F(AppendTextToFile, failsWhereNoFileCanBe)
 {
-    EXPECT_FALSE(appendTextToFile(folder.path(), "at a folder"));
-    EXPECT_FALSE(appendTextToFile(folder.filePath("no such folder/x.log"), "x"));
-    EXPECT_FALSE(appendTextToFile(QString(), "x"));
+    EXPECT_EQ(appendTextToFile(folder.path(), "at a folder"), Appended::No);
+    EXPECT_EQ(appendTextToFile(folder.filePath("no such folder/x.log"), "x"), Appended::No);
+    EXPECT_EQ(appendTextToFile(QString(), "x"), Appended::No);
+}
+
+TEST_F(AppendTextToFile, takesALongPath)
+{
+    QString deep = folder.path();
+    while (deep.size() < 300)
+        deep += "/a folder with a long name";
+    ASSERT_TRUE(QDir().mkpath(deep));
+    const QString file = deep + "/ü.log";
+    EXPECT_EQ(appendTextToFile(file, "one"), Appended::Yes);
+    EXPECT_EQ(appendTextToFile(deep + "/../" + QFileInfo(deep).fileName() + "/./ü.log", "two"), Appended::Yes);
+    EXPECT_TRUE(renameFile(file, file + ".old"));
+    EXPECT_FALSE(QFile::exists(file));
+    EXPECT_EQ(QFileInfo(file + ".old").size(), 6);
+    EXPECT_TRUE(removeFile(file + ".old"));
+    EXPECT_FALSE(QFile::exists(file + ".old"));
+}
+
+#ifdef Q_OS_WIN
+TEST_F(AppendTextToFile, refusesWhatIsNoDiskFile)
+{
+    EXPECT_EQ(appendTextToFile("NUL", "x"), Appended::NotAFile);
+    EXPECT_EQ(appendTextToFile(folder.filePath("NUL"), "x"), Appended::NotAFile);
+}
+#else
+TEST_F(AppendTextToFile, refusesWhatIsNoDiskFile)
+{
+    EXPECT_EQ(appendTextToFile("/dev/null", "x"), Appended::NotAFile);
+
+    const QByteArray pipe = QFile::encodeName(folder.filePath("pipe"));
+    ASSERT_EQ(mkfifo(pipe.constData(), 0600), 0);
+    EXPECT_EQ(appendTextToFile(folder.filePath("pipe"), "x"), Appended::NotAFile) << "nobody reads it";
+    const int reader = open(pipe.constData(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    EXPECT_EQ(appendTextToFile(folder.filePath("pipe"), "x"), Appended::NotAFile);
+    char byte = 0;
+    EXPECT_EQ(read(reader, &byte, 1), 0) << "nothing was written";
+    close(reader);
+}
+#endif
+
+TEST(RemoveAndRenameFile, failWhereThereIsNone)
+{
+    const QTemporaryDir folder;
+    EXPECT_FALSE(removeFile(folder.filePath("x")));
+    EXPECT_FALSE(renameFile(folder.filePath("x"), folder.filePath("y")));
+    EXPECT_FALSE(removeFile(folder.path())) << "a folder";
 }
 
 } // namespace

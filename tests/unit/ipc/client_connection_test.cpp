@@ -1,67 +1,15 @@
-#include "ipc/client_connection.h"
-
-#include "support/connected_pair.h"
-#include "support/log_capture.h"
-#include "support/wait_until.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "client_connection_fixture.h"
 
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QPointer>
 #include <QRegularExpression>
 #include <QSet>
-#include <QTimer>
-
-#include <functional>
 
 namespace ruvo {
 namespace {
 
 using test::PipeClient;
 using test::waitUntil;
-
-/// A connection over a real pipe, and what it has signalled.
-class ClientConnectionTest : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(pair.isConnected());
-        QObject::connect(&connection, &ClientConnection::messageReceived,
-                         [this](const QString &id, const QJsonObject &message) {
-                             EXPECT_EQ(id, connection.clientId());
-                             received.append(message);
-                             if (handler)
-                                 handler(message);
-                         });
-        QObject::connect(&connection, &ClientConnection::clientDisconnected, [this](const QString &id) {
-            EXPECT_EQ(id, connection.clientId());
-            ++disconnects;
-        });
-    }
-
-    void attach() { connection.setSocket(pair.accepted(), 7); }
-    bool receives(const QList<QJsonObject> &messages)
-    {
-        return waitUntil([&] { return received.size() >= messages.size(); }) && received == messages;
-    }
-    /// Sends a message and waits for it: whatever was sent before has been dealt with then.
-    bool isInStep()
-    {
-        const QJsonObject marker{{"marker", received.size()}};
-        pair.client().send(QJsonDocument(marker).toJson());
-        return waitUntil([&] { return received.contains(marker); });
-    }
-
-    test::LogCapture log;
-    test::ConnectedPair pair;
-    QList<QJsonObject> received;
-    int disconnects = 0;
-    std::function<void(const QJsonObject &)> handler;
-    ClientConnection connection;
-};
 
 TEST(ClientConnectionId, isARandomNumberInLowerCaseHexadecimalWithoutLeadingZeros)
 {
@@ -231,50 +179,6 @@ TEST_F(ClientConnectionTest, sendToAClientThatHasGoneUnnoticedSignalsNothingFrom
     EXPECT_TRUE(waitUntil([this] { return disconnects > 0; }));
 }
 
-TEST_F(ClientConnectionTest, signalsTheDisconnectOfItsClient)
-{
-    attach();
-    pair.client().socket().disconnectFromServer();
-    EXPECT_TRUE(waitUntil([this] { return disconnects > 0; }));
-}
-
-TEST_F(ClientConnectionTest, signalsForAnErrorAsForADisconnect)
-{
-    attach();
-    emit pair.accepted()->errorOccurred(QLocalSocket::UnknownSocketError);
-    EXPECT_EQ(disconnects, 1);
-    emit pair.accepted()->disconnected();
-    EXPECT_EQ(disconnects, 2);
-}
-
-TEST_F(ClientConnectionTest, deliversWhatCameBeforeTheDisconnect)
-{
-    attach();
-    pair.client().send(R"({"last":"words"})");
-    ASSERT_TRUE(pair.client().waitUntilSent());
-    pair.client().drop();
-    ASSERT_TRUE(waitUntil([this] { return disconnects > 0; }));
-    EXPECT_EQ(received, QList<QJsonObject>{(QJsonObject{{"last", "words"}})});
-}
-
-TEST_F(ClientConnectionTest, deliversWhatASocketHadReadBeforeItWasSet)
-{
-    pair.client().send(R"({"early":1})");
-    ASSERT_TRUE(waitUntil([this] { return pair.accepted()->bytesAvailable() > 0; }));
-    attach();
-    EXPECT_TRUE(received.isEmpty()) << "its owner is not ready inside of setSocket";
-    EXPECT_TRUE(receives({QJsonObject{{"early", 1}}}));
-}
-
-TEST_F(ClientConnectionTest, signalsTheDisconnectOfASocketThatWasClosedBeforeItWasSet)
-{
-    pair.client().drop();
-    ASSERT_TRUE(waitUntil([this] { return pair.accepted()->state() == QLocalSocket::UnconnectedState; }));
-    attach();
-    EXPECT_EQ(disconnects, 0) << "its owner is not ready inside of setSocket";
-    EXPECT_TRUE(waitUntil([this] { return disconnects == 1; }));
-}
-
 TEST_F(ClientConnectionTest, isSilentAfterADisconnectFromItsOwnSide)
 {
     attach();
@@ -293,118 +197,10 @@ TEST(ClientConnectionEnd, disconnectsTheClient)
     const QPointer<QLocalSocket> socket = pair.accepted();
     auto *connection = new ClientConnection;
     connection->setSocket(pair.accepted(), 1);
-    connection->retire();
+    connection->deleteLater();
     EXPECT_TRUE(socket) << "deleted by the event loop only";
     EXPECT_TRUE(waitUntil([&] { return pair.client().isGone(); }));
     EXPECT_FALSE(socket);
-}
-
-// Unsent bytes
-
-QJsonObject oneMebibyte()
-{
-    return {{"text", QString(1024 * 1024, u'x')}};
-}
-
-TEST_F(ClientConnectionTest, keepsMuchForAClientThatReadsLate)
-{
-    attach();
-    pair.client().socket().setReadBufferSize(1);
-    for (int i = 0; i < 60; ++i)
-        connection.send(oneMebibyte());
-    EXPECT_EQ(log.lines(), QStringList());
-    pair.client().socket().setReadBufferSize(0);
-    qint64 total = 0;
-    EXPECT_TRUE(waitUntil([&] {
-        total += pair.client().socket().readAll().size();
-        return total >= 60 * 1024 * 1024;
-    }));
-    EXPECT_EQ(disconnects, 0);
-}
-
-TEST_F(ClientConnectionTest, givesUpAClientThatLeavesTooMuchUnread)
-{
-    attach();
-    pair.client().socket().setReadBufferSize(1);
-    for (int i = 0; i < 80; ++i)
-        connection.send(oneMebibyte());
-    EXPECT_EQ(disconnects, 0) << "never from inside send";
-    const qint64 unsent = pair.accepted()->bytesToWrite();
-    EXPECT_GT(unsent, ClientConnection::maxUnsentBytes);
-    EXPECT_LT(unsent, ClientConnection::maxUnsentBytes + 2 * 1024 * 1024);
-
-    EXPECT_TRUE(waitUntil([this] { return disconnects == 1; }));
-    connection.send(oneMebibyte());
-    EXPECT_LE(pair.accepted()->bytesToWrite(), unsent);
-    test::processPending();
-    EXPECT_EQ(disconnects, 1);
-    EXPECT_EQ(log.linesWith("does not read its messages").size(), 1);
-    EXPECT_THAT(log.lines().value(0).toStdString(),
-                ::testing::StartsWith("WARNING Client \"" + connection.clientId().toStdString() + "\""));
-}
-
-// Handlers that run an event loop of their own
-
-/// A handler of the first message that waits until another has come. The socket tells of that one only once.
-class ClientConnectionBusyHandler : public ClientConnectionTest
-{
-protected:
-    void SetUp() override
-    {
-        ClientConnectionTest::SetUp();
-        handler = [this](const QJsonObject &message) {
-            EXPECT_EQ(++depth, 1) << "answers would change their order";
-            if (message["n"].toInt() == 1) {
-                pair.client().send(R"({"n":3})");
-                EXPECT_TRUE(
-                    waitUntil([this] { return pair.accepted()->bytesAvailable() > 0 || received.size() > 1; }));
-            }
-            --depth;
-        };
-    }
-
-    const QByteArray firstTwo = PipeClient::frame(R"({"n":1})") + PipeClient::frame(R"({"n":2})");
-    const QList<QJsonObject> allThree{QJsonObject{{"n", 1}}, QJsonObject{{"n", 2}}, QJsonObject{{"n", 3}}};
-    int depth = 0;
-};
-
-TEST_F(ClientConnectionBusyHandler, holdsBackTheNextMessages)
-{
-    attach();
-    pair.client().write(firstTwo);
-    EXPECT_TRUE(receives(allThree));
-}
-
-TEST_F(ClientConnectionBusyHandler, holdsBackTheNextMessagesWhenTheFirstCameBeforeTheSocketWasSet)
-{
-    pair.client().write(firstTwo);
-    ASSERT_TRUE(waitUntil([this] { return pair.accepted()->bytesAvailable() > 0; }));
-    attach();
-    EXPECT_TRUE(receives(allThree));
-}
-
-TEST(ClientConnectionEnd, waitsForTheHandlerOfAMessage)
-{
-    test::ConnectedPair pair;
-    ASSERT_TRUE(pair.isConnected());
-    const QPointer<ClientConnection> connection = new ClientConnection;
-    connection->setSocket(pair.accepted(), 1);
-    int messages = 0;
-    QObject::connect(connection, &ClientConnection::messageReceived, [&] {
-        ++messages;
-        // What an event of the inner loop schedules for deletion, the inner loop deletes.
-        bool retired = false;
-        QTimer::singleShot(0, connection, [&] {
-            connection->retire();
-            retired = true;
-        });
-        EXPECT_TRUE(waitUntil([&] { return retired; }));
-        test::processPending();
-        EXPECT_TRUE(connection) << "still on the stack";
-    });
-    pair.client().write(PipeClient::frame("{}") + PipeClient::frame("{}"));
-    EXPECT_TRUE(waitUntil([&] { return !connection; }));
-    EXPECT_EQ(messages, 1) << "nothing is delivered of a connection that is over";
 }
 
 } // namespace

@@ -2,13 +2,6 @@
 
 #include "support/pipe_trouble.h"
 
-#include <gmock/gmock.h>
-
-#include <QPointer>
-
-#include <atomic>
-#include <thread>
-
 namespace ruvo {
 namespace {
 
@@ -156,6 +149,8 @@ TEST_F(CommunicationServerTest, reopensAPipeThatLostAListener)
     EXPECT_TRUE(connectClient(1));
 }
 
+// On Windows nobody else can take the name of a pipe that was open: tests/windows/ipc has this one.
+#ifndef Q_OS_WIN
 TEST_F(CommunicationServerTest, makesAPipeAnewThatCannotBeReopened)
 {
     ASSERT_TRUE(server.start(serverName));
@@ -169,6 +164,7 @@ TEST_F(CommunicationServerTest, makesAPipeAnewThatCannotBeReopened)
     server.pollSessions();
     EXPECT_TRUE(connectClient(1));
 }
+#endif
 
 // Clients
 
@@ -182,64 +178,6 @@ TEST_F(CommunicationServerTest, greetsANewClientWhenItCanAlreadyBeReached)
     const auto client = connectClient();
     ASSERT_TRUE(client);
     EXPECT_TRUE(waitUntil([&] { return client->messages() == QList{QJsonObject{{"event", "connected"}}}; }));
-}
-
-TEST_F(CommunicationServerTest, acceptsTwoClientsThatConnectAtOnceToDifferentPipes)
-{
-    sessions = {1, 2};
-    ASSERT_TRUE(server.start(serverName));
-    PipeClient first(pipeName(1));
-    PipeClient second(pipeName(2));
-    ASSERT_TRUE(waitUntil([this] { return ids.size() == 2; }));
-    EXPECT_NE(ids[0], ids[1]);
-    first.drop();
-    second.drop();
-    ASSERT_TRUE(waitUntil([this] { return signalled.filter("disconnected").size() == 2; }));
-    EXPECT_EQ(signalled.filter("session 1").size(), 1);
-    EXPECT_EQ(signalled.filter("session 2").size(), 1);
-}
-
-TEST_F(CommunicationServerTest, takesOneConnectionForEachSignal)
-{
-    sessions = {1, 2};
-    ASSERT_TRUE(server.start(serverName));
-    int pending = 0;
-    for (SessionServer *sessionServer : server.findChildren<SessionServer *>()) {
-        QObject::connect(&sessionServer->server(), &QLocalServer::newConnection, [&] { ++pending; });
-        sessionServer->blockSignals(true);
-    }
-    const PipeClient first(pipeName(1));
-    const PipeClient second(pipeName(1));
-    const PipeClient other(pipeName(2));
-    ASSERT_TRUE(waitUntil([&] { return pending == 3; }));
-    for (const int expected : {1, 2, 3, 3}) {
-        server.onNewConnection();
-        EXPECT_EQ(server.clientCount(), expected);
-    }
-}
-
-TEST_F(CommunicationServerTest, acceptsAClientThatComesWhileThePipeIsBeingMade)
-{
-    // Natively a client can only come later; on Windows it may find the pipe's first instance.
-    sessions = {};
-    ASSERT_TRUE(server.start(serverName));
-    std::atomic<bool> stop = false;
-    std::atomic<bool> connected = false;
-    std::thread impatient([&] {
-        while (!stop) {
-            PipeClient client(pipeName(1));
-            if (!client.isConnected())
-                continue;
-            connected = true;
-            while (!stop)
-                std::this_thread::yield();
-        }
-    });
-    sessions = {1};
-    server.pollSessions();
-    EXPECT_TRUE(waitUntil([&] { return ids.size() == 1 && connected; }));
-    stop = true;
-    impatient.join();
 }
 
 TEST_F(CommunicationServerTest, passesMessagesOnWithTheirClient)
@@ -283,102 +221,6 @@ TEST_F(CommunicationServerTest, broadcastsToEveryClient)
     server.broadcast({{"event", "shutdown"}});
     const QList expected{QJsonObject{{"event", "shutdown"}}};
     EXPECT_TRUE(waitUntil([&] { return first->messages() == expected && second->messages() == expected; }));
-}
-
-// Departures
-
-TEST_F(CommunicationServerTest, signalsADepartureOnceWhenErrorAndDisconnectAreReported)
-{
-    ASSERT_TRUE(server.start(serverName));
-    ASSERT_TRUE(connectClient());
-    auto *socket = server.findChild<QLocalSocket *>();
-    ASSERT_TRUE(socket);
-    emit socket->errorOccurred(QLocalSocket::PeerClosedError);
-    emit socket->disconnected();
-    settle();
-    EXPECT_EQ(signalled.filter("disconnected"), QStringList{"disconnected " + ids[0] + " session 1"});
-    EXPECT_EQ(server.clientCount(), 0);
-}
-
-TEST_F(CommunicationServerTest, signalsADepartureWhenTheClientIsNoLongerCounted)
-{
-    ASSERT_TRUE(server.start(serverName));
-    const auto leaving = connectClient();
-    const auto staying = connectClient();
-    ASSERT_TRUE(leaving && staying);
-    QList<qsizetype> remaining;
-    const QPointer<ClientConnection> connection = server.findChild<ClientConnection *>();
-    QObject::connect(&server, &CommunicationServer::clientDisconnected, [&] {
-        remaining.append(server.clientCount());
-        EXPECT_TRUE(connection) << "destroyed by the event loop only";
-    });
-    leaving->drop();
-    ASSERT_TRUE(isSignalled("disconnected " + ids[0] + " session 1"));
-    EXPECT_EQ(remaining, QList<qsizetype>{1});
-    settle();
-    EXPECT_EQ(server.findChildren<ClientConnection *>().size(), 1);
-    EXPECT_TRUE(staying->isConnected());
-}
-
-TEST_F(CommunicationServerTest, ignoresTheDisconnectOfAnUnknownClient)
-{
-    server.onClientDisconnected("nobody");
-    EXPECT_EQ(signalled, QStringList());
-}
-
-TEST_F(CommunicationServerTest, dropsMessagesOfClientsThatAreGone)
-{
-    server.onClientMessage("nobody", {{"action", "heartbeat"}});
-    EXPECT_EQ(signalled, QStringList());
-}
-
-TEST_F(CommunicationServerTest, dropsTheRestOfAReadWhenAMessageEndedTheClientsLife)
-{
-    ASSERT_TRUE(server.start(serverName));
-    const auto client = connectClient();
-    ASSERT_TRUE(client);
-    QObject::connect(&server, &CommunicationServer::messageReceived,
-                     [this](const QString &id) { server.onClientDisconnected(id); });
-    client->write(PipeClient::frame(R"({"n":1})") + PipeClient::frame(R"({"n":2})"));
-    ASSERT_TRUE(isSignalled("disconnected " + ids[0] + " session 1"));
-    settle();
-    EXPECT_EQ(signalled.filter("message").size(), 1);
-}
-
-TEST_F(CommunicationServerTest, givesUpAClientThatLeavesTooMuchUnreadAsOneDeparture)
-{
-    ASSERT_TRUE(server.start(serverName));
-    const auto client = connectClient();
-    const auto other = connectClient();
-    ASSERT_TRUE(client && other);
-    client->socket().setReadBufferSize(1);
-    const QJsonObject large{{"text", QString(1024 * 1024, u'x')}};
-    for (int i = 0; i < 80; ++i)
-        server.sendToClient(ids[0], large);
-    EXPECT_EQ(server.clientCount(), 2);
-    EXPECT_TRUE(isSignalled("disconnected " + ids[0] + " session 1"));
-    EXPECT_TRUE(waitUntil([&] { return client->isGone() || client->socket().bytesAvailable() > 0; }));
-    server.sendToClient(ids[1], {{"still", "served"}});
-    EXPECT_TRUE(waitUntil([&] { return other->messages().size() == 1; }));
-    EXPECT_EQ(signalled.filter("disconnected").size(), 1);
-    EXPECT_EQ(log.linesWith("WARNING").size(), 1);
-}
-
-TEST_F(CommunicationServerTest, outlivesAClientThatLeavesWhileItsMessageIsHandled)
-{
-    ASSERT_TRUE(server.start(serverName));
-    const auto client = connectClient();
-    ASSERT_TRUE(client);
-    const QPointer<ClientConnection> connection = server.findChild<ClientConnection *>();
-    QObject::connect(&server, &CommunicationServer::messageReceived, [&](const QString &id) {
-        client->drop();
-        EXPECT_TRUE(isSignalled("disconnected " + id + " session 1"));
-        settle();
-        EXPECT_TRUE(connection) << "still on the stack";
-    });
-    client->write(PipeClient::frame(R"({"n":1})") + PipeClient::frame(R"({"n":2})"));
-    EXPECT_TRUE(waitUntil([&] { return !connection; }));
-    EXPECT_EQ(signalled.filter("message").size(), 1);
 }
 
 // Stop

@@ -95,8 +95,13 @@ TEST_F(SessionServerTest, saysWhyItCannotListen)
     EXPECT_FALSE(server.start());
     EXPECT_FALSE(server.server().isListening());
     ASSERT_EQ(log.lines().size(), 1);
+#ifdef Q_OS_WIN
+    const char *failed = "CreateNamedPipeW: ";
+#else
+    const char *failed = "QLocalServer::listen: ";
+#endif
     EXPECT_THAT(log.lines()[0].toStdString(),
-                ::testing::StartsWith("WARNING Failed to start named pipe for session 7 : \"QLocalServer"));
+                ::testing::StartsWith(std::string("WARNING Failed to start named pipe for session 7 : \"") + failed));
 }
 
 // A client that got hold of what was left would wait for ever.
@@ -136,7 +141,7 @@ TEST_F(SessionServerTest, listensAgainAfterItWasClosed)
     count(server);
     ASSERT_TRUE(server.start());
     server.server().close();
-    EXPECT_FALSE(PipeClient(name).isConnected());
+    EXPECT_FALSE(server.server().isListening());
     EXPECT_TRUE(server.start());
     EXPECT_EQ(log.lines(), (QStringList{startedLine, startedLine}));
     EXPECT_TRUE(acceptsAClient());

@@ -1,52 +1,12 @@
-#include "nat/tcp_nat_table.h"
-
-#include <gtest/gtest.h>
+#include "unit/nat/tcp_nat_table_fixture.h"
 
 #include <atomic>
-#include <chrono>
 #include <set>
 #include <thread>
 #include <vector>
 
 namespace ruvo {
 namespace {
-
-constexpr std::uint32_t client = 0x0A060701;
-constexpr std::uint32_t server = 0x5DB8D822;
-constexpr std::uint32_t otherServer = 0x01010101;
-constexpr std::chrono::seconds second{1};
-constexpr std::chrono::nanoseconds moment{1};
-constexpr int allPorts = 65535;
-
-/// A table whose time passes when the test says so.
-class TcpNatTableTest : public ::testing::Test
-{
-protected:
-    /// The SYN of a connection from `port` to the server's port 443.
-    std::uint16_t open(int port, std::uint32_t destination = server)
-    {
-        return m_table.allocateNatPort(client, static_cast<std::uint16_t>(port), destination, 443);
-    }
-    std::uint16_t find(int port, std::uint32_t destination = server) const
-    {
-        return m_table.findNatPort({{client, static_cast<std::uint16_t>(port)}, {destination, 443}});
-    }
-    /// Opens and accepts a connection, so that it lasts.
-    TcpNatSessionPtr accepted(int port, std::uint32_t destination = server)
-    {
-        return m_table.accept(open(port, destination));
-    }
-    /// Takes every port that there is, from client ports 1 to 65535.
-    void fill()
-    {
-        for (int port = 1; port <= allPorts; ++port)
-            ASSERT_NE(open(port), 0) << port;
-    }
-    void pass(std::chrono::nanoseconds time) { m_now += time; }
-
-    SteadyTime m_now{1'000 * second};
-    TcpNatTable m_table{[this] { return m_now; }};
-};
 
 TEST_F(TcpNatTableTest, beginsAt30000AndCountsUp)
 {
@@ -176,44 +136,8 @@ TEST_F(TcpNatTableTest, findsTheOnlyFreePortWhereverItIs)
 }
 
 // A client resets its connection and opens the same one anew: its SYN may come before the end of the old one is
-// known, and so may its accept.
-TEST_F(TcpNatTableTest, givesEachAcceptedConnectionASessionOfItsOwn)
-{
-    for (const bool endsBeforeTheAccept : {true, false}) {
-        const TcpNatSessionPtr old = accepted(5000);
-        const std::uint16_t natPort = open(5000);
-        EXPECT_EQ(natPort, old->natPort);
-        if (endsBeforeTheAccept)
-            m_table.end(old);
-        const TcpNatSessionPtr fresh = m_table.accept(natPort);
-        if (!endsBeforeTheAccept)
-            m_table.end(old);
-        ASSERT_TRUE(fresh);
-        EXPECT_NE(fresh, old);
-        EXPECT_TRUE(fresh->active);
-        EXPECT_EQ(fresh->destination().port, 443);
-        EXPECT_EQ(m_table.findByClient(client, 5000), fresh);
-        pass(TcpNatTable::lingerTime);
-        m_table.expire();
-        EXPECT_EQ(m_table.findByNatPort(natPort), fresh) << "the old one's end is not its end";
-        EXPECT_EQ(find(5000), natPort);
-        EXPECT_EQ(m_table.size(), 1u);
-        m_table.end(fresh);
-        pass(TcpNatTable::lingerTime);
-        m_table.expire();
-        EXPECT_EQ(m_table.size(), 0u);
-    }
-}
 
-TEST_F(TcpNatTableTest, doesNotTakeThePortOfAConnectionThatWasOpenedAnew)
-{
-    fill();
-    const TcpNatSessionPtr old = m_table.accept(find(5000));
-    m_table.end(old);
-    const TcpNatSessionPtr fresh = m_table.accept(old->natPort);
-    EXPECT_EQ(open(1, otherServer), 0);
-    EXPECT_EQ(m_table.findByNatPort(old->natPort), fresh);
-}
+// known, and so may its accept.
 
 TEST_F(TcpNatTableTest, givesNothingWhenEveryPortIsAlive)
 {
@@ -276,51 +200,6 @@ TEST_F(TcpNatTableTest, forgetsInTheOrderOfTheEnds)
     EXPECT_EQ(find(5000), openedFirst->natPort);
 }
 
-TEST_F(TcpNatTableTest, forgetsAConnectionThatNobodyAcceptsWithinAMinute)
-{
-    open(5000);
-    pass(60 * second - moment);
-    m_table.expire();
-    EXPECT_EQ(find(5000), 30000);
-    pass(moment);
-    const TcpNatSessionPtr session = m_table.findByNatPort(30000);
-    m_table.expire();
-    EXPECT_EQ(find(5000), 0);
-    EXPECT_EQ(m_table.accept(30000), nullptr);
-    EXPECT_FALSE(session->active);
-    EXPECT_EQ(m_table.size(), 0u);
-    m_table.end(session);
-    pass(TcpNatTable::lingerTime);
-    m_table.expire();
-    EXPECT_EQ(m_table.size(), 0u);
-}
-
-TEST_F(TcpNatTableTest, keepsAnAcceptedConnectionForEver)
-{
-    const TcpNatSessionPtr session = accepted(5000);
-    for (int hour = 0; hour < 100; ++hour) {
-        pass(3600 * second);
-        m_table.expire();
-    }
-    EXPECT_EQ(find(5000), 30000);
-    EXPECT_TRUE(session->active);
-}
-
-TEST_F(TcpNatTableTest, expiresWhatIsNotAcceptedBetweenThingsThatAre)
-{
-    accepted(5000);
-    open(5001);
-    m_table.end(accepted(5002));
-    pass(second);
-    open(5003);
-    pass(59 * second);
-    m_table.expire();
-    EXPECT_NE(find(5000), 0);
-    EXPECT_EQ(find(5001), 0);
-    EXPECT_NE(find(5002), 0) << "it lingers";
-    EXPECT_NE(find(5003), 0) << "its minute is not over";
-}
-
 TEST_F(TcpNatTableTest, doesNotTouchTheSuccessorOfAnEndedConnection)
 {
     const TcpNatSessionPtr old = accepted(5000);
@@ -380,6 +259,7 @@ TEST_F(TcpNatTableTest, isEmptyForGoodAfterItsClose)
 }
 
 // The reader thread opens and looks up, workers accept, relays end, flow control expires: all at once.
+
 TEST(TcpNatTableThreads, agreeOnWhoIsWho)
 {
     constexpr int rounds = 3000;

@@ -106,6 +106,17 @@ TEST(PacketFilter, goesByTheLengthOfEachHeader)
     EXPECT_FALSE(isFragment(packet));
 }
 
+// A step is counted in eight bits: 264 bytes are 8.
+TEST(PacketFilter, wrapsALengthAsTheParserDoes)
+{
+    PacketBytes packet = ipv6Packet({hopByHop, fragment});
+    packet[41] = 32;
+    packet[51] = 0x01;
+    EXPECT_TRUE(isFragment(packet));
+    packet[51] = 0x00;
+    EXPECT_FALSE(isFragment(packet));
+}
+
 TEST(PacketFilter, doesNotReadBehindAFragmentHeaderThatIsCutShort)
 {
     // A length that wraps to no bytes makes the packet valid though it ends within the header. Its memory ends there

@@ -199,13 +199,16 @@ TEST_F(PacketDispatcherTest, dropsFragmentsAndSaysSo)
     PacketBytes ipv6Fragment = ipv6(0x20, 1, 44);
     ipv6Fragment[40] = protocolUdp;
     ipv6Fragment[43] = 0x01; // more fragments
+    PacketDispatcher dispatcher(tunnel, pathsWithNat());
     for (const PacketBytes &fragment : {first, last, ipv6Fragment})
-        dispatch(pathsWithNat(), fragment);
-    EXPECT_TRUE(nothingHappened());
+        dispatcher.dispatch(fragment.data(), fragment.size(), true);
     EXPECT_EQ(log.linesWith("Fragment dropped").size(), 3);
-    for (int i = 0; i < 100; ++i)
-        dispatch(pathsWithNat(), first);
+    for (int number = 4; number < 1000; ++number)
+        dispatcher.dispatch(first.data(), first.size(), true);
     EXPECT_EQ(log.linesWith("Fragment dropped").size(), 5) << "capped";
+    dispatcher.dispatch(first.data(), first.size(), true);
+    EXPECT_EQ(log.linesWith("Fragment dropped").size(), 6) << "the 1000th is told of again";
+    EXPECT_TRUE(nothingHappened());
 }
 
 TEST_F(PacketDispatcherTest, takesWholePacketsThatMayNotBeFragmented)
@@ -299,6 +302,26 @@ TEST_F(PacketDispatcherTest, aPacketThatCannotBeRewrittenIsDroppedWithAWarning)
     dispatch(pathsWithNat(), tcp(tunnel, 5000, server, 443, tcpSyn));
     EXPECT_EQ(log.lines(), QStringList{"WARNING [NAT-ERROR] Packet rewriting failed for NAT port 30000"});
     EXPECT_TRUE(toEngine.empty());
+}
+
+// Whoever sends them could fill the disk with them.
+TEST_F(PacketDispatcherTest, warnsOfTheFirstTenAndOfEveryHundredthOfItsKind)
+{
+    const test::LogCapture log;
+    refuseRewriting = true;
+    refuseDatagrams = true;
+    PacketDispatcher dispatcher(tunnel, pathsWithNat());
+    const PacketBytes packets[] = {
+        tcp(guest, 7, tunnel, listenPort),
+        tcp(tunnel, 5000, server, 443, tcpSyn),
+        udp(server, 4433),
+    };
+    for (int number = 1; number <= 210; ++number) {
+        for (const PacketBytes &packet : packets)
+            dispatcher.dispatch(packet.data(), packet.size(), true);
+    }
+    for (const char *kind : {"[NAT-DROP]", "[NAT-ERROR]", "[UDP-NAT] Forward failed"})
+        EXPECT_EQ(log.linesWith(kind).size(), 12) << kind;
 }
 
 TEST_F(PacketDispatcherTest, datagramsGoToTheNatRelayAsTheyAre)

@@ -1,5 +1,7 @@
 #include "tun/worker_housekeeping.h"
 
+#include "tun/worker_count.h"
+
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -38,6 +40,13 @@ TEST(WorkerHousekeeping, logsStatesAtEvery2000thCompletionOfTheFirstWorkerOnly)
 {
     EXPECT_EQ(run(0, 4500).diagnostics, (std::vector{2000, 4000}));
     EXPECT_TRUE(run(1, 4500).diagnostics.empty());
+}
+
+TEST(WorkerCount, isOneForEachProcessorAndNeverNone)
+{
+    EXPECT_EQ(workerCount(0), 1u) << "the number of processors cannot be told";
+    EXPECT_EQ(workerCount(1), 1u);
+    EXPECT_EQ(workerCount(8), 8u);
 }
 
 TEST(WorkerHousekeeping, doesWithoutTasks)

@@ -26,9 +26,16 @@ QStringList callsOf(RuvodProcess &process, const QString &prefix)
 }
 
 /// Winsock is started first and cleaned up last, once.
+void expectHardenedFirst(RuvodProcess &process)
+{
+    EXPECT_EQ(process.calls().value(0), "SetDefaultDllDirectories(0x800)");
+    EXPECT_TRUE(process.calls().value(1).startsWith("SetProcessMitigationPolicy(0xa, "));
+}
+
 void expectWinsockAround(RuvodProcess &process)
 {
-    EXPECT_EQ(process.calls().value(0), "WSAStartup(0x202, &)");
+    expectHardenedFirst(process);
+    EXPECT_EQ(process.calls().value(2), "WSAStartup(0x202, &)");
     EXPECT_EQ(process.calls().last(), "WSACleanup()");
     EXPECT_EQ(callsOf(process, "WSA").size(), 2);
 }
@@ -136,7 +143,8 @@ TEST(Entry, givesUpWithoutWinsock)
         SCOPED_TRACE(arguments.join(u' ').toStdString());
         RuvodProcess process({"fail=WSAStartup:10091"}, arguments);
         EXPECT_EQ(process.waitForEnd(), 1);
-        EXPECT_EQ(process.calls(), QStringList("WSAStartup(0x202, &)"));
+        expectHardenedFirst(process);
+        EXPECT_EQ(process.calls().mid(2), QStringList("WSAStartup(0x202, &)"));
         EXPECT_EQ(process.output(), "");
         EXPECT_EQ(process.log(), QStringList("CRITICAL: WSAStartup failed: 10091"));
         EXPECT_EQ(process.errors().count('\n'), 1);

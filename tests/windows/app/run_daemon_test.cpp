@@ -54,16 +54,26 @@ void stopAndExpectACleanEnd(RuvodProcess &process)
     EXPECT_EQ(process.output(), "");
 }
 
-TEST(RunDaemon, logsItsLifeInOrder)
+TEST(RunDaemon, logsItsLifeInOrderFromBeforeTheApplicationOn)
 {
-    RuvodProcess process({});
+    RuvodProcess process({"log-early"});
     ASSERT_TRUE(process.waitForState(SERVICE_RUNNING)) << process.errors().toStdString();
     stopAndExpectACleanEnd(process);
     EXPECT_EQ(lifeLines(process.log()), wholeLife);
+    EXPECT_EQ(process.log().value(0), "INFO: logged while the application is made");
     EXPECT_EQ(process.notes("the daemon is gone").size(), 1);
     // Every line of its standard error is one of the log, and none is for developers.
     EXPECT_EQ(process.log().size(), process.errors().count('\n'));
     EXPECT_TRUE(process.log().filter("DEBUG").isEmpty());
+}
+
+TEST(RunDaemon, takesControlsThoughItsLogBlocks)
+{
+    RuvodProcess process({"sessions=1", "first-thread-log-blocks"});
+    ASSERT_TRUE(process.waitForState(SERVICE_RUNNING));
+    EXPECT_EQ(process.control(128), DWORD{NO_ERROR});
+    stopAndExpectACleanEnd(process);
+    EXPECT_EQ(lifeLines(process.log()), wholeLife);
 }
 
 TEST(RunDaemon, stopsOnTheSystemsShutdown)
@@ -105,7 +115,8 @@ TEST(RunDaemon, tellsEveryClientToCloseOnTheInstallersControl)
     EXPECT_EQ(process.log().count(received), 1);
     EXPECT_EQ(process.log().count(told), 1);
     EXPECT_LT(process.log().indexOf(received), process.log().indexOf(told));
-    EXPECT_EQ(process.notes("broadcast "), QStringList("on the daemon's thread"));
+    // A note for standard error and one for the file.
+    EXPECT_EQ(process.notes("broadcast "), QStringList(2, "on the daemon's thread"));
     EXPECT_EQ(process.reports(), QStringList({startPending, running}));
     stopAndExpectACleanEnd(process);
 }
@@ -221,7 +232,7 @@ TEST(RunDaemon, refusesAnOptionThatItDoesNotKnow)
     EXPECT_EQ(process.waitForEnd(), 1);
     EXPECT_EQ(process.output(), "");
     EXPECT_EQ(process.errors(), "Unknown option 'bogus'.\n");
-    EXPECT_EQ(process.reports(), QStringList({startPending, stopped}));
+    EXPECT_EQ(process.reports(), QStringList({startPending, failed}));
 }
 
 } // namespace

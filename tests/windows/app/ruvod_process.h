@@ -15,8 +15,10 @@ namespace ruvo::test {
 ///
 /// Options say what Windows does: "fail=FUNCTION:ERROR" (a call of the first thread fails), "dispatcher-error=N",
 /// "sessions=1,2", "stop-at-running" (a stop in the instant of the running report), "returns-when-stopped" (so does
-/// the dispatcher), "late-controls" (128 and stop while the daemon is destroyed), and what the daemon does:
-/// "start-fails", "start-raises", "slow-destruction" (ends only after the first thread had time to go on).
+/// the dispatcher), "late-controls" (128 and stop while the daemon is destroyed), "first-thread-log-blocks" (the
+/// log's file, for good, where the first thread opens it), and what the daemon does: "log-early" (a line while the
+/// application is made), "start-fails", "start-raises", "slow-destruction" (ends only after the first thread had time
+/// to go on).
 class RuvodProcess
 {
 public:

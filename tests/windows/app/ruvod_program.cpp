@@ -3,22 +3,28 @@
 
 #include "app/entry.h"
 
-#include "windows/app/linker_seams.h"
+#include "common/log_category.h"
+#include "daemon/ruvo_daemon.h"
+#include "ipc/communication_server.h"
+#include "ipc/session_listing.h"
 #include "windows/support/call_journal.h"
 #include "windows/support/child_process.h"
 #include "windows/support/fake_service_manager.h"
 #include "windows/support/fake_sessions.h"
 #include "windows/support/signal.h"
 
+#include <QCoreApplication>
 #include <QStringList>
 
 #include <winsock2.h>
 
+#include <atomic>
 #include <cstdio>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -73,6 +79,8 @@ private:
 std::unique_ptr<CallJournal> watchFirstThread(const Options &options)
 {
     auto journal = std::make_unique<CallJournal>();
+    journal->watch<IMPORT(SetDefaultDllDirectories)>();
+    journal->watch<IMPORT(SetProcessMitigationPolicy)>();
     journal->watch<IMPORT(WSAStartup)>(FailsWith::errorCode);
     journal->watch<IMPORT(WSACleanup)>(FailsWith::minusOne);
     journal->watch<IMPORT(CreateEventW)>();
@@ -91,28 +99,79 @@ std::unique_ptr<CallJournal> watchFirstThread(const Options &options)
     return journal;
 }
 
-void setSeams(const Options &options, FakeServiceManager &manager, Signal &entryReturned)
+/// A listening side that does at its start what an option says.
+class TestServer : public CommunicationServer
 {
-    LinkerSeams &seams = linkerSeams();
-    if (options.has("start-fails"))
-        seams.communicationServerStart = [] { return false; };
-    if (options.has("start-raises"))
-        seams.communicationServerStart = []() -> bool { throw std::runtime_error("no"); };
-    seams.beforeBroadcast = [](bool onItsThread) {
-        note(onItsThread ? "broadcast on the daemon's thread" : "broadcast on another thread");
-    };
-    seams.beforeDaemonDestruction = [&, late = options.has("late-controls")] {
-        note("destroying the daemon");
-        if (late) {
-            note("late 128: " + resultText(manager.control(128)));
-            note("late stop: " + resultText(manager.control(SERVICE_CONTROL_STOP)));
+public:
+    explicit TestServer(const Options &options)
+        : CommunicationServer(activeSessions)
+        , m_fails(options.has("start-fails"))
+        , m_raises(options.has("start-raises"))
+    {}
+
+    bool start(const QString &serverName) override
+    {
+        if (m_raises)
+            throw std::runtime_error("no");
+        return !m_fails && CommunicationServer::start(serverName);
+    }
+
+private:
+    const bool m_fails;
+    const bool m_raises;
+};
+
+/// The thread that the daemon lives on.
+std::atomic<DWORD> s_daemonThread = 0;
+
+/// The daemon with what is noted around its destruction.
+std::shared_ptr<RuvoDaemon> makeTestDaemon(const Options &options, FakeServiceManager &manager, Signal &entryReturned)
+{
+    s_daemonThread = GetCurrentThreadId();
+    const bool late = options.has("late-controls");
+    const bool slow = options.has("slow-destruction");
+    return {new RuvoDaemon(std::make_unique<TestServer>(options)), [&, late, slow](RuvoDaemon *daemon) {
+                note("destroying the daemon");
+                if (late) {
+                    note("late 128: " + resultText(manager.control(128)));
+                    note("late stop: " + resultText(manager.control(SERVICE_CONTROL_STOP)));
+                }
+                delete daemon;
+                if (slow && entryReturned.wait(slowDestructionTime))
+                    note("the first thread did not wait");
+                note("the daemon is gone");
+            }};
+}
+
+/// Notes on which thread the daemon tells its clients to close, from the line that it logs.
+auto watchBroadcast()
+{
+    using Redirection = ImportRedirection<IMPORT(WriteFile)>;
+    return std::make_unique<Redirection>([next = Redirection::current()](HANDLE file, LPCVOID bytes, DWORD size,
+                                                                         LPDWORD written, LPOVERLAPPED overlapped) {
+        if (std::string_view(static_cast<const char *>(bytes), size).contains("Broadcasting shutdown request")) {
+            const bool onItsThread = GetCurrentThreadId() == s_daemonThread;
+            note(onItsThread ? "broadcast on the daemon's thread" : "broadcast on another thread");
         }
-    };
-    seams.afterDaemonDestruction = [&, slow = options.has("slow-destruction")] {
-        if (slow && entryReturned.wait(slowDestructionTime))
-            note("the first thread did not wait");
-        note("the daemon is gone");
-    };
+        return next(file, bytes, size, written, overlapped);
+    });
+}
+
+/// A log that blocks for good where the first thread writes to it.
+auto blockLogOfThisThread()
+{
+    using Redirection = ImportRedirection<IMPORT(CreateFileW)>;
+    return std::make_unique<Redirection>(
+        [next = Redirection::current(), thread = GetCurrentThreadId()](LPCWSTR path, auto... others) {
+            if (GetCurrentThreadId() == thread && std::wstring_view(path).ends_with(L"ruvod.log"))
+                Sleep(INFINITE);
+            return next(path, others...);
+        });
+}
+
+void logBeforeTheApplication()
+{
+    qCInfo(lcRuvod) << "logged while the application is made";
 }
 
 /// Held from a control to the note of its result, so that the process does not end between them.
@@ -158,8 +217,11 @@ int runRuvod(const QStringList &arguments)
             manager.post(SERVICE_CONTROL_STOP);
     });
 
+    if (options.has("log-early"))
+        qAddPreRoutine(logBeforeTheApplication);
+    const auto broadcast = watchBroadcast();
+    const auto blockedLog = options.has("first-thread-log-blocks") ? blockLogOfThisThread() : nullptr;
     Signal entryReturned;
-    setSeams(options, manager, entryReturned);
     const auto journal = watchFirstThread(options);
     std::thread([&manager] { takeControls(manager); }).detach();
 
@@ -170,7 +232,8 @@ int runRuvod(const QStringList &arguments)
     for (std::wstring &text : texts)
         pointers.push_back(text.data());
     pointers.push_back(nullptr);
-    const int status = runEntry(static_cast<int>(texts.size()), pointers.data());
+    const int status = runEntry(static_cast<int>(texts.size()), pointers.data(),
+                                [&] { return makeTestDaemon(options, manager, entryReturned); });
 
     entryReturned.set();
     const std::lock_guard lock(s_controlling);

@@ -122,7 +122,7 @@ TEST_F(DaemonLogFile, getsEachLineInOneAppendingWrite)
 
     const std::string open =
         "CreateFileW(\"" + QDir::toNativeSeparators(m_path).toStdString()
-        + "\", 4, 7, null, 4, 0x80, null)"; // FILE_APPEND_DATA, shared with everybody, OPEN_ALWAYS
+        + "\", 4, 7, null, 4, 0x100080, null)"; // FILE_APPEND_DATA, shared with everybody, OPEN_ALWAYS, anonymous
     const std::vector<std::string> lines = journal.lines();
     EXPECT_EQ(journal.count(open), 2u);
     for (auto call = std::ranges::find(lines, open); call != lines.end();

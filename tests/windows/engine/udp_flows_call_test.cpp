@@ -3,6 +3,7 @@
 #include "windows/engine/udp_flows_fixture.h"
 
 #include "support/qt_printers.h"
+#include "windows/io/socket_type.h"
 #include "windows/support/import_redirection.h"
 
 #include <mswsock.h>
@@ -138,6 +139,23 @@ TEST_F(UdpFlowsCallTest, saysThatTheDataSocketCannotBeConnected)
 {
     expectGivenUpWhenCallFails<IMPORT(connect)>(1, SOCKET_ERROR, WSAENETUNREACH,
                                                 {"WARNING Failed to setup UDP relay socket"});
+}
+
+TEST_F(UdpFlowsCallTest, takesNothingThatCameBeforeItsSocketWasConnected)
+{
+    const AssociationServer stranger;
+    const ImportRedirection<IMPORT(connect)> forging([&](SOCKET socket, const sockaddr *peer, int size) {
+        if (socketType(socket) == SOCK_DGRAM) {
+            stranger.answer({{}, loopbackAddress(portOf(socket))}, header + "forged");
+            stranger.answer({{}, loopbackAddress(portOf(socket))}, "");
+        }
+        return forging.real(socket, peer, size);
+    });
+    m_proxy->answer(establish(5000), header + "true");
+    const std::optional<Packet> packet = takePacket();
+    ASSERT_TRUE(packet);
+    EXPECT_EQ(packet->payload, "true");
+    EXPECT_EQ(packetCount(), 0u);
 }
 
 TEST_F(UdpFlowsCallTest, saysThatTheDataSocketWouldBlock)

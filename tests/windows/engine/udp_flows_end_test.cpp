@@ -29,6 +29,15 @@ TEST_F(UdpFlowsTest, endsFlowsThatAreIdleFor61Seconds)
     EXPECT_EQ(m_proxy->connections(), 3);
 }
 
+// A port in TIME_WAIT for each flow of the last minutes would leave none for new ones.
+TEST_F(UdpFlowsTest, resetsTheControlConnectionOfAFlowThatEnds)
+{
+    establish(5000);
+    pass(61s);
+    m_flows->sweepIdle();
+    EXPECT_EQ(m_proxy->endOfFirst(), Ending::Reset);
+}
+
 TEST_F(UdpFlowsTest, opensANewAssociationAfterTheProxyEndedTheOldOne)
 {
     establish(5000);

@@ -83,6 +83,14 @@ void AssociationServer::endAssociations()
     m_kept.clear();
 }
 
+Ending AssociationServer::endOfFirst()
+{
+    waitForAll();
+    const std::lock_guard lock(m_mutex);
+    const Socket first = m_kept.front().take();
+    return readToEnd(first.get());
+}
+
 AssociationServer::Datagram AssociationServer::receive() const
 {
     Datagram datagram;

@@ -50,6 +50,8 @@ public:
     void babble();
     /// Ends the control connections that there are.
     void endAssociations();
+    /// How the client ends the control connection that was asked for first.
+    Ending endOfFirst();
 
 private:
     void serve(ProxyConnection &client);

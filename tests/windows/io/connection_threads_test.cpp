@@ -129,6 +129,9 @@ TEST(ConnectionThreads, goOnWhenAThreadCannotBeStarted)
             });
         EXPECT_FALSE(threads.post([&] { ++done; })) << "nobody is there to do it";
         EXPECT_EQ(log.lines(), QStringList{"WARNING Failed to start a connection thread: 11"});
+        for (int number = 2; number <= 210; ++number)
+            EXPECT_FALSE(threads.post([&] { ++done; }));
+        EXPECT_EQ(log.lines().size(), 12) << "the first ten and every hundredth";
     }
     Gate gate;
     EXPECT_TRUE(threads.post([&] {

@@ -83,6 +83,21 @@ TEST_F(DirectConnectTest, connectsEvenWhenItCannotBind)
         (QStringList{m_usingDirect, "WARNING [TCP-NAT] Failed to bind to physical interface 7 - Error: 10022"}));
 }
 
+TEST_F(DirectConnectTest, saysTenTimesAndThenSeldomThatItCannotBind)
+{
+    const auto redirection = answeringInterface([](const QByteArray &) {
+        WSASetLastError(WSAEINVAL);
+        return SOCKET_ERROR;
+    });
+    m_physicalInterface = 7;
+    routeDirectlyTo(closedPort());
+    for (int number = 0; number < 210; ++number)
+        relay();
+    EXPECT_TRUE(waitUntil([this] { return m_connector->waiting() == 0; }));
+    EXPECT_EQ(m_log.linesWith("Failed to bind to physical interface").size(), cappedLines(210));
+    EXPECT_EQ(m_log.linesWith("Failed to connect directly to").size(), cappedLines(210));
+}
+
 TEST_F(DirectConnectTest, doesNotBindWhileTheInterfaceIsNotKnown)
 {
     std::atomic<int> calls = 0;
@@ -131,7 +146,8 @@ TEST_F(DirectConnectTest, thatNobodyAnswersHoldsUpNobodyAndIsGivenUpAfterTenSeco
     }
     const QString line = QStringLiteral("WARNING [TCP-NAT] Failed to connect directly to 127.0.0.1:%1 - Error: 10060")
                              .arg(mute.number());
-    EXPECT_EQ(m_log.linesWith(line).size(), 300);
+    EXPECT_EQ(m_log.linesWith(line).size(), cappedLines(300));
+    EXPECT_EQ(m_log.linesWith("Using DIRECT routing").size(), cappedLines(301));
 }
 
 } // namespace

@@ -58,6 +58,11 @@ Ending readToEnd(SOCKET socket, QByteArray *bytes = nullptr, bool canSend = true
 /// Sends until nothing more is taken for half a second; what was sent. Leaves the socket non-blocking.
 QByteArray sendUntilStalled(SOCKET socket, unsigned seed = 1);
 void resetConnection(Socket &socket);
+/// How many lines are written of so many of a kind, where it is the first ten and every hundredth.
+constexpr qsizetype cappedLines(qsizetype count)
+{
+    return count < 10 ? count : 10 + count / 100;
+}
 
 /// Listens on 127.0.0.1 and serves each connection by the script on a thread of its own. The script's connections
 /// have to have ended when this goes: the product's end is closed first.

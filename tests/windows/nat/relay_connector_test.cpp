@@ -140,6 +140,7 @@ TEST_F(RelayConnectorTest, resetsTheClientWhenTheProxyHostIsNoAddress)
 
 TEST_F(RelayConnectorTest, refusesMoreClientsThanItMayHold)
 {
+    static_assert(RelayConnector::maxConnections == 16384);
     m_connector = makeConnector(L"127.0.0.1", 3);
     startProxy([](ProxyConnection &proxied, int number) {
         takeRequest(proxied, addressRequest.size());
@@ -191,6 +192,30 @@ TEST_F(RelayConnectorTest, saysAtWhichStepTheProxyFails)
         expectRefused(relay());
         EXPECT_EQ(m_log.lines(), (QStringList{failure.line, "WARNING [TCP-NAT] Failed to connect to SOCKS5 proxy"}));
     }
+}
+
+TEST_F(RelayConnectorTest, saysTenTimesAndThenSeldomThatAProxyFails)
+{
+    constexpr int clients = 210;
+    m_name = "example.com";
+    startProxy([](ProxyConnection &proxied, int) {
+        proxied.receive(3);
+        proxied.send(QByteArray::fromHex("0502"));
+        proxied.waitForEnd();
+    });
+    for (int number = 0; number < clients; ++number)
+        expectRefused(relay());
+    // Each by name and by address.
+    EXPECT_EQ(m_log.linesWith("SOCKS5 authentication failed").size(), 2 * cappedLines(clients));
+    EXPECT_EQ(m_log.linesWith("[TCP-NAT] Failed to connect to SOCKS5 proxy").size(), cappedLines(clients));
+
+    m_log.clear();
+    m_name = std::string(256, 'x');
+    routeThrough(closedPort());
+    for (int number = 0; number < clients; ++number)
+        expectRefused(relay());
+    EXPECT_EQ(m_log.linesWith("Invalid domain name length").size(), cappedLines(clients));
+    EXPECT_EQ(m_log.linesWith("Failed to connect to proxy: 10061").size(), cappedLines(clients));
 }
 
 TEST_F(RelayConnectorTest, saysThatTheWayOutCannotBePutOnThePort)

@@ -2,6 +2,8 @@
 
 #include "windows/nat/relay_session_fixture.h"
 
+#include "common/steady_clock.h"
+
 #include <future>
 
 namespace ruvo::test {
@@ -30,7 +32,7 @@ TEST_F(RelayEndTest, endsBothConnectionsAfterTheApplicationsLastByte)
         return sendAll(ends.application.get(), bytes) && shutdown(ends.application.get(), SD_SEND) == 0;
     });
     QByteArray received;
-    EXPECT_EQ(readToEnd(ends.server.get(), &received), Ending::Proper);
+    EXPECT_EQ(readToEnd(ends.server.get(), &received, false), Ending::Proper);
     EXPECT_TRUE(received == bytes);
     EXPECT_TRUE(sender.get());
     EXPECT_EQ(readToEnd(ends.application.get(), nullptr, false), Ending::Proper) << "the other direction ends too";
@@ -56,6 +58,19 @@ TEST_F(RelayEndTest, endsBothConnectionsAfterTheServersLastByte)
     ends.relay.reset();
     ends.application.reset();
     EXPECT_TRUE(waitForClosed(1));
+}
+
+// Nothing is sent to a side whose receive is to be given up: that would end the receive by itself.
+TEST_F(RelayEndTest, endsTheOtherDirectionThoughItIsSilent)
+{
+    for (const bool isUploadFirst : {true, false}) {
+        const Ends ends = start();
+        const SOCKET first = (isUploadFirst ? ends.application : ends.server).get();
+        const SOCKET silent = (isUploadFirst ? ends.server : ends.application).get();
+        ASSERT_EQ(shutdown(first, SD_SEND), 0);
+        EXPECT_EQ(readToEnd(silent, nullptr, false), Ending::Proper);
+        EXPECT_EQ(readToEnd(first, nullptr, false), Ending::Proper) << "the silent one is told to be done as well";
+    }
 }
 
 TEST_F(RelayEndTest, deliversFirstWordsThatCameBeforeItsStartAndAnEnd)
@@ -125,6 +140,21 @@ TEST_F(RelayEndTest, stillDeliversAnUploadWhoseSenderHasGoneWithoutReadingTheAns
     ends.relay.reset();
     ends.server.reset();
     EXPECT_TRUE(waitForClosed(1));
+}
+
+TEST_F(RelayEndTest, isNotOverdueWhileASendIsInFlight)
+{
+    const Ends ends = start();
+    const QByteArray sent = sendUntilStalled(ends.server.get());
+    const std::uint64_t taken = settledDownload(*ends.relay);
+    ASSERT_EQ(shutdown(ends.application.get(), SD_SEND), 0);
+    EXPECT_EQ(readToEnd(ends.server.get(), nullptr, false), Ending::Proper) << "the relay has seen the end";
+    ends.relay->closeIfOverdue(steadyNow() + 10 * RelaySession::endingTime);
+    EXPECT_EQ(m_closed, 0);
+    QByteArray received;
+    EXPECT_EQ(readToEnd(ends.application.get(), &received, false), Ending::Proper);
+    EXPECT_GE(static_cast<std::uint64_t>(received.size()), taken) << "all that was taken for it is delivered";
+    EXPECT_TRUE(sent.startsWith(received));
 }
 
 TEST_F(RelayEndTest, dropsWhatComesAfterTheOtherDirectionsEnd)

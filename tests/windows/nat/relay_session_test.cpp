@@ -3,6 +3,7 @@
 #include "common/steady_clock.h"
 
 #include <future>
+#include <thread>
 
 namespace ruvo::test {
 namespace {
@@ -40,6 +41,19 @@ TEST_F(RelaySessionTest, carriesWhatCameBeforeItsStart)
     ASSERT_TRUE(sendAll(ends.server.get(), "220 ready"));
     ends.relay->start();
     EXPECT_EQ(receiveBytes(ends.application.get(), 9), "220 ready");
+}
+
+// Windows cancels what a thread has in flight when that thread ends, unless its completions go to a port.
+TEST_F(RelaySessionTest, outlivesTheThreadThatStartedIt)
+{
+    const Ends ends = make();
+    std::thread([&] { ends.relay->start(); }).join();
+    EXPECT_EQ(m_port.inFlight(), 2);
+    ASSERT_TRUE(sendAll(ends.application.get(), "question"));
+    EXPECT_EQ(receiveBytes(ends.server.get(), 8), "question");
+    ASSERT_TRUE(sendAll(ends.server.get(), "answer"));
+    EXPECT_EQ(receiveBytes(ends.application.get(), 6), "answer");
+    EXPECT_EQ(m_closed, 0);
 }
 
 TEST_F(RelaySessionTest, holdsUpASenderWhoseReaderStallsAndLosesNothing)

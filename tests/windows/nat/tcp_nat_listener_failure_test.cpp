@@ -4,8 +4,10 @@
 
 #include "windows/support/call_journal.h"
 #include "windows/support/child_process.h"
+#include "windows/support/import_redirection.h"
 
 #include <atomic>
+#include <cstdlib>
 #include <map>
 
 namespace ruvo::test {
@@ -121,6 +123,35 @@ TEST_F(TcpNatListenerFailureTest, acceptsAgainAfterAnAcceptThatFailed)
     connectClient();
     EXPECT_TRUE(takeAccepted());
     EXPECT_EQ(m_log.linesWith("AcceptEx completion failed").size(), 1);
+}
+
+/// Its own attributes are nothing for a template argument.
+using Malloc = Import<void *(std::size_t), "malloc">;
+
+TEST_F(TcpNatListenerFailureTest, resetsAClientThatThereIsNoSessionFor)
+{
+    ASSERT_TRUE(start());
+    Client client = connectClient();
+    ASSERT_TRUE(takeAccepted());
+    resetConnection(client.socket);
+    std::atomic<int> refused = 0;
+    {
+        // The same client port once more is another connection, which gets a session of its own.
+        const ImportRedirection<Malloc> none(
+            [&, own = GetCurrentThreadId(), next = ImportRedirection<Malloc>::current()](std::size_t size) {
+                if (GetCurrentThreadId() == own || size != sizeof(TcpNatSession))
+                    return next(size);
+                ++refused;
+                return static_cast<void *>(nullptr);
+            });
+        const Socket again = connectFrom(client.natPort);
+        ASSERT_TRUE(again);
+        EXPECT_EQ(readToEnd(again.get()), Ending::Reset);
+    }
+    EXPECT_EQ(refused, 1);
+    EXPECT_EQ(acceptedCount(), 0u);
+    connectClient();
+    EXPECT_TRUE(takeAccepted()) << "the next one is served";
 }
 
 /// A listener of a process of its own, where AcceptEx has not been asked for yet.

@@ -1,5 +1,6 @@
 // Associations that cannot be opened, and calls of open ones that fail.
 
+#include "windows/io/socket_type.h"
 #include "windows/nat/udp_nat_fixture.h"
 
 #include "windows/support/import_redirection.h"
@@ -52,6 +53,24 @@ protected:
             return result;
         });
     }
+};
+
+/// Sends of datagrams, which have a header and a payload and wait for nothing, fail.
+class FailingSends
+{
+public:
+    explicit FailingSends(int error) : m_error(error) {}
+
+private:
+    const int m_error;
+    const ImportRedirection<IMPORT(WSASend)> m_none{[this, next = ImportRedirection<IMPORT(WSASend)>::current()](
+                                                        SOCKET socket, LPWSABUF parts, DWORD count, LPDWORD sent,
+                                                        DWORD flags, LPWSAOVERLAPPED overlapped, auto routine) {
+        if (overlapped || count != 2)
+            return next(socket, parts, count, sent, flags, overlapped, routine);
+        WSASetLastError(m_error);
+        return SOCKET_ERROR;
+    }};
 };
 
 TEST_F(UdpNatFailureTest, saysThatThereIsNoProxy)
@@ -240,21 +259,56 @@ TEST_F(UdpNatFailureTest, opensAnewWhenTheControlConnectionCannotBeWatched)
     EXPECT_EQ(m_relay->sessions(), 1u);
 }
 
+TEST_F(UdpNatFailureTest, saysThatItCannotConnectItsSocket)
+{
+    startRelay();
+    const ImportRedirection<IMPORT(connect)> none([&](SOCKET socket, const sockaddr *peer, int size) {
+        if (socketType(socket) != SOCK_DGRAM)
+            return none.real(socket, peer, size);
+        WSASetLastError(WSAENETUNREACH);
+        return SOCKET_ERROR;
+    });
+    expectGivenUp("WARNING [UDP-NAT] Failed to connect UDP socket: 10051");
+}
+
+TEST_F(UdpNatFailureTest, saysThatItsSocketWouldBlock)
+{
+    startRelay();
+    const ImportRedirection<IMPORT(ioctlsocket)> none([&](SOCKET socket, long command, u_long *value) {
+        if (socketType(socket) != SOCK_DGRAM)
+            return none.real(socket, command, value);
+        WSASetLastError(WSAENOBUFS);
+        return SOCKET_ERROR;
+    });
+    expectGivenUp("WARNING [UDP-NAT] Failed to connect UDP socket: 10055");
+}
+
 TEST_F(UdpNatFailureTest, refusesADatagramThatCannotBeSent)
 {
     startRelay();
     establish(5000);
     {
-        const ImportRedirection<IMPORT(WSASendTo)> none([](SOCKET, LPWSABUF, DWORD, LPDWORD, DWORD, const sockaddr *,
-                                                           int, LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE) {
-            WSASetLastError(WSAENOBUFS);
-            return SOCKET_ERROR;
-        });
+        const FailingSends none(WSAENOBUFS);
         EXPECT_FALSE(forward(5000, "x"));
         EXPECT_TRUE(m_log.contains("WARNING [UDP-NAT] Failed to send to relay: 10055"));
     }
     establish(5000, "the association still stands");
     EXPECT_EQ(m_proxy->connections(), 1);
+}
+
+// The relay is alive and well, and another association would do no better.
+TEST_F(UdpNatFailureTest, losesADatagramThatTheSocketHasNoRoomForOrThatHearsOfARefusal)
+{
+    startRelay();
+    establish(5000);
+    for (const int error : {WSAEWOULDBLOCK, WSAECONNRESET, WSAECONNREFUSED}) {
+        const FailingSends none(error);
+        EXPECT_TRUE(forward(5000, "lost"));
+    }
+    establish(5000, "the association still stands");
+    EXPECT_EQ(m_proxy->connections(), 1);
+    EXPECT_TRUE(m_log.linesWith("WARNING").isEmpty()) << m_log.lines().join('\n').toStdString();
+    EXPECT_TRUE(refused().empty());
 }
 
 } // namespace

@@ -35,15 +35,36 @@ void AssociationProxy::serve(ProxyConnection &connection)
     m_kept.push_back(std::move(connection));
 }
 
-void AssociationProxy::endAssociations()
+/// A client may know that its association stands before this side has put the connection away.
+void AssociationProxy::waitForAll()
 {
-    // A client may know that its association stands before this side has put the connection away.
     EXPECT_TRUE(waitUntil([this] {
         const std::lock_guard lock(m_mutex);
         return std::cmp_equal(m_kept.size(), connections());
     }));
+}
+
+void AssociationProxy::babble()
+{
+    waitForAll();
+    const std::lock_guard lock(m_mutex);
+    for (ProxyConnection &connection : m_kept)
+        connection.send("b");
+}
+
+void AssociationProxy::endAssociations()
+{
+    waitForAll();
     const std::lock_guard lock(m_mutex);
     m_kept.clear();
+}
+
+Ending AssociationProxy::endOfFirst()
+{
+    waitForAll();
+    const std::lock_guard lock(m_mutex);
+    const Socket first = m_kept.front().take();
+    return readToEnd(first.get());
 }
 
 AssociationProxy::Datagram AssociationProxy::receive() const

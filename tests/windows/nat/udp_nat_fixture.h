@@ -44,11 +44,16 @@ public:
     /// The next datagram, waited for; empty if there is none.
     Datagram receive() const;
     void answer(const Datagram &to, const QByteArray &bytes) const;
+    /// Says something on every control connection, where nothing is to be said.
+    void babble();
     /// Ends the control connections that there are.
     void endAssociations();
+    /// How the client ends the control connection that was asked for first.
+    Ending endOfFirst();
 
 private:
     void serve(ProxyConnection &client);
+    void waitForAll();
 
     const Answers m_answers;
     Socket m_udp;

@@ -69,6 +69,7 @@ struct FakeWintun::Functions
     {
         const std::lock_guard lock(s_fake->m_mutex);
         if (s_fake->m_incoming.empty() || s_fake->m_isHeld) {
+            ++s_fake->emptyReceives;
             SetLastError(s_fake->m_emptyError);
             return nullptr;
         }
@@ -168,11 +169,11 @@ FakeWintun::~FakeWintun()
     s_fake = nullptr;
 }
 
-void FakeWintun::deliver(const QByteArray &packet)
+void FakeWintun::deliver(const QByteArray &packet, std::size_t count)
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_incoming.push_back(packet);
+        m_incoming.insert(m_incoming.end(), count, packet);
     }
     SetEvent(m_readEvent);
 }

@@ -8,6 +8,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <deque>
 #include <mutex>
 
@@ -39,10 +40,12 @@ public:
     /// So many attempts to allocate fail; a negative number: all of them.
     int allocateFailures = 0;
 
-    /// A packet for the reader.
-    void deliver(const QByteArray &packet);
+    /// A packet for the reader, or so many at once.
+    void deliver(const QByteArray &packet, std::size_t count = 1);
     /// What the reader is told when there is no packet; ERROR_NO_MORE_ITEMS until then.
     void endReading(DWORD error);
+    /// How often the reader looked and there was no packet.
+    std::atomic<int> emptyReceives = 0;
 
     /// In order: the library's loading, what is looked up in it, its functions with their arguments, and that it is
     /// freed.

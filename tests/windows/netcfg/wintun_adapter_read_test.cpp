@@ -14,8 +14,10 @@
 #include <process.h>
 
 #include <chrono>
+#include <mutex>
 #include <optional>
 #include <system_error>
+#include <vector>
 
 namespace ruvo {
 namespace {
@@ -214,6 +216,37 @@ TEST_F(WintunAdapterRead, thatEndedByItselfGoesWithTheAdapter)
     m_fake.deliver("one");
     EXPECT_TRUE(ends());
     m_adapter.reset();
+}
+
+TEST_F(WintunAdapterRead, looksAgainBeforeItSleepsOnlyWhilePacketsAreDense)
+{
+    std::mutex mutex;
+    std::vector<int> looks; // how many there had been at each sleep
+    const test::ImportRedirection<IMPORT(WaitForMultipleObjects)> wait([&](auto... arguments) {
+        {
+            const std::lock_guard lock(mutex);
+            looks.push_back(m_fake.emptyReceives);
+        }
+        return wait.real(arguments...);
+    });
+    const auto looksAtSleep = [&](std::size_t number) {
+        EXPECT_TRUE(waitUntil([&] {
+            const std::lock_guard lock(mutex);
+            return looks.size() >= number;
+        }));
+        const std::lock_guard lock(mutex);
+        return looks.at(number - 1);
+    };
+
+    m_adapter->startReading();
+    EXPECT_EQ(looksAtSleep(1), 1);
+    m_fake.deliver("alone");
+    EXPECT_EQ(looksAtSleep(2), 2);
+    // They are dense if each takes less than 100 us, and the first has 2 s to come.
+    m_fake.deliver("one of many", 20'000);
+    EXPECT_GE(looksAtSleep(3), 4) << "it sleeps in the end, but not at once";
+    EXPECT_EQ(m_fake.released().size(), 20'001);
+    m_adapter->stopReading(); // no longer waits through this test
 }
 
 TEST_F(WintunAdapterRead, failsWithoutATraceIfThereCanBeNoThread)

@@ -129,6 +129,21 @@ TEST_F(ManagedProcessExit, isFollowedByARunWithNewHandlesProcessIdAndStartTime)
     EXPECT_TRUE(test::waitUntil([this] { return count("stdout ready") == 2; }));
 }
 
+TEST_F(ManagedProcessExit, isFollowedByARunOfTheSpecificationAsItWasGiven)
+{
+    const QStringList script = {"--exit", "3"};
+    ASSERT_TRUE(start(script, {{"auto-restart", true}, {"restart-delay-ms", 60000}}));
+    ASSERT_TRUE(test::waitUntil([this] { return process->info().restartAttempts == 1; }));
+    process->stop(0); // which takes the settings back
+    ASSERT_FALSE(process->info().autoRestart);
+    process->attemptRestart();
+    EXPECT_EQ(count("started"), 2);
+    EXPECT_TRUE(process->info().autoRestart);
+    EXPECT_EQ(process->info().arguments, script);
+    EXPECT_EQ(log.linesWith("Will create process in session").size(), 2);
+    EXPECT_TRUE(test::waitUntil([this] { return process->info().restartAttempts == 1; }));
+}
+
 TEST_F(ManagedProcessExit, withCodeZeroIsFinal)
 {
     ASSERT_TRUE(start({"--exit", "0"}, {{"auto-restart", true}, {"restart-delay-ms", 0}}));

@@ -120,6 +120,25 @@ TEST_F(ManagedProcessKill, ofAChildThatHadEndedBeforeStillTellsItsEnd)
     EXPECT_EQ(heard, QStringList({"started", "finished 4"}));
 }
 
+TEST_F(ManagedProcessKill, andANewStartAreNotEndedByAnExitBeforeThem)
+{
+    ASSERT_TRUE(start({"--exit", "4"}));
+    const KernelHandle child = openChild();
+    ASSERT_TRUE(hasEnded(child));
+    // The exit waits for the service thread, which has not looked at it when the next run starts.
+    QElapsedTimer timer;
+    timer.start();
+    while (!log.contains("Queued handleProcessExit") && timer.elapsed() < 15000)
+        Sleep(10);
+    process->kill();
+    ASSERT_TRUE(start(waiting));
+    test::processPending();
+    EXPECT_FALSE(heard.contains("finished 4"));
+    EXPECT_TRUE(process->isRunning());
+    EXPECT_FALSE(log.contains("handleProcessExit] Processing"));
+    EXPECT_TRUE(waitFor("stdout ready"));
+}
+
 TEST_F(ManagedProcessKill, logsATerminationThatFailsAndLetsTheChildGo)
 {
     ASSERT_TRUE(startReady(waiting));

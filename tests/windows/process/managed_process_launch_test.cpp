@@ -62,62 +62,63 @@ TEST_F(ManagedProcessLaunch, tellsTheStartBeforeItReturnsAndBeforeTheThreadsStar
 
 TEST_F(ManagedProcessLaunch, failsWithoutASignal)
 {
-    const std::size_t handles = test::countOwnHandles();
-    EXPECT_FALSE(start({}, {{"executable", "C:\\no such program.exe"}}));
-    EXPECT_EQ(heard, QStringList());
-    expectNoRun();
-    EXPECT_TRUE(process->info().startTime.isNull());
-    EXPECT_EQ(test::countOwnHandles(), handles);
+    EXPECT_TRUE(test::leavesNoHandles([this] {
+        EXPECT_FALSE(start({}, {{"executable", "C:\\no such program.exe"}}));
+        EXPECT_EQ(heard, QStringList());
+        expectNoRun();
+        EXPECT_TRUE(process->info().startTime.isNull());
+    }));
 }
 
 TEST_F(ManagedProcessLaunch, hasNoMonitorWhereItsEventCannotBeMade)
 {
     ASSERT_TRUE(startReady(waiting)); // what a first run opens for good
     process->kill();
-    const std::size_t handles = test::countOwnHandles();
-    {
-        const test::ImportRedirection<IMPORT(CreateEventW)> createEvent(
-            [&](LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL initial, LPCWSTR name) -> HANDLE {
-                // The only one with manual reset that this thread makes.
-                return manual ? nullptr : createEvent.real(security, manual, initial, name);
-            });
-        ASSERT_TRUE(start(waiting));
-    }
-    EXPECT_TRUE(process->isRunning());
-    EXPECT_TRUE(test::waitUntil([this] { return count("stdout ready") == 2; }));
-    const KernelHandle child = openChild();
-    TerminateProcess(child.get(), 3);
-    ASSERT_TRUE(hasEnded(child));
-    process->kill(); // and does not hang
-    expectNoRun();
-    EXPECT_TRUE(test::waitForHandles(handles + 1)); // the test's own
-    EXPECT_EQ(test::countOwnHandles(), handles + 1);
+    EXPECT_TRUE(test::leavesNoHandles([this] {
+        {
+            const test::ImportRedirection<IMPORT(CreateEventW)> createEvent(
+                [&](LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL initial, LPCWSTR name) -> HANDLE {
+                    // The only one with manual reset that this thread makes.
+                    return manual ? nullptr : createEvent.real(security, manual, initial, name);
+                });
+            heard.clear();
+            ASSERT_TRUE(start(waiting));
+        }
+        EXPECT_TRUE(process->isRunning());
+        EXPECT_TRUE(waitFor("stdout ready"));
+        const KernelHandle child = openChild();
+        TerminateProcess(child.get(), 3);
+        ASSERT_TRUE(hasEnded(child));
+        process->kill(); // and does not hang
+        expectNoRun();
+    }));
+    EXPECT_FALSE(log.contains("leaving it behind"));
 }
 
 TEST_F(ManagedProcessLaunch, runsTheChildWithoutTheThreadsThatCannotBeMade)
 {
     ASSERT_TRUE(startReady(waiting));
     process->kill();
-    const std::size_t handles = test::countOwnHandles();
     for (const int failing : {1, 2}) { // the monitor's, the reader's
-        log.clear();
-        int threads = 0;
-        {
-            const test::ImportRedirection<IMPORT(CreateThread)> createThread([&](auto... arguments) -> HANDLE {
-                if (++threads != failing)
-                    return createThread.real(arguments...);
-                SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-                return nullptr;
-            });
-            ASSERT_TRUE(start(waiting));
-        }
-        EXPECT_EQ(threads, 2);
-        EXPECT_EQ(log.linesWith("Failed to create thread").size(), 1) << log.lines().join('\n').toStdString();
-        EXPECT_TRUE(process->isRunning());
-        process->kill();
-        expectNoRun();
-        EXPECT_TRUE(test::waitForHandles(handles));
-        EXPECT_EQ(test::countOwnHandles(), handles);
+        EXPECT_TRUE(test::leavesNoHandles([&] {
+            log.clear();
+            int threads = 0;
+            {
+                const test::ImportRedirection<IMPORT(CreateThread)> createThread([&](auto... arguments) -> HANDLE {
+                    if (++threads != failing)
+                        return createThread.real(arguments...);
+                    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+                    return nullptr;
+                });
+                ASSERT_TRUE(start(waiting));
+            }
+            EXPECT_EQ(threads, 2);
+            EXPECT_EQ(log.linesWith("Failed to create thread").size(), 1) << log.lines().join('\n').toStdString();
+            EXPECT_TRUE(process->isRunning());
+            process->kill();
+            expectNoRun();
+            EXPECT_FALSE(log.contains("leaving it behind"));
+        }));
     }
 }
 
@@ -125,37 +126,38 @@ TEST_F(ManagedProcessLaunch, leavesAThreadBehindThatDoesNotEndAndItsHandlesOpen)
 {
     ASSERT_TRUE(startReady(waiting));
     process->kill();
-    const std::size_t handles = test::countOwnHandles();
+    EXPECT_TRUE(test::leavesNoHandles([this] {
+        process = std::make_unique<ManagedProcess>("child");
+        const KernelHandle release(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        const DWORD serviceThread = GetCurrentThreadId();
+        std::atomic<bool> stuck = false;
+        std::atomic<bool> released = false;
+        const test::ImportRedirection<IMPORT(Sleep)> sleep([&](DWORD milliseconds) {
+            if (GetCurrentThreadId() == serviceThread || milliseconds != 50)
+                return sleep.real(milliseconds);
+            stuck = true;
+            WaitForSingleObject(release.get(), 20000);
+            released = true;
+        });
+        ASSERT_TRUE(start(waiting));
+        const HANDLE pipe = process->info().stdoutRead;
+        ASSERT_TRUE(test::waitUntil([&] { return stuck.load(); }));
+        log.clear();
+        QElapsedTimer timer;
+        timer.start();
+        process->kill();
+        EXPECT_GE(timer.elapsed(), 1990);
+        EXPECT_LT(timer.elapsed(), 10000);
+        EXPECT_EQ(log.linesWith("WARNING"), QStringList({"WARNING [ManagedProcess] A worker thread did not end "
+                                                         "within 2000 ms, leaving it behind"}));
+        expectNoRun();
+        EXPECT_EQ(GetFileType(pipe), DWORD{FILE_TYPE_PIPE}); // still open under the reader
 
-    const KernelHandle release(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    const DWORD serviceThread = GetCurrentThreadId();
-    std::atomic<bool> stuck = false;
-    std::atomic<HANDLE> pipe = nullptr;
-    const test::ImportRedirection<IMPORT(Sleep)> sleep([&](DWORD milliseconds) {
-        if (GetCurrentThreadId() == serviceThread || milliseconds != 50)
-            return sleep.real(milliseconds);
-        stuck = true;
-        WaitForSingleObject(release.get(), 20000);
-    });
-    ASSERT_TRUE(start(waiting));
-    pipe = process->info().stdoutRead;
-    ASSERT_TRUE(test::waitUntil([&] { return stuck.load(); }));
-    log.clear();
-    QElapsedTimer timer;
-    timer.start();
-    process->kill();
-    EXPECT_GE(timer.elapsed(), 1990);
-    EXPECT_LT(timer.elapsed(), 10000);
-    EXPECT_EQ(log.linesWith("WARNING"), QStringList({"WARNING [ManagedProcess] A worker thread did not end within "
-                                                     "2000 ms, leaving it behind"}));
-    expectNoRun();
-    EXPECT_EQ(GetFileType(pipe), DWORD{FILE_TYPE_PIPE}); // still open under the reader
-
-    // The process may even go meanwhile.
-    process.reset();
-    SetEvent(release.get());
-    EXPECT_TRUE(test::waitForHandles(handles + 1)); // the event
-    EXPECT_EQ(test::countOwnHandles(), handles + 1);
+        // The process may even go meanwhile.
+        process.reset();
+        SetEvent(release.get());
+        EXPECT_TRUE(test::waitUntil([&] { return released.load(); }));
+    }));
 }
 
 TEST_F(ManagedProcessLaunch, isReleasedFromItsStreamsToItsThread)
@@ -204,14 +206,36 @@ TEST_F(ManagedProcessLaunch, isNotRunningWhereTheExitCodeCannotBeAsked)
               QStringList({R"(DEBUG [ManagedProcess] GetExitCodeProcess failed for "child" - error: 1234)"}));
 }
 
-TEST_F(ManagedProcessLaunch, writesInputToTheRunOnly)
+TEST_F(ManagedProcessLaunch, writesInputToTheRun)
 {
     ASSERT_TRUE(start({"--print", "ready", "--read-line", "--wait"}));
     ASSERT_TRUE(waitFor("stdout ready"));
     process->writeToStdin("hello\n");
     EXPECT_TRUE(waitFor(R"(stdout {"fact":"line","text":"hello"})"));
+}
+
+TEST_F(ManagedProcessLaunch, writesNoInputWhereNothingRuns)
+{
+    const auto expectNoWrite = [this] {
+        const test::ImportRedirection<IMPORT(CreateThread)> createThread([](auto...) -> HANDLE {
+            ADD_FAILURE() << "a thread is created";
+            return nullptr;
+        });
+        const test::ImportRedirection<IMPORT(WriteFile)> writeFile([](auto...) {
+            ADD_FAILURE() << "something is written";
+            return FALSE;
+        });
+        process->writeToStdin("nobody there\n");
+        test::processPending();
+    };
+    expectNoWrite(); // before the first run
+    ASSERT_TRUE(start({"--exit", "4"}));
+    ASSERT_TRUE(waitFor("finished 4"));
+    expectNoWrite();
+    ASSERT_TRUE(startReady(waiting));
+    process->writeToStdin("somebody there\n");
     process->kill();
-    process->writeToStdin("nobody there\n");
+    expectNoWrite();
 }
 
 TEST_F(ManagedProcessLaunch, keepsTheInputOfAnEarlierRunFromTheNext)

@@ -115,6 +115,45 @@ TEST_F(ManagedProcessStop, terminatesAtOnceWhatCtrlCDoesNotReach)
     EXPECT_EQ(count("finished 1"), 0);
 }
 
+TEST_F(ManagedProcessStop, terminatesAfterTwentyAttemptsWhatHasNoConsole)
+{
+    ASSERT_TRUE(startReady(obeying));
+    const qint64 pid = process->info().pid;
+    const KernelHandle child = openChild();
+    int attempts = 0;
+    const test::ImportRedirection<IMPORT(AttachConsole)> attach([&](DWORD console) {
+        EXPECT_EQ(console, pid);
+        ++attempts;
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    });
+    int pauses = 0;
+    const DWORD serviceThread = GetCurrentThreadId();
+    const test::ImportRedirection<IMPORT(Sleep)> sleep([&](DWORD milliseconds) {
+        if (GetCurrentThreadId() != serviceThread || milliseconds != 50)
+            return sleep.real(milliseconds);
+        EXPECT_EQ(++pauses, attempts);
+        EXPECT_FALSE(hasEnded(child, 0));
+    });
+    log.clear();
+    process->stop(10000);
+    EXPECT_EQ(attempts, 20);
+    EXPECT_EQ(pauses, 19);
+    EXPECT_EQ(linesWithoutPid(pid).filter(QRegularExpression("WARNING|INFO")),
+              QStringList({
+                  "WARNING [ProcessManager] Failed to attach to process console after retries",
+                  R"(WARNING [ManagedProcess::stop] Failed to send Ctrl+C to process "child" )"
+                  ", killing immediately (handle: valid )",
+                  R"(INFO [ProcessManager] Forcefully terminating process "child" with PID <pid>)",
+                  R"(INFO [ProcessManager] TerminateProcess succeeded for "child")",
+              }));
+    EXPECT_TRUE(hasEnded(child));
+    EXPECT_TRUE(nothingIsPending());
+    expectNoRun();
+    test::processPending();
+    EXPECT_EQ(heard, QStringList({"started", "stdout ready"}));
+}
+
 TEST_F(ManagedProcessStop, takesNoNoticeWhereNothingRuns)
 {
     log.clear();

@@ -43,6 +43,17 @@ protected:
         test::waitUntil([] { return false; }, std::chrono::milliseconds(milliseconds));
     }
 
+    /// The wait has ended, without a word.
+    void expectNoMoreLooks()
+    {
+        settle(300); // a look may be under way
+        const int looks = adapters.queries;
+        EXPECT_GT(looks, 0);
+        settle(500);
+        EXPECT_EQ(adapters.queries, looks);
+        EXPECT_EQ(log.lines().filter(QRegularExpression("not UP|Cannot set DNS")), QStringList());
+    }
+
     test::FakeAdapters adapters{{{L"ruvo-tun", "{01234567-89AB-CDEF-0123-456789ABCDEF}", true}}};
 
 private:
@@ -173,17 +184,59 @@ TEST_F(ProcessManagerCompanion, leavesTheRequestsOfOthersTheirTurnWhileItWaits)
     EXPECT_TRUE(answered);
 }
 
-TEST_F(ProcessManagerCompanion, mayEndWhileItsAdapterIsWaitedFor)
+TEST_F(ProcessManagerCompanion, isNotWaitedForOnceItHasEnded)
 {
     adapters.adapters.clear();
     start("child", {"--sleep", "400", "--exit", "3"}, withDns("172.19.0.2", "ruvo-tun"));
+    ASSERT_TRUE(waitFor("child", "finished: 3"));
+    EXPECT_EQ(registered(), 0);
+    expectNoMoreLooks();
+}
+
+TEST_F(ProcessManagerCompanion, isNotWaitedForOnceItWasKilled)
+{
+    adapters.adapters.clear();
+    start("child", {"--wait"}, withDns("172.19.0.2", "ruvo-tun"));
+    QTimer::singleShot(500, [this] { manager->killProcess("child"); });
+    ASSERT_TRUE(test::waitUntil([this] { return log.contains("TerminateProcess succeeded"); }));
+    EXPECT_EQ(registered(), 1); // of which nothing runs
+    expectNoMoreLooks();
+}
+
+TEST_F(ProcessManagerCompanion, isNotEvenBegunToBeWaitedForAfterItsEnd)
+{
+    start("child", {"--wait"}, withDns("172.19.0.2", "ruvo-tun"));
+    manager->killProcess("child");
+    settle(300);
+    EXPECT_FALSE(log.contains("Configuring DNS"));
+    EXPECT_EQ(adapters.queries, 0);
+}
+
+TEST_F(ProcessManagerCompanion, isWaitedForWhileItIsRestarted)
+{
+    adapters.adapters.clear();
+    QJsonObject more = withDns("172.19.0.2", "ruvo-tun");
+    more["auto-restart"] = true;
+    more["restart-delay-ms"] = 600;
+    start("child", {"--sleep", "300", "--exit", "3"}, more);
     adapters.onQuery = [this](int) {
-        if (eventsOf("child").contains("finished: 3"))
+        if (eventsOf("child").count("started") == 2)
             adapters.adapters = {{L"ruvo-tun", "{1}", true}};
     };
-    ASSERT_TRUE(test::waitUntil([this] { return log.contains("is UP after"); }));
-    EXPECT_EQ(eventsOf("child").last(), "finished: 3");
-    EXPECT_EQ(registered(), 0);
+    EXPECT_TRUE(test::waitUntil([this] { return log.contains("is UP after"); }));
+}
+
+TEST_F(ProcessManagerCompanion, getsItsDnsServerOnceThoughItIsRestarted)
+{
+    QJsonObject more = withDns("172.19.0.2", "ruvo-tun");
+    more["auto-restart"] = true;
+    more["max-restart-attempts"] = 2;
+    more["restart-delay-ms"] = 200;
+    start("child", {"--exit", "3"}, more);
+    ASSERT_TRUE(waitFor("child", "finished: 3"));
+    settle(300);
+    EXPECT_EQ(eventsOf("child").count("started"), 3);
+    EXPECT_EQ(log.linesWith("Configuring DNS for interface").size(), 1);
 }
 
 } // namespace

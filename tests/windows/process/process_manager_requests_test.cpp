@@ -193,6 +193,14 @@ TEST_F(ProcessManagerRequests, stdinReachesARunningProcessAsItIs)
         << outputOf("child", "stdout").toStdString();
 }
 
+TEST_F(ProcessManagerRequests, stdinWithoutBytesSucceedsAndIsNotTheEndOfTheInput)
+{
+    ASSERT_TRUE(startReady("child", {"--print", "ready", "--read-line", "--wait"}));
+    EXPECT_TRUE(manager->writeToProcess("child", ""));
+    EXPECT_TRUE(manager->writeToProcess("child", "hello\n"));
+    EXPECT_TRUE(test::waitUntil([this] { return outputOf("child", "stdout").contains("hello"); }));
+}
+
 TEST_F(ProcessManagerRequests, stdinOfAnUnknownProcessFails)
 {
     EXPECT_FALSE(manager->writeToProcess("child", "x"));

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 namespace ruvo {
 namespace {
@@ -21,6 +22,14 @@ namespace {
 constexpr qsizetype mebibyte = 1024 * 1024;
 /// Below that a call has not waited in vain for the writer's thread.
 constexpr qint64 atOnce = 1900; // ms
+
+QString refused(qsizetype size)
+{
+    return "WARNING [ProcessManager] Standard input of PID 77 is not read, dropping bytes: " + QString::number(size);
+}
+
+/// Which writer the message handler of a test writes to, once.
+StdinWriter *s_warned = nullptr;
 
 /// A run whose child is the test: it reads what is written, or does not.
 class StdinWriterTest : public ::testing::Test
@@ -109,13 +118,16 @@ TEST_F(StdinWriterTest, makesOneWriteOfEachRequestInOrderOnAThreadOfItsOwn)
     EXPECT_NE(writerThread, GetCurrentThreadId());
 }
 
-TEST_F(StdinWriterTest, makesAWriteOfARequestWithoutBytesToo)
+// A child would read a write of nothing as the end of its input.
+TEST_F(StdinWriterTest, makesNoWriteOfARequestWithoutBytes)
 {
     StdinWriter writer(launch);
     writer.write("");
+    writer.write(QByteArray());
     writer.write("a");
-    EXPECT_TRUE(waitForWrites(2));
-    EXPECT_EQ(writes(), QByteArrayList({"", "a"}));
+    EXPECT_EQ(readInput(1), "a");
+    EXPECT_TRUE(test::waitUntil([&] { return finishedWrites == 1; }));
+    EXPECT_EQ(writes(), QByteArrayList({"a"}));
 }
 
 TEST_F(StdinWriterTest, takesAMegabyteForAChildThatNeverReadsWithoutBlocking)
@@ -133,27 +145,78 @@ TEST_F(StdinWriterTest, takesAMegabyteForAChildThatNeverReadsWithoutBlocking)
 TEST_F(StdinWriterTest, dropsWhatWouldWaitBeyondSixteenMebibytes)
 {
     StdinWriter writer(launch);
-    for (int i = 0; i < 16; ++i)
+    // With what each takes besides, the sixteenth would be too much.
+    for (int i = 0; i < 15; ++i)
         writer.write(QByteArray(mebibyte, static_cast<char>('a' + i)));
     EXPECT_EQ(log.lines(), QStringList());
-    writer.write("too much");
-    EXPECT_EQ(log.lines(), QStringList({"WARNING [ProcessManager] Standard input of PID 77 is not read, "
-                                        "dropping bytes: 8"}));
-    // Only that request is lost, and there is room again for what comes later.
-    for (int i = 0; i < 16; ++i)
+    writer.write(QByteArray(mebibyte, 'x'));
+    EXPECT_EQ(log.lines(), QStringList({refused(mebibyte)}));
+    // Only that request is lost: there is room for a smaller one, and again for what comes later.
+    writer.write("small");
+    for (int i = 0; i < 15; ++i)
         EXPECT_EQ(readInput(mebibyte), QByteArray(mebibyte, static_cast<char>('a' + i))) << i;
-    ASSERT_TRUE(test::waitUntil([&] { return finishedWrites == 16; }));
+    EXPECT_EQ(readInput(5), "small");
     writer.write("later");
     EXPECT_EQ(readInput(5), "later");
     EXPECT_EQ(log.lines().size(), 1);
+}
+
+TEST_F(StdinWriterTest, countsWhatSmallRequestsTake)
+{
+    StdinWriter writer(launch);
+    block(writer);
+    constexpr int tooMany = 300000;
+    for (int i = 0; i < tooMany; ++i)
+        writer.write("x");
+    EXPECT_EQ(log.lines(), QStringList({refused(1)}));
+    // The memory that is counted is the memory that they have, not what they use of it.
+    StdinWriter roomy(launch);
+    QByteArray request("y");
+    request.reserve(4096);
+    for (int i = 0; i < 16 * mebibyte / 4096; ++i)
+        roomy.write(request);
+    EXPECT_EQ(log.lines(), QStringList({refused(1), refused(1)}));
+}
+
+TEST_F(StdinWriterTest, warnsOnceUntilThereIsRoom)
+{
+    StdinWriter writer(launch);
+    for (int i = 0; i < 15; ++i)
+        writer.write(QByteArray(mebibyte, 'x'));
+    for (int i = 0; i < 50; ++i) {
+        writer.write(QByteArray(mebibyte, 'y'));
+        writer.write("small"); // for which there is room
+    }
+    EXPECT_EQ(log.lines(), QStringList({refused(mebibyte)}));
+    const QByteArray taken = readInput(15 * mebibyte + 50 * 5);
+    EXPECT_FALSE(taken.contains('y'));
+    writer.write("room");
+    EXPECT_EQ(readInput(4), "room");
+    writer.write(QByteArray(StdinWriter::maxWaitingBytes, 'z'));
+    EXPECT_EQ(log.lines(), QStringList({refused(mebibyte), refused(StdinWriter::maxWaitingBytes)}));
+}
+
+// A log that takes long would hold up the writer's thread, and one that comes back would wait for itself.
+TEST_F(StdinWriterTest, warnsWithoutItsLock)
+{
+    StdinWriter writer(launch);
+    s_warned = &writer;
+    const QtMessageHandler previous =
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {
+            if (StdinWriter *warned = std::exchange(s_warned, nullptr))
+                warned->write("from the warning");
+        });
+    writer.write(QByteArray(StdinWriter::maxWaitingBytes, 'x'));
+    qInstallMessageHandler(previous);
+    EXPECT_EQ(s_warned, nullptr);
+    EXPECT_EQ(readInput(16), "from the warning");
 }
 
 TEST_F(StdinWriterTest, dropsASingleRequestBeyondTheLimitAndKeepsTheThreadUnstarted)
 {
     StdinWriter writer(launch);
     writer.write(QByteArray(StdinWriter::maxWaitingBytes + 1, 'x'));
-    EXPECT_EQ(log.lines(), QStringList({"WARNING [ProcessManager] Standard input of PID 77 is not read, "
-                                        "dropping bytes: 16777217"}));
+    EXPECT_EQ(log.lines(), QStringList({refused(16777217)}));
     writer.write("small");
     EXPECT_EQ(readInput(5), "small");
 }

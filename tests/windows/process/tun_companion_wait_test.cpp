@@ -153,6 +153,94 @@ TEST_F(TunCompanionWait, comesOneAfterTheOtherForOverridesThatArriveMeanwhile)
               }));
 }
 
+TEST_F(TunCompanionWait, keepsTheNewestOfThoseThatQueueForAnInterface)
+{
+    QTimer::singleShot(0, [this] { companion.configureInterfaceDns("2.2.2.2", "second"); });
+    QTimer::singleShot(0, [this] { companion.configureInterfaceDns("3.3.3.3", "third"); });
+    QTimer::singleShot(0, [this] { companion.configureInterfaceDns("4.4.4.4", "second"); });
+    adapters.onQuery = [this](int number) {
+        if (number == 3)
+            adapters.adapters = {{L"first", "{1}", true}, {L"second", "{2}", true}, {L"third", "{3}", true}};
+    };
+    companion.configureInterfaceDns("1.1.1.1", "first");
+    EXPECT_EQ(log.linesWith("Configuring DNS"),
+              QStringList({
+                  R"(INFO [ProcessManager] Configuring DNS for interface "first" to "1.1.1.1")",
+                  R"(INFO [ProcessManager] Configuring DNS for interface "third" to "3.3.3.3")",
+                  R"(INFO [ProcessManager] Configuring DNS for interface "second" to "4.4.4.4")",
+              }));
+}
+
+TEST_F(TunCompanionWait, isGivenUpForANewerOneOfItsInterface)
+{
+    QTimer::singleShot(0, [this] { companion.configureInterfaceDns("2.2.2.2", "ruvo-tun"); });
+    adapters.onQuery = [this](int number) {
+        if (number == 4)
+            adapters.adapters = {upAdapter};
+    };
+    companion.configureInterfaceDns("1.1.1.1", "ruvo-tun");
+    EXPECT_LT(timer.elapsed(), 8000);
+    // Nothing is said of the older one, and its address is written nowhere.
+    EXPECT_EQ(lines().replaceInStrings(QRegularExpression("max \\d+ ms"), "max N ms"),
+              QStringList({
+                  R"(INFO [ProcessManager] Configuring DNS for interface "ruvo-tun" to "1.1.1.1")",
+                  R"(INFO [ProcessManager] Waiting for interface "ruvo-tun" to be UP (max N ms))",
+                  R"(INFO [ProcessManager] Configuring DNS for interface "ruvo-tun" to "2.2.2.2")",
+                  R"(INFO [ProcessManager] Waiting for interface "ruvo-tun" to be UP (max N ms))",
+                  up,
+                  R"(DEBUG [ProcessManager] Found interface GUID: "01234567-89AB-CDEF-0123-456789ABCDEF")",
+                  "WARNING [ProcessManager] Failed to open registry key: 2",
+              }));
+}
+
+TEST_F(TunCompanionWait, countsItsTimeFromItsArrival)
+{
+    TunCompanion hasty(nullptr, 2000);
+    // The second has its turn when a part of its time has passed, the third when all of it has.
+    QTimer::singleShot(0, [&] { hasty.configureInterfaceDns("2.2.2.2", "second"); });
+    QTimer::singleShot(0, [&] { hasty.configureInterfaceDns("3.3.3.3", "third"); });
+    adapters.adapters = {{L"other", "{4}", true}};
+    adapters.onQuery = [this](int) {
+        if (log.contains(R"(Interface "second" not UP)"))
+            adapters.adapters = {{L"third", "{3}", true}};
+        else if (timer.elapsed() >= 700 && !log.contains("Interface \"first\" is UP"))
+            adapters.adapters = {{L"first", "{1}", true}};
+    };
+    hasty.configureInterfaceDns("1.1.1.1", "first");
+    const QRegularExpression given("max (\\d+) ms");
+    const QStringList waits = log.linesWith("Waiting for interface");
+    ASSERT_EQ(waits.size(), 3);
+    EXPECT_EQ(given.match(waits[0]).captured(1), "2000");
+    const int left = given.match(waits[1]).captured(1).toInt();
+    EXPECT_GT(left, 0);
+    EXPECT_LT(left, 1400);
+    // However late it is, it is looked for once.
+    EXPECT_EQ(given.match(waits[2]).captured(1), "1");
+    EXPECT_TRUE(log.contains(R"(Interface "third" is UP)"));
+    EXPECT_GE(timer.elapsed(), 1990);
+}
+
+TEST_F(TunCompanionWait, isGivenUpOnceItIsNotWanted)
+{
+    bool wanted = true;
+    int afterwards = 0;
+    adapters.onQuery = [&](int number) {
+        if (number == 3)
+            wanted = false;
+        else if (!wanted)
+            ++afterwards;
+    };
+    QTimer::singleShot(0,
+                       [&] { companion.configureInterfaceDns("2.2.2.2", "second", [&wanted] { return wanted; }); });
+    companion.configureInterfaceDns("1.1.1.1", "first", [&wanted] { return wanted; });
+    EXPECT_EQ(adapters.queries, 3);
+    EXPECT_EQ(afterwards, 0);
+    EXPECT_EQ(log.lines(), QStringList({
+                               R"(INFO [ProcessManager] Configuring DNS for interface "first" to "1.1.1.1")",
+                               R"(INFO [ProcessManager] Waiting for interface "first" to be UP (max 10000 ms))",
+                           }));
+}
+
 TEST_F(TunCompanionWait, takesTheNextOverrideAfterTheQueueWasEmpty)
 {
     adapters.adapters = {upAdapter};

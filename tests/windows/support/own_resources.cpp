@@ -7,6 +7,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
+#include <iterator>
+#include <map>
 #include <vector>
 
 #include <psapi.h>
@@ -37,6 +40,29 @@ std::wstring typeOf(HANDLE handle)
     return {name->Buffer, name->Length / sizeof(wchar_t)};
 }
 
+/// What is open, and of what kind it is; without semaphores.
+using OpenHandles = std::map<HANDLE, std::wstring>;
+
+OpenHandles ownHandles()
+{
+    OpenHandles handles;
+    winehost::anyHandlePlace(ownProcess(), [&handles](HANDLE value) {
+        const std::wstring type = typeOf(value);
+        if (!type.empty() && type != L"Semaphore")
+            handles.emplace(value, type);
+        return false;
+    });
+    return handles;
+}
+
+/// What is open now and was not `before`.
+OpenHandles openedSince(const OpenHandles &before)
+{
+    OpenHandles opened;
+    std::ranges::set_difference(ownHandles(), before, std::inserter(opened, opened.end()));
+    return opened;
+}
+
 std::size_t allocatedHeapBytes()
 {
     const HANDLE heap = GetProcessHeap();
@@ -62,19 +88,26 @@ std::size_t ownWorkingSet()
 
 std::size_t countOwnHandles()
 {
-    std::size_t count = 0;
-    winehost::anyHandlePlace(ownProcess(), [&count](HANDLE value) {
-        const std::wstring type = typeOf(value);
-        if (!type.empty() && type != L"Semaphore")
-            ++count;
-        return false;
-    });
-    return count;
+    return ownHandles().size();
 }
 
 bool waitForHandles(std::size_t count)
 {
     return waitUntil([count] { return countOwnHandles() <= count; });
+}
+
+bool leavesNoHandles(const std::function<void()> &round, int rounds, std::chrono::milliseconds patience)
+{
+    OpenHandles before;
+    for (int i = 0; i < rounds; ++i) {
+        before = ownHandles();
+        round();
+        if (waitUntil([&before] { return openedSince(before).empty(); }, patience))
+            return true;
+    }
+    for (const auto &[value, type] : openedSince(before))
+        std::printf("the last round has left %p, %ls\n", value, type.c_str());
+    return false;
 }
 
 OwnResources OwnResources::now()

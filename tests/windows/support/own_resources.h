@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <string>
 
 namespace ruvo::test {
@@ -25,5 +27,12 @@ std::size_t countOwnHandles();
 
 /// Waits, in the event loop, until this process has no more handles than `count`: what ended closes its own late.
 bool waitForHandles(std::size_t count);
+
+/// Whether `round` leaves no handle open. A leak comes with every round; what is opened once for good (the event of a
+/// lock that two threads first meet at, which may be at any time) comes with one of them: so one round without is
+/// enough. What closes meanwhile makes up for nothing. Waits after each round for what ended to close its own, in
+/// the event loop. Where every round leaves some, prints what the last one left.
+bool leavesNoHandles(const std::function<void()> &round, int rounds = 4,
+                     std::chrono::milliseconds patience = std::chrono::seconds(6));
 
 } // namespace ruvo::test

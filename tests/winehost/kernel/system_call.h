@@ -20,8 +20,8 @@ enum class SystemCall : std::int64_t {
     close = 3,
     statusOfPath = 4, // stat
     status = 5,       // fstat
+    poll = 7,
     ioctl = 16,
-    yield = 24,
     processId = 39,
     socket = 41,
     connect = 42,

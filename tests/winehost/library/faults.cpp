@@ -19,7 +19,8 @@ struct PlannedFault
 {
     unsigned long first;
     bool andLater;
-    DWORD error;
+    std::optional<DWORD> error; ///< none: a delay
+    DWORD delayMs;
 
     bool strikes(unsigned long call) const { return call == first || (andLater && call > first); }
 };
@@ -38,7 +39,8 @@ std::string s_path; // of the plan, as Linux has it
 
 std::optional<PlannedFault> parseFault(const std::vector<std::string> &words)
 {
-    if (words.size() != 3)
+    const bool isDelay = words.size() == 4 && words[2] == "delay";
+    if (words.size() != 3 && !isDelay)
         return std::nullopt;
     std::string_view which = words[1];
     if (which == "*")
@@ -47,10 +49,13 @@ std::optional<PlannedFault> parseFault(const std::vector<std::string> &words)
     if (andLater)
         which.remove_suffix(1);
     const auto first = toNumber(which);
-    const auto error = toNumber(words[2]);
-    if (!first || *first == 0 || !error)
+    const auto number = toNumber(words.back());
+    if (!first || *first == 0 || !number)
         return std::nullopt;
-    return PlannedFault{*first, andLater, static_cast<DWORD>(*error)};
+    const auto value = static_cast<DWORD>(*number);
+    if (isDelay)
+        return PlannedFault{*first, andLater, std::nullopt, value};
+    return PlannedFault{*first, andLater, value, 0};
 }
 
 void complain(const std::vector<std::string> &words)
@@ -91,21 +96,35 @@ void refreshPlan()
     }
 }
 
-} // namespace
-
-std::optional<DWORD> plannedFault(std::string_view function)
+/// What stands in the plan for this call, which is counted.
+PlannedOutcome nextOutcome(std::string_view function)
 {
     const std::lock_guard lock(s_lock);
     refreshPlan();
     const auto [first, last] = s_plan.faults.equal_range(function);
     if (first == last)
-        return std::nullopt;
+        return {};
     const unsigned long call = ++s_plan.calls[std::string(function)];
+    PlannedOutcome outcome;
     for (auto fault = first; fault != last; ++fault) {
-        if (fault->second.strikes(call))
-            return fault->second.error;
+        if (!fault->second.strikes(call))
+            continue;
+        outcome.delayedMs += fault->second.delayMs;
+        if (!outcome.error)
+            outcome.error = fault->second.error;
     }
-    return std::nullopt;
+    return outcome;
+}
+
+} // namespace
+
+PlannedOutcome plannedOutcome(std::string_view function)
+{
+    const PlannedOutcome outcome = nextOutcome(function);
+    // Without the lock: only this call is slow, those of other threads are not.
+    if (outcome.delayedMs > 0)
+        Sleep(outcome.delayedMs);
+    return outcome;
 }
 
 void PacketFault::look(ULONGLONG now)

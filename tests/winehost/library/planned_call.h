@@ -5,7 +5,8 @@
 
 namespace ruvo::winehost {
 
-/// One call of a substituted function: its line in the journal, and the failure that a test has planned for it.
+/// One call of a substituted function: its line in the journal, and the delay and failure that a test has planned for
+/// it. The delay is over when the constructor returns; the line has its milliseconds as "delayed".
 ///
 ///     PlannedCall call("CreateIpForwardEntry2");
 ///     call.add("destination", …);
@@ -13,16 +14,20 @@ namespace ruvo::winehost {
 class PlannedCall : public JournalEntry
 {
 public:
-    explicit PlannedCall(std::string_view function) : JournalEntry(function), m_fault(plannedFault(function)) {}
+    explicit PlannedCall(std::string_view function) : JournalEntry(function), m_planned(plannedOutcome(function))
+    {
+        if (m_planned.delayedMs > 0)
+            add("delayed", m_planned.delayedMs);
+    }
 
     /// The error of a failure that is planned for this call: nothing may be done then.
-    std::optional<DWORD> fault() const { return m_fault; }
+    std::optional<DWORD> fault() const { return m_planned.error; }
 
     /// For functions that return an error: does the work unless a failure is planned, and writes down what came.
     template<typename Work>
     DWORD finish(Work work)
     {
-        const DWORD error = m_fault ? *m_fault : static_cast<DWORD>(work());
+        const DWORD error = m_planned.error ? *m_planned.error : static_cast<DWORD>(work());
         addError(error);
         return error;
     }
@@ -32,12 +37,12 @@ public:
         add("result", error == NO_ERROR);
         if (error != NO_ERROR)
             add("error", error);
-        if (m_fault)
+        if (m_planned.error)
             add("planned", true);
     }
 
 private:
-    const std::optional<DWORD> m_fault;
+    const PlannedOutcome m_planned;
 };
 
 } // namespace ruvo::winehost

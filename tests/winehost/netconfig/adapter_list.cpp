@@ -177,6 +177,7 @@ DWORD list(NetworkCall &call, const Query &query)
         if (tun == tuns.end())
             continue;
         entry->IfType = IF_TYPE_PROP_VIRTUAL;
+        entry->Luid = luidOf(tun->link);
         tail.show(*entry, tun->shown);
     }
     addExtras(tail, last, extras);

@@ -36,21 +36,30 @@ std::vector<std::string> adapters()
     return lines;
 }
 
-std::string addressOf(const char *friendlyName)
+/// One adapter of a list, or null; valid as long as `buffer` is as it was.
+const IP_ADAPTER_ADDRESSES *findAdapter(const std::string &friendlyName, std::vector<BYTE> &buffer)
 {
-    ULONG size = 0x10000;
-    std::vector<BYTE> buffer(size);
+    buffer.resize(0x10000);
+    auto size = static_cast<ULONG>(buffer.size());
     auto *list = reinterpret_cast<IP_ADAPTER_ADDRESSES *>(buffer.data());
     EXPECT_EQ(GetAdaptersAddresses(AF_INET, flags, nullptr, list, &size), ULONG{NO_ERROR});
     for (const IP_ADAPTER_ADDRESSES *adapter = list; adapter; adapter = adapter->Next) {
         const std::wstring name = adapter->FriendlyName;
-        if (std::string(name.begin(), name.end()) != friendlyName || !adapter->FirstUnicastAddress)
-            continue;
-        char text[16];
-        const auto *address = reinterpret_cast<const sockaddr_in *>(adapter->FirstUnicastAddress->Address.lpSockaddr);
-        return inet_ntop(AF_INET, &address->sin_addr, text, sizeof text);
+        if (std::string(name.begin(), name.end()) == friendlyName)
+            return adapter;
     }
-    return "(none)";
+    return nullptr;
+}
+
+std::string addressOf(const char *friendlyName)
+{
+    std::vector<BYTE> buffer;
+    const auto *adapter = findAdapter(friendlyName, buffer);
+    if (!adapter || !adapter->FirstUnicastAddress)
+        return "(none)";
+    char text[16];
+    const auto *address = reinterpret_cast<const sockaddr_in *>(adapter->FirstUnicastAddress->Address.lpSockaddr);
+    return inet_ntop(AF_INET, &address->sin_addr, text, sizeof text);
 }
 
 } // namespace
@@ -61,6 +70,16 @@ TEST_F(NetconfigTest, theListOfAdaptersShowsWintunAdaptersAsWindowsDoes)
     EXPECT_THAT(adapters(), Contains(StartsWith("uplink, {0")));
     EXPECT_EQ(addAddress("test", "10.6.7.1", 30), DWORD{NO_ERROR});
     EXPECT_EQ(addressOf("The adapter"), "10.6.7.1");
+}
+
+TEST_F(NetconfigTest, theListOfAdaptersNamesWintunAdaptersAsOtherCallsDo)
+{
+    std::vector<BYTE> buffer;
+    const auto *adapter = findAdapter("The adapter", buffer);
+    ASSERT_TRUE(adapter);
+    EXPECT_EQ(adapter->IfType, ULONG{IF_TYPE_PROP_VIRTUAL});
+    EXPECT_EQ(adapter->Luid.Info.IfType, ULONG64{IF_TYPE_PROP_VIRTUAL});
+    EXPECT_EQ(adapter->Luid.Value, luidOf("test").Value);
 }
 
 TEST_F(NetconfigTest, theListOfAdaptersHasThoseOfATestToo)

@@ -10,7 +10,9 @@ NET_LUID luidOf(const Link &link)
 {
     NET_LUID luid{};
     luid.Info.NetLuidIndex = link.index & 0xFFFFFF;
-    if (link.isLoopback())
+    if (AdapterIdentity::fromAlias(link.alias))
+        luid.Info.IfType = IF_TYPE_PROP_VIRTUAL;
+    else if (link.isLoopback())
         luid.Info.IfType = IF_TYPE_SOFTWARE_LOOPBACK;
     else
         luid.Info.IfType = link.isEthernet() ? IF_TYPE_ETHERNET_CSMACD : IF_TYPE_OTHER;

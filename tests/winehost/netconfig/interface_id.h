@@ -11,7 +11,9 @@
 namespace ruvo::winehost {
 
 /// How Windows names a Linux interface: the index is Linux's own, the LUID holds index and type, both as Wine has
-/// them, so that what Wine itself answers goes together with it.
+/// them, so that what Wine itself answers goes together with it. Only a Wintun adapter has the type that its driver
+/// gives it: the few functions that are Wine's own and take a LUID (GetIfEntry2, ConvertInterfaceLuidToAlias,
+/// …ToName) do not know that one.
 NET_LUID luidOf(const Link &link);
 
 /// A Wintun adapter's own GUID, else the one that Wine gives the interface.

@@ -81,11 +81,12 @@ std::expected<std::unique_ptr<Adapter>, DWORD> Adapter::create(const AdapterIden
     if (!holder)
         return std::unexpected(windowsError(holder.error()));
     int error = detachQueue(*holder);
-    const auto link = linkByName(name);
+    auto link = linkByName(name);
     if (error == 0 && link)
         error = changeLink(link->index, {.alias = *alias, .mtu = initialMtu, .bringUp = true});
     if (error != 0 || !link)
         return std::unexpected(windowsError(error));
+    link->alias = *alias; // which makes it a Wintun adapter
     makeInterfaceKeys(identity.guid);
     return std::unique_ptr<Adapter>(new Adapter(*link, identity, *std::move(holder)));
 }

@@ -4,8 +4,13 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace ruvo::test {
 
@@ -15,7 +20,9 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::SizeIs;
+using ::testing::UnorderedElementsAre;
 
 class WintunAdapterTest : public WintunTest
 {
@@ -56,6 +63,7 @@ TEST_F(WintunAdapterTest, isALinkOfLinuxWithNameTypeAndGuid)
     NET_LUID luid{};
     m_wintun.adapterLuid(adapter, &luid);
     EXPECT_THAT(links, ::testing::StartsWith(std::to_string(luid.Info.NetLuidIndex) + ": "));
+    EXPECT_EQ(luid.Info.IfType, ULONG64{IF_TYPE_PROP_VIRTUAL});
     m_wintun.closeAdapter(adapter);
 }
 
@@ -189,6 +197,21 @@ TEST_F(WintunAdapterTest, keepsTheDriverLoaded)
     EXPECT_TRUE(m_wintun.deleteDriver());
 }
 
+TEST_F(WintunAdapterTest, hasTheDriversVersionInItsFile)
+{
+    const std::wstring file = programFolder() / L"tun2/wintun.dll";
+    std::vector<BYTE> information(GetFileVersionInfoSizeW(file.c_str(), nullptr));
+    ASSERT_FALSE(information.empty()) << GetLastError();
+    ASSERT_TRUE(GetFileVersionInfoW(file.c_str(), 0, static_cast<DWORD>(information.size()), information.data()));
+    VS_FIXEDFILEINFO *version = nullptr;
+    UINT size = 0;
+    ASSERT_TRUE(VerQueryValueW(information.data(), L"\\", reinterpret_cast<void **>(&version), &size));
+    const auto adapter = m_wintun.createAdapter(L"test", L"Bench", nullptr);
+    EXPECT_EQ(version->dwFileVersionMS, m_wintun.driverVersion());
+    m_wintun.closeAdapter(adapter);
+    EXPECT_EQ(version->dwFileVersionLS, DWORD{0});
+}
+
 TEST_F(WintunAdapterTest, tellsTheLogger)
 {
     m_wintun.setLogger(takeLog);
@@ -220,6 +243,46 @@ TEST_F(WintunAdapterTest, failsAsATestHasPlanned)
     EXPECT_THAT(journal("WintunCreateAdapter"), Contains(HasSubstr(R"("tunnel-type":"Bench","requested-guid":)"
                                                                    R"("{12345678-9ABC-DEF0-0102-030405060708}")")));
     EXPECT_THAT(journal("WintunCloseAdapter"), ElementsAre(HasSubstr(R"("interface":"test","removed":true)")));
+}
+
+TEST_F(WintunAdapterTest, isSlowAsATestHasPlanned)
+{
+    writeBenchFile("faults.txt", "WintunOpenAdapter 2+ delay 200\nWintunOpenAdapter 2 21\n"
+                                 "WintunOpenAdapter 2 delay 100\nWintunOpenAdapter 2 late 100\n"
+                                 "WintunOpenAdapter 2 delay\n");
+    const std::array<DWORD, 3> delays{0, 300, 200};
+    const std::array<DWORD, 3> errors{ERROR_NOT_FOUND, 21, ERROR_NOT_FOUND};
+    constexpr ULONGLONG clockStepMs = 16;
+    for (std::size_t i = 0; i < delays.size(); ++i) {
+        const ULONGLONG start = GetTickCount64();
+        EXPECT_EQ(m_wintun.openAdapter(L"test"), nullptr);
+        EXPECT_EQ(GetLastError(), errors[i]);
+        EXPECT_GE(GetTickCount64() - start + clockStepMs, delays[i]);
+    }
+    EXPECT_THAT(journal("\"call\":\"WintunOpenAdapter\""),
+                ElementsAre(Not(HasSubstr("delayed")),
+                            HasSubstr(R"("delayed":300,"name":"test","result":false,"error":21,"planned":true})"),
+                            HasSubstr(R"("delayed":200,"name":"test","result":false,"error":1168})")));
+    EXPECT_THAT(journal("not-understood"), UnorderedElementsAre(HasSubstr("2 late 100"), HasSubstr("2 delay\"")));
+}
+
+TEST_F(WintunAdapterTest, isSlowForTheCallingThreadAlone)
+{
+    constexpr ULONGLONG delayMs = 1000;
+    writeBenchFile("faults.txt", "WintunOpenAdapter 1 delay " + std::to_string(delayMs) + "\n");
+    std::atomic<bool> isThrough = false;
+    std::thread slow([&] {
+        m_wintun.openAdapter(L"test");
+        isThrough = true;
+    });
+    ULONGLONG longest = 0;
+    while (!isThrough) {
+        const ULONGLONG start = GetTickCount64();
+        EXPECT_TRUE(m_wintun.deleteDriver());
+        longest = std::max(longest, GetTickCount64() - start);
+    }
+    slow.join();
+    EXPECT_LT(longest, delayMs / 2);
 }
 
 TEST_F(WintunAdapterTest, survivesHandlesThatAreNone)

@@ -60,10 +60,9 @@ std::expected<std::unique_ptr<Session>, DWORD> Session::start(const Link &link, 
 
 Session::Session(Descriptor tun, DWORD capacity)
     : m_tun(std::move(tun))
-    , m_readEvent(CreateEventW(nullptr, FALSE, FALSE, nullptr))
     , m_received(std::in_place, capacity)
-    , m_sending(std::in_place, capacity)
-    , m_watcher(std::in_place, m_tun, m_readEvent.get())
+    , m_sending(m_tun, capacity, m_state)
+    , m_watcher(std::in_place, m_tun, m_state.readEvent.get())
 {}
 
 Session::~Session()
@@ -73,32 +72,27 @@ Session::~Session()
 
 bool Session::isUsable() const
 {
-    return m_readEvent && m_received->isValid() && m_sending->isValid() && m_watcher->isRunning();
+    return m_state.readEvent && m_received->isValid() && m_sending.isRunning() && m_watcher->isRunning();
 }
 
 void Session::end()
 {
-    {
-        const std::lock_guard lock(m_sendLock);
-        m_ended = true;
-        while (m_flushing)
-            m_sendLock.wait(m_flushed);
-        m_hadUnsent = m_hadUnsent || (m_sending && !m_sending->isEmpty());
-        m_sending.reset();
-    }
+    m_state.hasEnded = true;
+    m_hadUnsent = m_sending.end() || m_hadUnsent;
     const std::lock_guard lock(m_receiveLock);
     m_hadUnreleased = m_hadUnreleased || (m_received && !m_received->isEmpty());
     m_received.reset();
     m_watcher.reset();
     m_tun.reset();
-    SetEvent(m_readEvent.get());
+    m_state.end();
 }
 
-// The event is set again for each reader that learns of the end: it wakes one thread at a time.
-void Session::adapterIsGone()
+HANDLE Session::readWaitEvent()
 {
-    m_ended = true;
-    SetEvent(m_readEvent.get());
+    const std::lock_guard lock(m_receiveLock);
+    if (!m_received)
+        noteMisuse("WintunGetReadWaitEvent", "after the end of the session");
+    return m_state.readEvent.get();
 }
 
 /// The size of the packet that was read to `place`.
@@ -107,45 +101,41 @@ std::expected<DWORD, DWORD> Session::readPacket(BYTE *place)
     for (;;) {
         const std::int64_t size = systemCall(SystemCall::read, m_tun.get(), place, PacketRing::largestPacket);
         if (size > 0) {
-            m_counters.received.fetch_add(1, std::memory_order_relaxed);
-            m_counters.receivedBytes.fetch_add(static_cast<ULONGLONG>(size), std::memory_order_relaxed);
+            m_state.counters.received.fetch_add(1, std::memory_order_relaxed);
+            m_state.counters.receivedBytes.fetch_add(static_cast<ULONGLONG>(size), std::memory_order_relaxed);
             return static_cast<DWORD>(size);
         }
         if (size == -linux_error::tryAgain)
             return std::unexpected<DWORD>(ERROR_NO_MORE_ITEMS);
         if (size != -linux_error::interrupted) {
-            adapterIsGone();
+            m_state.end();
             return std::unexpected<DWORD>(ERROR_HANDLE_EOF);
         }
     }
 }
 
-// A reader that sleeps is woken through another thread and Wine's server, which takes longer than the next packet of
-// a busy stream takes to come: for that one a few more looks are worth while.
+// While a packet waits outside, the reader is woken when the program releases something: what else lies in Linux's
+// queue would find no room either.
 std::expected<BYTE *, DWORD> Session::receive(DWORD &size)
 {
-    constexpr int looks = 30;
-    const bool isBusy = m_isBusy.load(std::memory_order_relaxed);
-    auto packet = receiveOnce(size);
-    for (int i = 1; isBusy && i < looks && !packet && packet.error() == ERROR_NO_MORE_ITEMS; ++i) {
-        systemCall(SystemCall::yield, 0);
-        packet = receiveOnce(size);
+    const std::lock_guard lock(m_receiveLock);
+    if (!m_received)
+        noteMisuse("WintunReceivePacket", "after the end of the session");
+    if (m_state.hasEnded) {
+        m_state.end();
+        return std::unexpected<DWORD>(ERROR_HANDLE_EOF);
     }
-    m_isBusy.store(packet.has_value(), std::memory_order_relaxed);
+    auto packet = receiveNext(size);
     if (!packet && packet.error() == ERROR_NO_MORE_ITEMS) {
-        m_counters.emptyReads.fetch_add(1, std::memory_order_relaxed);
-        watchForNext();
+        m_state.counters.emptyReads.fetch_add(1, std::memory_order_relaxed);
+        if (m_outside.empty())
+            m_watcher->arm();
     }
     return packet;
 }
 
-std::expected<BYTE *, DWORD> Session::receiveOnce(DWORD &size)
+std::expected<BYTE *, DWORD> Session::receiveNext(DWORD &size)
 {
-    const std::lock_guard lock(m_receiveLock);
-    if (m_ended) {
-        adapterIsGone();
-        return std::unexpected<DWORD>(ERROR_HANDLE_EOF);
-    }
     if (m_received->front() == PacketRing::Front::damaged)
         return std::unexpected<DWORD>(ERROR_INVALID_DATA);
     if (!m_outside.empty() || !m_received->hasRoomFor(PacketRing::largestPacket))
@@ -179,8 +169,8 @@ std::expected<BYTE *, DWORD> Session::receiveDisordered(DWORD &size)
             continue;
         }
         const bool isAdmitted = m_disorder.admit({place, *read});
-        m_counters.overtaken = m_disorder.overtaken();
-        m_counters.repeated = m_disorder.repeated();
+        m_state.counters.overtaken = m_disorder.overtaken();
+        m_state.counters.repeated = m_disorder.repeated();
         if (isAdmitted) {
             size = *read;
             return m_received->push(size);
@@ -215,15 +205,6 @@ std::expected<BYTE *, DWORD> Session::receiveIntoFullRing(DWORD &size)
     return packet;
 }
 
-// While a packet waits outside, the reader is woken when the program releases something: the descriptor may stay
-// ready.
-void Session::watchForNext()
-{
-    const std::lock_guard lock(m_receiveLock);
-    if (m_watcher && m_outside.empty())
-        m_watcher->arm();
-}
-
 void Session::release(const BYTE *packet)
 {
     const std::lock_guard lock(m_receiveLock);
@@ -237,64 +218,7 @@ void Session::release(const BYTE *packet)
     while (m_received->front() == PacketRing::Front::finished)
         m_received->popFront();
     if (!m_outside.empty())
-        SetEvent(m_readEvent.get());
-}
-
-std::expected<BYTE *, DWORD> Session::allocate(DWORD size)
-{
-    const std::lock_guard lock(m_sendLock);
-    if (m_ended)
-        return std::unexpected<DWORD>(ERROR_HANDLE_EOF);
-    if (size == 0 || size > PacketRing::largestPacket)
-        return std::unexpected<DWORD>(ERROR_INVALID_PARAMETER);
-    if (!m_sending->hasRoomFor(size) || plannedPackets().current().isFullAt(GetTickCount64())) {
-        m_counters.refusedFull.fetch_add(1, std::memory_order_relaxed);
-        return std::unexpected<DWORD>(ERROR_BUFFER_OVERFLOW);
-    }
-    return m_sending->push(size);
-}
-
-void Session::send(const BYTE *packet)
-{
-    const std::lock_guard lock(m_sendLock);
-    if (!m_sending)
-        return noteMisuse("WintunSendPacket", "after the end of the session");
-    switch (m_sending->finish(packet)) {
-    case PacketRing::Finish::done: break;
-    case PacketRing::Finish::notHeld: return noteMisuse("WintunSendPacket", "no packet that was allocated");
-    case PacketRing::Finish::overrun: noteMisuse("WintunSendPacket", "written past its end"); break;
-    }
-    if (!m_flushing)
-        flush();
-}
-
-/// Under the lock, which it gives up while it writes.
-void Session::flush()
-{
-    m_flushing = true;
-    while (m_sending->front() == PacketRing::Front::finished) {
-        const BYTE *packet = m_sending->frontPacket();
-        const DWORD size = m_sending->frontSize();
-        m_sendLock.unlock();
-        const std::int64_t written = systemCall(SystemCall::write, m_tun.get(), packet, size);
-        m_sendLock.lock();
-        m_sending->popFront();
-        if (written == static_cast<std::int64_t>(size)) {
-            m_counters.sent.fetch_add(1, std::memory_order_relaxed);
-            m_counters.sentBytes.fetch_add(size, std::memory_order_relaxed);
-        } else {
-            m_counters.dropped.fetch_add(1, std::memory_order_relaxed);
-            if (written == -linux_error::badDescriptorState)
-                adapterIsGone();
-        }
-    }
-    if (m_sending->front() == PacketRing::Front::damaged) {
-        noteMisuse("WintunSendPacket", "the ring is damaged");
-        adapterIsGone();
-    }
-    m_flushing = false;
-    if (m_ended) // only the end waits
-        WakeAllConditionVariable(&m_flushed);
+        SetEvent(m_state.readEvent.get());
 }
 
 } // namespace ruvo::winehost

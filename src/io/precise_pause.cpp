@@ -1,4 +1,4 @@
-#include "io/short_pause.h"
+#include "io/precise_pause.h"
 
 #include "common/windows_handles.h"
 
@@ -8,7 +8,6 @@ namespace {
 
 // Not in these headers: CREATE_WAITABLE_TIMER_HIGH_RESOLUTION of synchapi.h.
 constexpr DWORD highResolution = 0x2;
-constexpr LONGLONG pauseTime = 1000; // in 100 ns
 
 void WINAPI closeTimer(void *timer)
 {
@@ -32,14 +31,15 @@ HANDLE pauseTimer()
 
 } // namespace
 
-void shortPause()
+void precisePause(std::chrono::milliseconds time)
 {
+    const auto milliseconds = static_cast<DWORD>(time.count());
     LARGE_INTEGER due;
-    due.QuadPart = -pauseTime; // negative: from now on
+    due.QuadPart = time.count() * -10'000; // in 100 ns; negative: from now on
     const HANDLE timer = pauseTimer();
     if (!timer || !SetWaitableTimer(timer, &due, 0, nullptr, nullptr, FALSE)
-        || WaitForSingleObject(timer, 10) == WAIT_FAILED) {
-        SwitchToThread();
+        || WaitForSingleObject(timer, milliseconds + 10) == WAIT_FAILED) {
+        Sleep(milliseconds);
     }
 }
 

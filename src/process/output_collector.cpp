@@ -1,6 +1,6 @@
-#include "process/output_buffers.h"
+#include "process/output_collector.h"
 
-#include "process/process_objects.h"
+#include "process/process_messages.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "process/process_objects.h"
+#include "process/process_messages.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "process/output_buffers.h"
+#include "process/output_collector.h"
 
 #include <gtest/gtest.h>
 
