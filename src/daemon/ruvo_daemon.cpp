@@ -97,6 +97,7 @@ RuvoDaemon::~RuvoDaemon() = default;
 bool RuvoDaemon::start()
 {
     qCInfo(lcRuvod) << "Starting ruvod daemon...";
+    m_tunManager->removeLeftovers();
     if (!m_communicationServer->start("ruvod")) {
         qCCritical(lcRuvod) << "Failed to start communication server";
         return false;

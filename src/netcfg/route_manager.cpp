@@ -2,10 +2,11 @@
 
 #include "common/ipv4.h"
 #include "common/log_category.h"
+#include "netcfg/forward_row.h"
 #include "netcfg/forward_table.h"
-#include "netcfg/inet_address.h"
 
-#include <bit>
+#include <algorithm>
+#include <optional>
 
 namespace ruvo {
 
@@ -18,19 +19,18 @@ constexpr std::uint32_t secondHalf = 0x80000000;
 constexpr std::uint32_t loopbackNetwork = 127;
 constexpr DWORD proxyRouteMetric = 1;
 
-MIB_IPFORWARD_ROW2 routeRow(std::uint32_t destination, std::uint32_t mask, std::uint32_t nextHop)
-{
-    MIB_IPFORWARD_ROW2 row;
-    InitializeIpForwardEntry(&row);
-    row.DestinationPrefix.Prefix = inetAddress(destination);
-    row.DestinationPrefix.PrefixLength = static_cast<UINT8>(std::countl_one(mask));
-    row.NextHop = inetAddress(nextHop);
-    return row;
-}
-
 bool isAdded(DWORD error)
 {
     return error == NO_ERROR || error == ERROR_OBJECT_ALREADY_EXISTS;
+}
+
+std::optional<std::uint32_t> metricOfInterface(std::uint32_t index)
+{
+    MIB_IPINTERFACE_ROW row;
+    InitializeIpInterfaceEntry(&row);
+    row.Family = AF_INET;
+    row.InterfaceIndex = index;
+    return GetIpInterfaceEntry(&row) == NO_ERROR ? std::optional<std::uint32_t>(row.Metric) : std::nullopt;
 }
 
 } // namespace
@@ -49,15 +49,20 @@ void RouteManager::setInterface(std::uint64_t luid)
 
 bool RouteManager::findOriginalGateway(std::uint32_t &gateway, std::uint32_t &interfaceIndex) const
 {
-    const ForwardTable table;
-    for (const MIB_IPFORWARDROW &row : table.rows()) {
-        if (row.dwForwardDest != 0)
-            continue;
-        gateway = ntohl(row.dwForwardNextHop);
-        interfaceIndex = row.dwForwardIfIndex;
-        return true;
+    const std::vector<DefaultRoute> routes = defaultRoutes();
+    if (routes.empty())
+        return false;
+    const auto isElsewhere = [this](const DefaultRoute &route) { return route.interfaceIndex != m_interfaceIndex; };
+    DefaultRoute original = routes.front();
+    if (m_interfaceIndex != 0 && !isElsewhere(original)) {
+        // The first of all may have been the tunnel's own then as well: that of an adapter that was left behind.
+        const auto earlier = std::ranges::find_if(m_earlierDefaultRoutes, isElsewhere);
+        if (earlier != m_earlierDefaultRoutes.end())
+            original = *earlier;
     }
-    return false;
+    gateway = original.gateway;
+    interfaceIndex = original.interfaceIndex;
+    return true;
 }
 
 bool RouteManager::setupFullTunnelRouting(std::uint32_t splitNextHop, std::uint32_t proxyAddress,
@@ -106,7 +111,7 @@ void RouteManager::addProxyBypassRoute(std::uint32_t proxyAddress, std::uint32_t
     row.dwForwardType = MIB_IPROUTE_TYPE_INDIRECT;
     row.dwForwardProto = MIB_IPPROTO_NETMGMT;
     row.dwForwardMetric1 = proxyRouteMetric;
-    const DWORD error = CreateIpForwardEntry(&row);
+    const DWORD error = createProxyRoute(row);
     if (!isAdded(error)) {
         qCWarning(lcRuvod) << "Warning: Failed to add proxy bypass route:" << error;
         return;
@@ -115,28 +120,37 @@ void RouteManager::addProxyBypassRoute(std::uint32_t proxyAddress, std::uint32_t
     qCDebug(lcRuvod) << "Added proxy bypass route:" << formatIpv4(proxyAddress) << "via" << formatIpv4(gateway);
 }
 
-// The newer call takes a metric of 0; the older one refuses metrics below the interface's own.
+// The older call refuses a metric below the interface's own, which few interfaces have as low as 1. A proxy that is
+// reached without the gateway does without the route: there it would be led astray.
+DWORD RouteManager::createProxyRoute(MIB_IPFORWARDROW &row) const
+{
+    const DWORD error = CreateIpForwardEntry(&row);
+    if (error != ERROR_BAD_ARGUMENTS)
+        return error;
+    if (!needsBypassRoute(ntohl(row.dwForwardDest), ForwardTable().rows(), row.dwForwardIfIndex, m_tunnelNetwork))
+        return error;
+    const std::optional<std::uint32_t> metric = metricOfInterface(row.dwForwardIfIndex);
+    if (!metric)
+        return error;
+    row.dwForwardMetric1 = *metric;
+    return CreateIpForwardEntry(&row);
+}
+
 void RouteManager::addBypassRoutes(std::uint32_t gateway, std::uint32_t interfaceIndex)
 {
+    if (m_bypassAddresses.empty())
+        return;
     if (interfaceIndex == m_interfaceIndex) {
-        if (!m_bypassAddresses.empty()) {
-            qCWarning(lcRuvod) << "Default route leads into the tunnel itself, skipping bypass routes, ifIndex:"
-                               << interfaceIndex;
-        }
+        qCWarning(lcRuvod) << "Default route leads into the tunnel itself, skipping bypass routes, ifIndex:"
+                           << interfaceIndex;
         return;
     }
+    const ForwardTable table; // empty if it cannot be read: then each gets its route
     for (const std::uint32_t address : m_bypassAddresses) {
-        MIB_IPFORWARD_ROW2 row = routeRow(address, hostMask, gateway);
-        row.InterfaceIndex = interfaceIndex;
-        row.Metric = 0;
-        row.Protocol = RouteProtocolNetMgmt;
-        const DWORD error = CreateIpForwardEntry2(&row);
-        if (error == NO_ERROR) {
-            m_bypassRoutes.push_back({address, gateway, interfaceIndex});
-            qCDebug(lcRuvod) << "Added bypass route:" << formatIpv4(address) << "via" << formatIpv4(gateway);
-        } else if (error != ERROR_OBJECT_ALREADY_EXISTS) { // somebody else's stays theirs
-            qCWarning(lcRuvod) << "Failed to add bypass route:" << formatIpv4(address) << "error:" << error;
-        }
+        if (needsBypassRoute(address, table.rows(), interfaceIndex, m_tunnelNetwork))
+            m_bypassRoutes.add({address, gateway, interfaceIndex});
+        else
+            qCDebug(lcRuvod) << "No bypass route, reached without the gateway:" << formatIpv4(address);
     }
 }
 
@@ -154,7 +168,7 @@ std::uint32_t RouteManager::metricOfTunnelRoutes() const
 
 bool RouteManager::addRoute(std::uint32_t destination, std::uint32_t mask)
 {
-    MIB_IPFORWARD_ROW2 row = routeRow(destination, mask, m_splitNextHop);
+    MIB_IPFORWARD_ROW2 row = forwardRow(destination, mask, m_splitNextHop);
     row.InterfaceLuid = m_luid;
     row.InterfaceIndex = m_interfaceIndex;
     row.Metric = m_splitMetric;
@@ -170,7 +184,7 @@ bool RouteManager::addRoute(std::uint32_t destination, std::uint32_t mask)
 
 bool RouteManager::deleteRoute(std::uint32_t destination, std::uint32_t mask)
 {
-    MIB_IPFORWARD_ROW2 row = routeRow(destination, mask, 0);
+    MIB_IPFORWARD_ROW2 row = forwardRow(destination, mask, 0);
     row.InterfaceLuid = m_luid;
     row.InterfaceIndex = m_interfaceIndex;
     const DWORD error = DeleteIpForwardEntry2(&row);
@@ -189,23 +203,7 @@ void RouteManager::removeAllRoutes()
         qCDebug(lcRuvod) << "Removed route:" << formatIpv4(route.destination) << "/" << formatIpv4(route.mask);
     }
     m_addedRoutes.clear();
-    removeBypassRoutes();
-}
-
-void RouteManager::removeBypassRoutes()
-{
-    for (const BypassRoute &route : m_bypassRoutes) {
-        MIB_IPFORWARD_ROW2 row = routeRow(route.destination, hostMask, route.nextHop);
-        row.InterfaceIndex = route.interfaceIndex;
-        const DWORD error = DeleteIpForwardEntry2(&row);
-        if (error != NO_ERROR) {
-            qCWarning(lcRuvod) << "Failed to delete bypass route:" << formatIpv4(route.destination)
-                               << "error:" << error;
-        } else {
-            qCDebug(lcRuvod) << "Removed bypass route:" << formatIpv4(route.destination);
-        }
-    }
-    m_bypassRoutes.clear();
+    m_bypassRoutes.removeAll();
 }
 
 } // namespace ruvo

@@ -1,11 +1,15 @@
 #pragma once
 
 #include "common/winsock_headers.h"
+#include "netcfg/bypass_route_rule.h"
+#include "netcfg/bypass_routes.h"
+#include "netcfg/default_routes.h"
 
 #include <netioapi.h>
 
 #include <cstdint>
 #include <set>
+#include <utility>
 #include <vector>
 
 namespace ruvo {
@@ -18,7 +22,8 @@ namespace ruvo {
 class RouteManager
 {
 public:
-    RouteManager() = default;
+    /// `notes` of the bypass routes outlive this.
+    explicit RouteManager(const BypassRouteNotes &notes) : m_bypassRoutes(notes) {}
     /// As removeAllRoutes.
     ~RouteManager();
     RouteManager(const RouteManager &) = delete;
@@ -26,10 +31,15 @@ public:
 
     /// The tunnel's interface.
     void setInterface(std::uint64_t luid);
+    /// The network of the tunnel's address. Before setupFullTunnelRouting.
+    void setTunnelNetwork(const Ipv4Network &network) { m_tunnelNetwork = network; }
+    /// The default routes from before the tunnel had an interface. Before the original gateway is looked for.
+    void setEarlierDefaultRoutes(std::vector<DefaultRoute> routes) { m_earlierDefaultRoutes = std::move(routes); }
     /// Addresses that keep their way outside the tunnel. Before setupFullTunnelRouting.
     void setBypassAddresses(const std::set<std::uint32_t> &addresses) { m_bypassAddresses = addresses; }
 
-    /// The first default route in the system's table, whatever its metric and interface.
+    /// The first default route in the system's table, whatever its metric and interface. Where that is the tunnel's
+    /// own, which leads nowhere but into the tunnel, the first of the earlier ones that is not.
     bool findOriginalGateway(std::uint32_t &gateway, std::uint32_t &interfaceIndex) const;
     /// `splitNextHop` 0 means on-link. A `proxyAddress` of 0 gets no route of its own; a `gatewayOverride` of 0 means
     /// the gateway that is found.
@@ -49,25 +59,20 @@ private:
         std::uint32_t nextHop = 0;
         bool added = true;
     };
-    struct BypassRoute
-    {
-        std::uint32_t destination = 0;
-        std::uint32_t nextHop = 0;
-        std::uint32_t interfaceIndex = 0;
-    };
-
     void addProxyBypassRoute(std::uint32_t proxyAddress, std::uint32_t gateway, std::uint32_t interfaceIndex);
+    DWORD createProxyRoute(MIB_IPFORWARDROW &row) const;
     void addBypassRoutes(std::uint32_t gateway, std::uint32_t interfaceIndex);
-    void removeBypassRoutes();
     std::uint32_t metricOfTunnelRoutes() const;
 
     NET_LUID m_luid{};
     std::uint32_t m_interfaceIndex = 0;
     std::uint32_t m_splitNextHop = 0;
     std::uint32_t m_splitMetric = 0;
+    Ipv4Network m_tunnelNetwork;
+    std::vector<DefaultRoute> m_earlierDefaultRoutes;
     std::set<std::uint32_t> m_bypassAddresses;
     std::vector<AddedRoute> m_addedRoutes;
-    std::vector<BypassRoute> m_bypassRoutes;
+    BypassRoutes m_bypassRoutes;
 };
 
 } // namespace ruvo

@@ -6,12 +6,14 @@
 #include <QCoreApplication>
 
 #include <exception>
+#include <utility>
 
 namespace ruvo {
 
 namespace {
 
 constexpr std::uint8_t prefixLength = 30;
+constexpr std::uint32_t networkMask = ~std::uint32_t{0} << (32 - prefixLength);
 /// On-link.
 constexpr std::uint32_t splitNextHop = 0;
 
@@ -29,6 +31,11 @@ RuvoTunManager::RuvoTunManager(QObject *parent)
 RuvoTunManager::~RuvoTunManager()
 {
     stop();
+}
+
+void RuvoTunManager::removeLeftovers()
+{
+    removeLeftoverBypassRoutes(m_bypassRouteNotes);
 }
 
 QJsonObject RuvoTunManager::start(const QJsonObject &config)
@@ -59,12 +66,14 @@ QJsonObject RuvoTunManager::start(const QJsonObject &config)
 /// left to the event loop, it would be the end of every client's processes too.
 std::expected<void, QString> RuvoTunManager::bringUp(const TunnelConfiguration &configuration)
 try {
+    // Once the tunnel has its default route, Windows may list that one first.
+    std::vector<DefaultRoute> earlierDefaultRoutes = defaultRoutes();
     m_tunnel = makeTunnel(configuration);
     const auto started = m_tunnel->start(configuration.adapterName.toStdWString(), configuration.tunnelIp,
                                          prefixLength, m_wintunLibraryPath.toStdWString());
     if (!started)
         return std::unexpected(QString::fromStdString(started.error()));
-    routeIntoTunnel(configuration);
+    routeIntoTunnel(configuration, std::move(earlierDefaultRoutes));
     return {};
 } catch (const std::exception &error) {
     return std::unexpected(QString("Failed to start the tunnel: ") + QString::fromLocal8Bit(error.what()));
@@ -85,16 +94,19 @@ std::unique_ptr<Tunnel> RuvoTunManager::makeTunnel(const TunnelConfiguration &co
     return tunnel;
 }
 
-void RuvoTunManager::routeIntoTunnel(const TunnelConfiguration &configuration)
+void RuvoTunManager::routeIntoTunnel(const TunnelConfiguration &configuration,
+                                     std::vector<DefaultRoute> earlierDefaultRoutes)
 {
-    m_routeManager = std::make_unique<RouteManager>();
+    m_routeManager = std::make_unique<RouteManager>(m_bypassRouteNotes);
     m_routeManager->setInterface(m_tunnel->adapterLuid());
+    m_routeManager->setTunnelNetwork({configuration.tunnelIp, networkMask});
+    m_routeManager->setEarlierDefaultRoutes(std::move(earlierDefaultRoutes));
     std::uint32_t gateway = 0;
     m_originalInterfaceIndex = 0;
     if (!m_routeManager->findOriginalGateway(gateway, m_originalInterfaceIndex))
         qCWarning(lcRuvod) << "Failed to get original default gateway";
     qCDebug(lcRuvod) << "Original network interface index:" << m_originalInterfaceIndex;
-    // The first default route may be the tunnel's own: binding direct connections to it would send them back in.
+    // The only default route may be the tunnel's own: binding direct connections to it would send them back in.
     const bool isPhysical = m_originalInterfaceIndex != m_tunnel->adapterIndex();
     m_tunnel->setPhysicalInterface(isPhysical ? m_originalInterfaceIndex : 0);
 

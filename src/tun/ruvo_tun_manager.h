@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <expected>
 #include <memory>
+#include <vector>
 
 namespace ruvo {
 
@@ -24,6 +25,9 @@ public:
     explicit RuvoTunManager(QObject *parent = nullptr);
     /// Stops a started tunnel.
     ~RuvoTunManager() override;
+
+    /// Takes away what a run of the daemon that was killed has left on the machine. Before the first start.
+    void removeLeftovers();
 
     QJsonObject start(const QJsonObject &config);
     QJsonObject stop();
@@ -44,10 +48,11 @@ signals:
 private:
     std::expected<void, QString> bringUp(const TunnelConfiguration &configuration);
     std::unique_ptr<Tunnel> makeTunnel(const TunnelConfiguration &configuration);
-    void routeIntoTunnel(const TunnelConfiguration &configuration);
+    void routeIntoTunnel(const TunnelConfiguration &configuration, std::vector<DefaultRoute> earlierDefaultRoutes);
     void takeDown();
 
     const QString m_wintunLibraryPath;
+    const BypassRouteNotes m_bypassRouteNotes;
     std::unique_ptr<Tunnel> m_tunnel;
     /// Counts the tunnels made and taken down: what the last one had to tell is told only while it stands.
     std::uint64_t m_generation = 0;

@@ -10,7 +10,7 @@ import pytest
 
 from bench import tunnel
 from bench.filters import app_id
-from bench.network import RESOLVERS, ip
+from bench.network import ip
 from bench.paths import ROOT, windows_path
 from bench.waiting import wait_for
 
@@ -203,7 +203,6 @@ def test_a_daemon_that_is_killed_leaves_no_filter_and_its_rule_is_replaced(tunne
     assert len(bench.filters.filters()) == tunnel.FILTERS
     rule, = bench.firewall_rules()
     assert rule["name"] == f"RUVO TUN ({windows_path(bench.application / 'ruvod.exe')})"
-    bench.routes_that_change = ([], [tunnel.bypass_route(address) for address in RESOLVERS])
     os.kill(bench.daemon_pid(), signal.SIGKILL)
     wait_for(lambda: not bench.daemon_pids(), 10, "the end of the daemon")
     wait_for(lambda: not bench.filters.sessions(), 10, "the end of its session")

@@ -11,7 +11,7 @@ import time
 import pytest
 
 from bench import core, leaks, programs, sockets, traffic, tunnel
-from bench.network import GATEWAY6, RESOLVERS, SERVER6, SERVER_NETWORK6, UPLINK_ADDRESSES, ip
+from bench.network import GATEWAY6, SERVER6, SERVER_NETWORK6, UPLINK_ADDRESSES, ip
 from bench.waiting import wait_for
 
 pytestmark = pytest.mark.parametrize("bench", [("host", "net")], indirect=True)
@@ -271,7 +271,6 @@ def test_nothing_leaks_from_the_last_filter_to_the_first_call_of_the_clean_up(ru
 def test_a_killed_daemon_keeps_everything_in_until_it_is_gone(tunnel_bench):
     """Its filters go with it, and nothing else has to be done for that."""
     bench = tunnel_bench
-    bench.routes_that_change = ([], [tunnel.bypass_route(address) for address in RESOLVERS])
     client = bench.client()
     tunnel.start(client)
     bench.firewall_rules_that_stay = bench.firewall_rules()
@@ -291,7 +290,7 @@ def test_a_killed_daemon_keeps_everything_in_until_it_is_gone(tunnel_bench):
     assert bench.filters.sessions() == bench.filters.sublayers() == []
     client.wait_closed()
     wait_for(lambda: not tunnel.adapters(bench), 15, "the end of the adapter")
-    bench.start()  # so that a daemon can stop in order
+    bench.start()  # so that a daemon can stop in order, and the routes go
     probes = prober.probes()
     tell(phases, probes)
     spans = {name: (begin, end) for name, begin, end in phases.rows()}

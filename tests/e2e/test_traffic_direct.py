@@ -69,6 +69,19 @@ def test_port_53_is_connected_to_through_the_physical_interface(running, tunnel_
 
 
 @pytest.mark.debug_log
+def test_a_direct_connection_leaves_through_the_uplink_though_the_tunnels_default_route_comes_first(
+        running, core_client):
+    running.log.expect(r"^\[TCP-NAT\] Using DIRECT routing to ")
+    (running.substitutes / "netconfig.txt").write_text("default-routes reversed\n", encoding="ascii")
+    tunnel.start(core_client)
+    with both_ends.connections(running, port=DIRECT_PORT) as [(client, server)]:
+        client.sendall(b"a question")
+        assert both_ends.receive(server, 10) == b"a question"
+        assert server.getpeername()[0] == "192.0.2.2", "from the uplink's address"
+    tell_nothing(core_client)
+
+
+@pytest.mark.debug_log
 def test_without_a_physical_interface_a_direct_connection_ends_at_once_instead_of_going_round(running, core_client):
     running.log.expect(r"^\[TCP-NAT\] Using DIRECT routing to ")
     running.log.expect(rf"^\[TCP-NAT\] Own connection to {traffic.SERVER}:53 came back through the tunnel, closing it$")

@@ -15,6 +15,9 @@ TUN = f"interface={tunnel.INTERFACE}"
 RESOLVERS_IN_ORDER = sorted(RESOLVERS)
 
 START_CALLS = [
+    # The default routes from before there is a tunnel.
+    "GetIpForwardTable rows=3 result=False error=122",
+    "GetIpForwardTable rows=3 result=True",
     f"WintunOpenAdapter name={tunnel.NAME} result=False error=1168",
     f"WintunCreateAdapter name={tunnel.NAME} tunnel-type=SocksTunnel requested-guid={GUID} {TUN} guid={GUID} "
     "result=True",
@@ -31,11 +34,9 @@ START_CALLS = [
     "DnsFlushResolverCache result=True",
     "WintunStartSession capacity=16777216 result=True",
     "CreateIoCompletionPort bound=False threads=0 result=True",
-    # The original gateway: for direct connections, for the bypass routes; then the metric of the tunnel's own routes.
-    "GetIpForwardTable rows=5 result=False error=122",
-    "GetIpForwardTable rows=5 result=True",
-    "GetIpForwardTable rows=5 result=False error=122",
-    "GetIpForwardTable rows=5 result=True",
+    # The original gateway: for direct connections, for the bypass routes; then which addresses are reached without it;
+    # then the metric of the tunnel's own routes.
+    *["GetIpForwardTable rows=5 result=False error=122", "GetIpForwardTable rows=5 result=True"] * 3,
     *(f"CreateIpForwardEntry2 metric=0 protocol=3 destination={address}/32 next-hop=192.0.2.1 interface=uplink "
       "result=True"
       for address in RESOLVERS_IN_ORDER),
@@ -230,18 +231,53 @@ def test_a_proxy_elsewhere_gets_a_route_that_stays(tunnel_bench):
                  ("255.255.255.255", "192.0.2.1", 4, 3, 1, "uplink", error) for error in (None, 5010)]
 
 
-def test_a_proxy_elsewhere_whose_route_is_refused_does_without(tunnel_bench):
+def test_a_proxy_elsewhere_whose_route_is_refused_takes_the_interfaces_metric(tunnel_bench):
     bench = tunnel_bench
+    route = tunnel.bypass_route("203.0.113.20")
+    bench.routes_that_change = ([], [route])
     client = bench.client()
+    bench.log.expect(r"^Failed to delete route: 1168$")
     # Windows takes no metric below the interface's from this call.
-    bench.log.expect(r"^Warning: Failed to add proxy bypass route: 160$")
     tunnel.start(client, proxy_ip="203.0.113.20")
-    assert not any("203.0.113.20" in route for route in tunnel.routes(bench))
+    assert tunnel.routes(bench).count(route) == 1
     tunnel.stop(client)
+    added = bench.journal.calls("CreateIpForwardEntry", destination="203.0.113.20", next_hop="192.0.2.1")
+    assert [(call["metric"], call.get("error")) for call in added] == [(1, 160), (25, None)]
     # A name is no address: no route is tried.
     tunnel.start(client, proxy_ip="proxy.test")
-    assert len(bench.journal.calls("CreateIpForwardEntry")) == 1
+    assert len(bench.journal.calls("CreateIpForwardEntry")) == 2
     tunnel.stop(client)
+
+
+def test_a_proxy_elsewhere_whose_route_is_refused_twice_does_without(tunnel_bench):
+    bench = tunnel_bench
+    bench.plan_failures("CreateIpForwardEntry * 160")
+    client = bench.client()
+    bench.log.expect(r"^Warning: Failed to add proxy bypass route: 160$")
+    tunnel.start(client, proxy_ip="203.0.113.20")
+    assert len(bench.journal.calls("CreateIpForwardEntry")) == 2
+    assert not any("203.0.113.20" in route for route in tunnel.routes(bench))
+    tunnel.stop(client)
+
+
+def test_bypass_addresses_that_are_reached_without_the_gateway_get_no_route(tunnel_bench):
+    bench = tunnel_bench
+    host = bench.network.name("host")
+    ip("-n", host, "link", "add", "second", "type", "veth", "peer", "name", "third")
+    ip("-n", host, "address", "add", "172.16.0.2/24", "dev", "second")
+    for link in ("second", "third"):
+        ip("-n", host, "link", "set", link, "up")
+    before = tunnel.routes(bench)
+    client = bench.client()
+    near = ["127.0.0.1", "10.6.7.1", "10.6.7.2", "192.0.2.77", "172.16.0.77"]
+    tunnel.start(client, bypass_ips=[*near, "198.18.0.1"])
+    routes = [route for route in tunnel.routes(bench) if route not in before and tunnel.INTERFACE not in route]
+    assert sorted(routes) == sorted(map(tunnel.bypass_route, [*RESOLVERS, "198.18.0.1"]))
+    for address, interface in (("192.0.2.77", "uplink"), ("172.16.0.77", "second"), ("10.6.7.2", tunnel.INTERFACE)):
+        assert f" dev {interface} " in ip("-n", host, "route", "get", address)
+    tunnel.stop(client)
+    assert tunnel.routes(bench) == before
+    ip("-n", host, "link", "delete", "second")
 
 
 def test_without_a_default_route_the_tunnel_stands_and_gets_no_routes(tunnel_bench):
@@ -249,22 +285,23 @@ def test_without_a_default_route_the_tunnel_stands_and_gets_no_routes(tunnel_ben
     bench.routes_that_change = (["default via 192.0.2.1 dev uplink metric 25"], [])
     ip("-n", bench.network.name("host"), "route", "del", "default")
     client = bench.client()
-    # The tunnel's own default route, which comes first then, leads to no gateway that could be gone around by.
+    # There is only the tunnel's own then, which leads to no gateway that could be gone around by, and there was none.
     bench.log.expect(r"^Default route leads into the tunnel itself, skipping bypass routes, ifIndex: \d+$")
     tunnel.start(client)
     assert not bench.journal.calls("CreateIpForwardEntry2", interface="uplink")
     tunnel.stop(client)
 
 
-def test_a_tunnel_whose_own_default_route_comes_first_gets_no_bypass_routes(tunnel_bench):
+@pytest.mark.debug_log
+def test_a_tunnel_whose_own_default_route_comes_first_goes_by_the_gateway_from_before(tunnel_bench):
     bench = tunnel_bench
     (bench.substitutes / "netconfig.txt").write_text("default-routes reversed\n", encoding="ascii")
     client = bench.client()
-    bench.log.expect(r"^Default route leads into the tunnel itself, skipping bypass routes, ifIndex: \d+$")
-    before = tunnel.routes(bench)
     tunnel.start(client)
-    added = set(tunnel.routes(bench)) - set(before)
-    assert added and all(f"dev {tunnel.INTERFACE}" in route for route in added)
+    routes = tunnel.routes(bench)
+    assert all(tunnel.bypass_route(address) in routes for address in RESOLVERS)
+    assert_in_order(log_lines(bench), ["DEBUG Original network interface index: 2",
+                                       'DEBUG Original gateway: "192.0.2.1" (ifIndex= 2 )'])
     tunnel.stop(client)
 
 

@@ -17,6 +17,15 @@ def in_host(bench, *words):
     return ip("-n", bench.network.name("host"), *words)
 
 
+def make_older_adapter(bench):
+    """An adapter of the default name that was there before the daemon: the interface "older"."""
+    guid = tunnel.guid_of(tunnel.NAME)
+    in_host(bench, "tuntap", "add", "dev", "older", "mode", "tun", "multi_queue")
+    in_host(bench, "link", "set", "older", "up", "alias", f"wintun | {guid} | SocksTunnel | {tunnel.NAME}")
+    for service in ("Tcpip", "Tcpip6"):
+        assert bench.prefix.run("reg", "add", tunnel.interface_key(guid, service), "/f").status == 0
+
+
 def test_a_tunnel_whose_adapter_was_removed_is_cleaned_up_by_the_next_start(tunnel_bench):
     bench = tunnel_bench
     client = bench.client()
@@ -45,32 +54,93 @@ def test_a_tunnel_whose_adapter_was_removed_can_be_stopped(tunnel_bench):
     assert client.request("stop-tun")["error"] == "TUN not running"
 
 
-def test_after_a_daemon_that_was_killed_the_next_one_starts_the_tunnel(tunnel_bench):
-    bench = tunnel_bench
-    client = bench.client()
-    tunnel.start(client)
+def kill_daemon(bench, client):
     processes.kill([bench.daemon_pid()])
     client.wait_closed()
-    # The adapter belonged to the process. Routes on other interfaces stay, and are then somebody else's.
+
+
+def test_after_a_daemon_that_was_killed_the_next_one_starts_the_tunnel(tunnel_bench):
+    bench = tunnel_bench
+    # Of somebody else's: one that the tunnel would have made, and one that it has no business with.
+    others = [f"{address} via 192.0.2.1 dev uplink metric 25" for address in ("1.1.1.1", "198.18.0.9")]
+    for route in others:
+        in_host(bench, "route", "add", *route.split())
+    bench.routes_that_change = ([], others)
+    ours = [tunnel.bypass_route(address) for address in RESOLVERS if address != "1.1.1.1"]
+    client = bench.client()
+    tunnel.start(client)
+    assert all(route in tunnel.routes(bench) for route in ours)
+    kill_daemon(bench, client)
+    # The adapter belonged to the process. Routes on other interfaces stay.
     wait_for(lambda: not tunnel.adapters(bench), 15, "the end of the adapter")
-    bench.routes_that_change = ([], [tunnel.bypass_route(address) for address in RESOLVERS])
+    assert all(route in tunnel.routes(bench) for route in ours)
     bench.start()
     client = bench.client()
+    assert not any(route in tunnel.routes(bench) for route in ours), "the next daemon has not removed them"
+    assert all(route in tunnel.routes(bench) for route in others)
+    texts = bench.log.texts()
+    removed = [place for place, text in enumerate(texts) if text.startswith("Removed bypass route of an earlier run: ")]
+    assert len(removed) == len(ours)
+    # Before any client can ask for a tunnel.
+    second_start = len(texts) - 1 - texts[::-1].index("Starting ruvod daemon...")
+    assert removed == list(range(second_start + 1, second_start + 1 + len(ours)))
     assert not tunnel.is_running(client)
     tunnel.start(client)
     routes = tunnel.routes(bench)
     assert f"0.0.0.0/1 dev {tunnel.INTERFACE} proto static scope link" in routes
-    assert all(routes.count(tunnel.bypass_route(address)) == 1 for address in RESOLVERS)
+    assert all(routes.count(route) == 1 for route in [*ours, *others])
     tunnel.stop(client)
+
+
+def test_routes_that_were_taken_away_in_order_are_not_taken_away_by_the_next_daemon(tunnel_bench):
+    bench = tunnel_bench
+    client = bench.client()
+    tunnel.start(client)
+    tunnel.stop(client)
+    # The same ones, of somebody else.
+    for address in RESOLVERS:
+        in_host(bench, "route", "add", *tunnel.bypass_route(address).split())
+    bench.routes_that_change = ([], [tunnel.bypass_route(address) for address in RESOLVERS])
+    kill_daemon(bench, client)
+    bench.start()
+    routes = tunnel.routes(bench)
+    assert all(tunnel.bypass_route(address) in routes for address in RESOLVERS)
+
+
+@pytest.mark.debug_log
+def test_after_a_daemon_that_was_killed_an_adapter_that_stays_is_taken_over(tunnel_bench):
+    bench = tunnel_bench
+    make_older_adapter(bench)
+    # Its default route, and the halves that it is left with, come before the uplink's when the next start asks.
+    (bench.substitutes / "netconfig.txt").write_text("default-routes reversed\n", encoding="ascii")
+    client = bench.client()
+    tunnel.start(client)
+    kill_daemon(bench, client)
+    halves = ["0.0.0.0/1 dev older proto static scope link", "128.0.0.0/1 dev older proto static scope link"]
+
+    def left():
+        return [route.replace(" linkdown", "") for route in tunnel.routes(bench)]
+
+    assert all(route in left() for route in [*halves, "default via 10.6.7.2 dev older proto static"])
+    bench.start()
+    client = bench.client()
+    lines = len(bench.log.lines())
+    tunnel.start(client, bypass_ips=["203.0.113.20"])
+    assert not bench.journal.calls("WintunCreateAdapter")
+    assert [(a.interface, a.addresses) for a in tunnel.adapters(bench)] == [("older", ["10.6.7.1/30"])]
+    routes = tunnel.routes(bench)
+    assert all(routes.count(route) == 1 for route in halves)
+    assert all(routes.count(tunnel.bypass_route(address)) == 1 for address in [*RESOLVERS, "203.0.113.20"])
+    [line] = [line.text for line in bench.log.lines()[lines:] if "Original network interface index:" in line.text]
+    uplink = json.loads(in_host(bench, "-json", "link", "show", "uplink"))[0]["ifindex"]
+    assert line == f"Original network interface index: {uplink}"
+    tunnel.stop(client)
+    in_host(bench, "link", "delete", "older")
 
 
 def test_an_adapter_that_was_there_before_is_used_and_stays(tunnel_bench):
     bench = tunnel_bench
-    guid = tunnel.guid_of(tunnel.NAME)
-    in_host(bench, "tuntap", "add", "dev", "older", "mode", "tun", "multi_queue")
-    in_host(bench, "link", "set", "older", "up", "alias", f"wintun | {guid} | SocksTunnel | {tunnel.NAME}")
-    for service in ("Tcpip", "Tcpip6"):
-        assert bench.prefix.run("reg", "add", tunnel.interface_key(guid, service), "/f").status == 0
+    make_older_adapter(bench)
     client = bench.client()
     tunnel.start(client)
     assert not bench.journal.calls("WintunCreateAdapter")

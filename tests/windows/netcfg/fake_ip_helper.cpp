@@ -95,8 +95,9 @@ FakeIpHelper::FakeIpHelper()
         row->NlMtu = infinite;
     })
     , m_getInterface([this](PMIB_IPINTERFACE_ROW row) -> NETIO_STATUS {
-        const DWORD error =
-            answer(QString("GetIpInterfaceEntry family %1 luid %2").arg(row->Family).arg(row->InterfaceLuid.Value));
+        const QString which = row->InterfaceLuid.Value != 0 ? QString("luid %1").arg(row->InterfaceLuid.Value)
+                                                            : QString("index %1").arg(row->InterfaceIndex);
+        const DWORD error = answer(QString("GetIpInterfaceEntry family %1 %2").arg(row->Family).arg(which));
         row->Metric = currentMetric;
         row->UseAutomaticMetric = automaticMetric;
         row->SitePrefixLength = 64;
@@ -170,6 +171,7 @@ DWORD FakeIpHelper::fillForwardTable(PMIB_IPFORWARDTABLE table, PULONG size, BOO
         next->dwForwardMask = networkOrder(row.mask);
         next->dwForwardNextHop = networkOrder(row.nextHop);
         next->dwForwardIfIndex = row.interfaceIndex;
+        next->dwForwardType = next->dwForwardNextHop == 0 ? MIB_IPROUTE_TYPE_DIRECT : MIB_IPROUTE_TYPE_INDIRECT;
         next->dwForwardProto = row.protocol;
         next->dwForwardMetric1 = row.metric;
         ++next;

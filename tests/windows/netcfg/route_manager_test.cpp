@@ -1,70 +1,13 @@
-#include "netcfg/route_manager.h"
+// Routes into the tunnel, and out of it again.
 
-#include "support/log_capture.h"
+#include "windows/netcfg/route_manager_test.h"
+
 #include "support/qt_printers.h"
-#include "windows/netcfg/fake_ip_helper.h"
-
-#include <gtest/gtest.h>
-
-#include <optional>
 
 namespace ruvo {
 namespace {
 
-using test::FakeIpHelper;
-using test::ForwardRow;
-
-constexpr std::uint64_t tunnelLuid = 4711;
-constexpr std::uint32_t noOverride = 0;
-constexpr std::uint32_t onLink = 0;
-constexpr std::uint32_t noProxy = 0;
-constexpr std::uint32_t loopback = 0x7F000001;
-constexpr std::uint32_t proxy = 0xCB007105;   // 203.0.113.5
-constexpr std::uint32_t bypass1 = 0x01010101; // 1.1.1.1
-constexpr std::uint32_t bypass2 = 0x08080808; // 8.8.8.8
-
-constexpr ForwardRow original{"0.0.0.0", "0.0.0.0", "192.168.1.1", 4, 25};
-
-const QString firstSplit = "0.0.0.0/1 via 0.0.0.0 on luid 4711 index 7";
-const QString secondSplit = "128.0.0.0/1 via 0.0.0.0 on luid 4711 index 7";
-
-QString added(const QString &route, int metric = 0)
-{
-    return QString("CreateIpForwardEntry2 %1 metric %2 protocol 3").arg(route).arg(metric);
-}
-
-QString deleted(const QString &route)
-{
-    return "DeleteIpForwardEntry2 " + route;
-}
-
-QString addedProxyRoute(const char *gateway = "192.168.1.1", int index = 4)
-{
-    return QString("CreateIpForwardEntry 203.0.113.5/255.255.255.255 via %1 index %2 type 4 protocol 3 metric 1")
-        .arg(gateway)
-        .arg(index);
-}
-
-class RouteManagerTest : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        m_ipHelper.forwardTable = {original};
-        m_routes.emplace();
-        m_routes->setInterface(tunnelLuid);
-        m_ipHelper.calls.clear();
-    }
-
-    bool setUp(std::uint32_t proxyAddress = loopback, std::uint32_t gatewayOverride = noOverride)
-    {
-        return m_routes->setupFullTunnelRouting(onLink, proxyAddress, gatewayOverride);
-    }
-
-    test::LogCapture m_log;
-    FakeIpHelper m_ipHelper;
-    std::optional<RouteManager> m_routes;
-};
+using test::RouteManagerTest;
 
 TEST_F(RouteManagerTest, knowsItsInterfaceByTheLuid)
 {
@@ -139,15 +82,6 @@ TEST_F(RouteManagerTest, withoutADefaultRouteNothingIsAdded)
     EXPECT_FALSE(setUp(proxy, 0x0A0000FE));
     EXPECT_EQ(m_ipHelper.calls, QStringList());
     EXPECT_EQ(m_log.lines(), QStringList{"WARNING Failed to get original default gateway"});
-}
-
-TEST_F(RouteManagerTest, aProxyRouteThatWindowsRefusesIsOnlyReported)
-{
-    m_ipHelper.fail("CreateIpForwardEntry", ERROR_BAD_ARGUMENTS);
-    EXPECT_TRUE(setUp(proxy));
-    EXPECT_EQ(m_log.linesWith("WARNING"), QStringList{"WARNING Warning: Failed to add proxy bypass route: 160"});
-    m_routes->removeAllRoutes();
-    EXPECT_EQ(m_ipHelper.calls.filter("Delete"), (QStringList{deleted(firstSplit), deleted(secondSplit)}));
 }
 
 TEST_F(RouteManagerTest, theSplitRoutesTakeTheMetricOfTheTunnelsRoutes)
@@ -285,92 +219,6 @@ TEST_F(RouteManagerTest, saysWhichSingleRouteFailed)
     EXPECT_FALSE(m_routes->addRoute(0, 0));
     EXPECT_FALSE(m_routes->deleteRoute(0, 0));
     EXPECT_EQ(m_log.lines(), (QStringList{"WARNING Failed to add route: 5", "WARNING Failed to delete route: 1168"}));
-}
-
-// Bypass addresses.
-
-const QString bypassRoute1 = "1.1.1.1/32 via 192.168.1.1 on luid 0 index 4";
-const QString bypassRoute2 = "8.8.8.8/32 via 192.168.1.1 on luid 0 index 4";
-
-TEST_F(RouteManagerTest, bypassAddressesKeepTheirWayRightBehindTheProxy)
-{
-    m_routes->setBypassAddresses({bypass2, bypass1});
-    EXPECT_TRUE(setUp(proxy));
-    EXPECT_EQ(m_ipHelper.calls, (QStringList{addedProxyRoute(), added(bypassRoute1), added(bypassRoute2),
-                                             added(firstSplit), added(secondSplit)}));
-    EXPECT_EQ(m_log.linesWith("Added bypass route"),
-              (QStringList{"DEBUG Added bypass route: \"1.1.1.1\" via \"192.168.1.1\"",
-                           "DEBUG Added bypass route: \"8.8.8.8\" via \"192.168.1.1\""}));
-}
-
-TEST_F(RouteManagerTest, bypassRoutesAreRemovedExactlyAsTheyWereAdded)
-{
-    m_routes->setBypassAddresses({bypass1, bypass2});
-    ASSERT_TRUE(setUp());
-    m_ipHelper.calls.clear();
-    m_ipHelper.forwardTable.clear(); // what is removed is what was added, whatever the routes are by now
-    m_routes->removeAllRoutes();
-    EXPECT_EQ(m_ipHelper.calls,
-              (QStringList{deleted(firstSplit), deleted(secondSplit), deleted(bypassRoute1), deleted(bypassRoute2)}));
-    m_routes->removeAllRoutes();
-    EXPECT_EQ(m_ipHelper.calls.size(), 4) << "once";
-}
-
-TEST_F(RouteManagerTest, aBypassRouteOfSomebodyElseStays)
-{
-    m_ipHelper.fail("CreateIpForwardEntry2", ERROR_OBJECT_ALREADY_EXISTS, "1.1.1.1/32");
-    m_routes->setBypassAddresses({bypass1, bypass2});
-    EXPECT_TRUE(setUp());
-    EXPECT_EQ(m_log.linesWith("WARNING"), QStringList());
-    m_routes->removeAllRoutes();
-    EXPECT_EQ(m_ipHelper.calls.filter("Delete").filter("/32"), QStringList{deleted(bypassRoute2)});
-}
-
-TEST_F(RouteManagerTest, aBypassRouteThatWindowsRefusesIsOnlyReported)
-{
-    m_ipHelper.fail("CreateIpForwardEntry2", ERROR_ACCESS_DENIED, "1.1.1.1/32");
-    m_routes->setBypassAddresses({bypass1, bypass2});
-    EXPECT_TRUE(setUp());
-    EXPECT_EQ(m_log.linesWith("WARNING"), QStringList{"WARNING Failed to add bypass route: \"1.1.1.1\" error: 5"});
-    m_routes->removeAllRoutes();
-    EXPECT_EQ(m_ipHelper.calls.filter("Delete").filter("/32"), QStringList{deleted(bypassRoute2)});
-}
-
-TEST_F(RouteManagerTest, aBypassRouteThatCannotBeRemovedIsReported)
-{
-    m_routes->setBypassAddresses({bypass1});
-    ASSERT_TRUE(setUp());
-    m_ipHelper.fail("DeleteIpForwardEntry2", ERROR_NOT_FOUND, "1.1.1.1/32");
-    m_log.clear();
-    m_routes->removeAllRoutes();
-    EXPECT_EQ(m_log.linesWith("bypass"),
-              QStringList{"WARNING Failed to delete bypass route: \"1.1.1.1\" error: 1168"});
-}
-
-TEST_F(RouteManagerTest, bypassRoutesAreRemovedThoughASplitRouteFailed)
-{
-    m_routes->setBypassAddresses({bypass1});
-    m_ipHelper.fail("CreateIpForwardEntry2", ERROR_ACCESS_DENIED, "0.0.0.0/1 ");
-    EXPECT_FALSE(setUp());
-    m_routes.reset();
-    EXPECT_EQ(m_ipHelper.calls.filter("Delete"), QStringList{deleted(bypassRoute1)});
-}
-
-TEST_F(RouteManagerTest, aDefaultRouteIntoTheTunnelIsNoBypass)
-{
-    m_ipHelper.forwardTable = {{"0.0.0.0", "0.0.0.0", "10.6.7.2", 7, 5}, original};
-    m_routes->setBypassAddresses({bypass1, bypass2});
-    EXPECT_TRUE(setUp());
-    EXPECT_EQ(m_ipHelper.calls, (QStringList{added(firstSplit, 5), added(secondSplit, 5)}));
-    EXPECT_EQ(m_log.linesWith("WARNING"),
-              QStringList{"WARNING Default route leads into the tunnel itself, skipping bypass routes, ifIndex: 7"});
-}
-
-TEST_F(RouteManagerTest, aDefaultRouteIntoTheTunnelMattersToNobodyWithoutBypassAddresses)
-{
-    m_ipHelper.forwardTable = {{"0.0.0.0", "0.0.0.0", "10.6.7.2", 7, 5}};
-    EXPECT_TRUE(setUp());
-    EXPECT_EQ(m_log.linesWith("WARNING"), QStringList());
 }
 
 } // namespace

@@ -31,7 +31,8 @@ protected:
         ASSERT_TRUE(m_own->load(libraryPath()));
         ASSERT_TRUE(m_own->createAdapter(L"test", L"SocksTunnel"));
         ASSERT_TRUE(m_own->setIpAddress(0x0A060701, 30));
-        m_routes.emplace();
+        m_routes.emplace(m_notes);
+        m_routes->setTunnelNetwork({0x0A060701, 0xFFFFFFFC});
         m_routes->setInterface(m_own->luid());
         m_log.clear();
     }
@@ -49,6 +50,7 @@ protected:
         return linuxOutput("ip route get " + address + " | grep -o ' dev [^ ]*' | cut -d ' ' -f 3");
     }
 
+    const BypassRouteNotes m_notes; // without a service it takes none
     std::optional<WintunAdapter> m_own;
     std::optional<RouteManager> m_routes;
 };
@@ -80,11 +82,30 @@ TEST_F(RoutesOnLinux, leaveTheProxysOwnRouteBehind)
     EXPECT_EQ(linuxOutput("ip route delete 203.0.113.5; sysctl -qw net.ipv4.conf.uplink.tag=0"), "");
 }
 
-TEST_F(RoutesOnLinux, areSetUpThoughTheProxysOwnRouteIsRefused)
+TEST_F(RoutesOnLinux, giveTheProxyTheInterfacesMetricWhereALowerOneIsRefused)
 {
     ASSERT_TRUE(m_routes->setupFullTunnelRouting(onLink, proxy, noOverride));
+    EXPECT_EQ(m_log.linesWith("WARNING"), QStringList());
+    EXPECT_EQ(wayTo("203.0.113.5"), "uplink\n");
+    EXPECT_THAT(routes("203.0.113.5"), HasSubstr("203.0.113.5 via 192.0.2.1 dev uplink proto static metric 25"));
+    EXPECT_EQ(linuxOutput("ip route delete 203.0.113.5"), "");
+}
+
+TEST_F(RoutesOnLinux, areSetUpThoughTheProxysOwnRouteIsRefused)
+{
+    fail("CreateIpForwardEntry", ERROR_BAD_ARGUMENTS);
+    ASSERT_TRUE(m_routes->setupFullTunnelRouting(onLink, proxy, noOverride));
+    failNothing();
     EXPECT_EQ(m_log.linesWith("WARNING"), QStringList{"WARNING Warning: Failed to add proxy bypass route: 160"});
     EXPECT_EQ(wayTo("203.0.113.5"), "test\n");
+}
+
+TEST_F(RoutesOnLinux, leaveAProxyInTheNeighbourhoodItsWay)
+{
+    ASSERT_TRUE(m_routes->setupFullTunnelRouting(onLink, 0xC000024D, noOverride));
+    EXPECT_EQ(routes("192.0.2.77"), "");
+    EXPECT_EQ(wayTo("192.0.2.77"), "uplink\n");
+    EXPECT_EQ(m_log.linesWith("WARNING"), QStringList{"WARNING Warning: Failed to add proxy bypass route: 160"});
 }
 
 TEST_F(RoutesOnLinux, spareBypassAddresses)
@@ -97,6 +118,23 @@ TEST_F(RoutesOnLinux, spareBypassAddresses)
     m_routes->removeAllRoutes();
     EXPECT_EQ(routes("8.8.8.8") + routes("1.1.1.1"), "");
     EXPECT_EQ(m_log.linesWith("WARNING"), QStringList());
+}
+
+TEST_F(RoutesOnLinux, spareWithoutARouteWhatIsReachedWithoutTheGateway)
+{
+    ASSERT_EQ(
+        linuxOutput("ip link add second type veth peer name third && ip address add 172.16.0.2/24 dev second && "
+                    "ip link set second up && ip link set third up"),
+        "");
+    m_routes->setBypassAddresses({0x08080808, loopback, 0x0A060702, 0xC000024D, 0xAC10004D});
+    ASSERT_TRUE(m_routes->setupFullTunnelRouting(onLink, loopback, noOverride));
+    EXPECT_EQ(wayTo("8.8.8.8"), "uplink\n");
+    EXPECT_EQ(wayTo("172.16.0.77"), "second\n");
+    EXPECT_EQ(wayTo("192.0.2.77"), "uplink\n");
+    for (const char *address : {"127.0.0.1", "10.6.7.2", "192.0.2.77", "172.16.0.77"})
+        EXPECT_EQ(routes(address), "") << address;
+    m_routes->removeAllRoutes();
+    EXPECT_EQ(linuxOutput("ip link delete second"), "");
 }
 
 TEST_F(RoutesOnLinux, leaveABypassRouteOfSomebodyElse)
@@ -127,7 +165,7 @@ TEST_F(RoutesOnLinux, areBuiltWhicheverDefaultRouteComesFirst)
     EXPECT_EQ(gateway, 0xC0000201u);
     EXPECT_NE(index, m_own->interfaceIndex());
 
-    // The tunnel's own default route first: nothing can bypass it.
+    // The tunnel's own default route first: nothing can bypass it, unless another was known before.
     test::writeBenchFile("netconfig.txt", "default-routes reversed\n");
     ASSERT_TRUE(m_routes->findOriginalGateway(gateway, index));
     EXPECT_EQ(gateway, 0x0A060702u);
@@ -137,6 +175,15 @@ TEST_F(RoutesOnLinux, areBuiltWhicheverDefaultRouteComesFirst)
     ASSERT_TRUE(m_routes->setupFullTunnelRouting(onLink, loopback, noOverride));
     EXPECT_EQ(m_log.linesWith("skipping bypass routes").size(), 1);
     EXPECT_EQ(wayTo("8.8.8.8"), "test\n");
+    EXPECT_EQ(wayTo("93.184.216.34"), "test\n");
+    m_routes->removeAllRoutes();
+
+    const auto uplink = static_cast<std::uint32_t>(std::stoul(linuxOutput("ip -o link show uplink | cut -d : -f 1")));
+    m_routes->setEarlierDefaultRoutes({{0xC0000201, uplink}});
+    m_log.clear();
+    ASSERT_TRUE(m_routes->setupFullTunnelRouting(onLink, loopback, noOverride));
+    EXPECT_EQ(m_log.linesWith("WARNING"), QStringList());
+    EXPECT_EQ(wayTo("8.8.8.8"), "uplink\n");
     EXPECT_EQ(wayTo("93.184.216.34"), "test\n");
 }
 
@@ -151,7 +198,7 @@ TEST_F(RoutesOnLinux, areNotBuiltWithoutADefaultRoute)
 TEST_F(RoutesOnLinux, thatExistCountAsAddedAndGo)
 {
     ASSERT_TRUE(m_routes->setupFullTunnelRouting(onLink, loopback, noOverride));
-    RouteManager again;
+    RouteManager again(m_notes);
     again.setInterface(m_own->luid());
     EXPECT_TRUE(again.setupFullTunnelRouting(onLink, loopback, noOverride));
     again.removeAllRoutes();

@@ -2,9 +2,16 @@
 
 #include "windows/tun/ruvo_tun_manager_test.h"
 
+#include "common/winsock_headers.h"
 #include "support/qt_printers.h"
+#include "windows/support/import_redirection.h"
 
 #include <gmock/gmock.h>
+
+#include <QJsonArray>
+
+#include <algorithm>
+#include <span>
 
 namespace ruvo::test {
 namespace {
@@ -64,13 +71,38 @@ TEST_F(RuvoTunManagerTest, remembersTheInterfaceOfTheOriginalDefaultRoute)
     EXPECT_TRUE(m_log.contains("DEBUG Original gateway: \"192.0.2.1\" (ifIndex= " + index + " )"));
 }
 
-TEST_F(RuvoTunManagerTest, sparesNothingIfItsOwnDefaultRouteComesFirst)
+TEST_F(RuvoTunManagerTest, sparesTheResolversThoughItsOwnDefaultRouteComesFirst)
 {
+    const QString index = QString::fromStdString(linuxOutput("ip -o link show uplink | cut -d : -f 1")).trimmed();
     writeBenchFile("netconfig.txt", "default-routes reversed\n");
-    ASSERT_EQ(m_manager->start({}), started());
-    EXPECT_EQ(m_log.linesWith("skipping bypass routes").size(), 1);
-    EXPECT_EQ(wayTo("8.8.8.8"), std::string(defaultLink) + '\n');
-    EXPECT_EQ(wayTo("93.184.216.34"), std::string(defaultLink) + '\n');
+    // The second time the adapter's route, which stays with it, is listed first before the start already.
+    makeAdapter("ruvo-default-tun");
+    for (int run = 0; run < 2; ++run) {
+        ASSERT_EQ(m_manager->start({}), started());
+        EXPECT_TRUE(m_log.contains("DEBUG Original network interface index: " + index));
+        EXPECT_EQ(m_log.linesWith("skipping bypass routes"), QStringList());
+        EXPECT_EQ(wayTo("8.8.8.8"), "uplink\n");
+        EXPECT_EQ(wayTo("93.184.216.34"), "kept\n");
+        m_log.clear();
+        ASSERT_EQ(m_manager->stop(), success);
+    }
+}
+
+TEST_F(RuvoTunManagerTest, knowsItsOwnNetworkBeforeWindowsListsIt)
+{
+    const ImportRedirection<IMPORT(GetIpForwardTable)> forwardTable(
+        [&](PMIB_IPFORWARDTABLE table, PULONG size, BOOL sorted) {
+            const DWORD error = forwardTable.real(table, size, sorted);
+            if (error == NO_ERROR) {
+                const auto isOwn = [](const MIB_IPFORWARDROW &row) { return row.dwForwardDest == htonl(0x0A060700); };
+                const std::span rows(table->table, table->dwNumEntries);
+                table->dwNumEntries -= static_cast<DWORD>(std::ranges::remove_if(rows, isOwn).size());
+            }
+            return error;
+        });
+    ASSERT_EQ(m_manager->start({{"bypass-ips", QJsonArray{"10.6.7.1", "10.6.7.2", "10.6.7.4"}}}), started());
+    EXPECT_THAT(routes("10.6.7.1") + routes("10.6.7.2"), IsEmpty());
+    EXPECT_EQ(wayTo("10.6.7.4"), "uplink\n") << "the next network";
 }
 
 TEST_F(RuvoTunManagerTest, leavesTheRouteOfAProxyElsewhere)
