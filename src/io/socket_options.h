@@ -64,6 +64,14 @@ inline bool setNonBlocking(SOCKET socket)
     return ioctlsocket(socket, static_cast<long>(FIONBIO), &on) == 0;
 }
 
+/// What the socket sends leaves through the interface of this index, whatever the routes say. False: WSAGetLastError
+/// tells why.
+inline bool setUnicastInterface(SOCKET socket, std::uint32_t interfaceIndex)
+{
+    const DWORD index = htonl(interfaceIndex); // Windows wants network order here, unlike IPV6_UNICAST_IF
+    return setsockopt(socket, IPPROTO_IP, IP_UNICAST_IF, reinterpret_cast<const char *>(&index), sizeof(index)) == 0;
+}
+
 /// From here on the socket sends to `peer` and takes datagrams of nobody else; what others have sent since it was
 /// bound is thrown away. It has to be non-blocking. False: WSAGetLastError tells why.
 inline bool connectDatagrams(SOCKET socket, const sockaddr_in &peer)

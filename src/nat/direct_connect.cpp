@@ -1,16 +1,15 @@
 #include "nat/direct_connect.h"
 
 #include "common/log_category.h"
+#include "io/socket_options.h"
 
 namespace ruvo {
 
 namespace {
 
-/// Windows wants the index in network byte order here, unlike IPV6_UNICAST_IF.
 void bindToInterface(SOCKET socket, std::uint32_t interfaceIndex, ConnectLog &log)
 {
-    const DWORD index = htonl(interfaceIndex);
-    if (setsockopt(socket, IPPROTO_IP, IP_UNICAST_IF, reinterpret_cast<const char *>(&index), sizeof(index)) == 0) {
+    if (setUnicastInterface(socket, interfaceIndex)) {
         qCDebug(lcRuvod) << "[TCP-NAT] Bound direct socket to physical interface" << interfaceIndex;
         return;
     }

@@ -1,6 +1,5 @@
 #include "nat/udp_nat_relay.h"
 
-#include "common/dns_redirect.h"
 #include "common/log_category.h"
 #include "packet/packet_builder.h"
 
@@ -29,7 +28,8 @@ bool UdpNatRelay::initialize(const Settings &settings, CompletionPort &completio
 
 bool UdpNatRelay::forward(const FlowKey &flow, const Endpoint &target, std::span<const std::uint8_t> payload)
 {
-    {
+    Lane *lane = nullptr;
+    try {
         const std::lock_guard lock(m_mutex);
         if (!m_initialized)
             return false;
@@ -40,16 +40,46 @@ bool UdpNatRelay::forward(const FlowKey &flow, const Endpoint &target, std::span
             touch(*found->second);
             return true;
         }
-        const bool isNew = m_waiting.add(flow, target, payload);
-        if (!isNew || m_opening == maxOpeners)
+        lane = &laneToWaitIn(flow, target);
+        if (!lane->waiting.add(flow, target, payload) || !takeOpener(*lane))
             return true;
-        ++m_opening;
+    } catch (const std::bad_alloc &) {
+        return true;
     }
-    if (!m_openers.post([this] { openWaiting(); })) {
-        const std::lock_guard lock(m_mutex);
-        --m_opening; // the next new flow tries again
-    }
+    startOpener(*lane);
     return true;
+}
+
+/// Under the mutex. A flow waits in one lane only: one that has been asked about is with its inbound.
+UdpNatRelay::Lane &UdpNatRelay::laneToWaitIn(const FlowKey &flow, const Endpoint &target)
+{
+    Lane &inbound = inboundOf(target);
+    const bool isTunnelDns = realDestination(flow.destination, m_tunnelValue) != flow.destination;
+    const bool isAsked = m_questions.wayFor && !isTunnelDns && !inbound.waiting.contains(flow);
+    return isAsked ? m_unasked : inbound;
+}
+
+/// Under the mutex: whether another thread may open what waits. startOpener has to follow.
+bool UdpNatRelay::takeOpener(Lane &lane)
+{
+    if (lane.opening == lane.maxOpeners)
+        return false;
+    ++lane.opening;
+    return true;
+}
+
+void UdpNatRelay::startOpener(Lane &lane)
+{
+    bool isPosted = false;
+    try {
+        isPosted = lane.openers.post([this, &lane] { openWaiting(lane); });
+    } catch (const std::bad_alloc &) {
+        // As if there were no thread.
+    }
+    if (isPosted)
+        return;
+    const std::lock_guard lock(m_mutex);
+    --lane.opening; // the next new flow tries again
 }
 
 bool UdpNatRelay::isStopping() const
@@ -58,63 +88,114 @@ bool UdpNatRelay::isStopping() const
 }
 
 /// On an opener's thread: one flow after another until none waits.
-void UdpNatRelay::openWaiting()
+void UdpNatRelay::openWaiting(Lane &lane)
 {
     for (;;) {
         std::optional<UdpWaitingFlows::Opening> flow;
         {
             const std::lock_guard lock(m_mutex);
             if (m_initialized && !isStopping())
-                flow = m_waiting.beginOpening();
+                flow = lane.waiting.beginOpening();
             if (!flow) {
-                --m_opening;
+                --lane.opening;
                 return;
             }
         }
-        open(*flow);
+        try {
+            if (&lane == &m_unasked)
+                ask(*flow);
+            else
+                open(*flow);
+        } catch (const std::bad_alloc &) {
+            takeWaiting(flow->key);
+        }
     }
+}
+
+void UdpNatRelay::ask(const UdpWaitingFlows::Opening &flow)
+{
+    const UdpWay way = m_questions.wayFor(flow.key);
+    if (way == UdpWay::Associate)
+        return handOn(flow);
+    if (way == UdpWay::Direct && openDirect(flow))
+        return;
+    // Not to the fallback: the proxy would send it through the tunnel again.
+    takeWaiting(flow.key);
+}
+
+void UdpNatRelay::handOn(const UdpWaitingFlows::Opening &flow)
+{
+    Lane &inbound = inboundOf(flow.target);
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!inbound.waiting.takeOver(flow.key, flow.target, m_unasked.waiting.take(flow.key))
+            || !takeOpener(inbound))
+            return;
+    }
+    startOpener(inbound);
+}
+
+/// False: nothing may be sent, as it might come back through the tunnel.
+bool UdpNatRelay::openDirect(const UdpWaitingFlows::Opening &flow)
+{
+    const std::uint32_t interfaceIndex = m_questions.physicalInterface();
+    if (interfaceIndex == 0) {
+        m_log.noPhysicalInterface(flow.target);
+        return false;
+    }
+    const auto session = std::make_shared<UdpNatSession>(flow.key, flow.target, std::uint16_t{0}, m_log);
+    if (!session->openDirect(interfaceIndex, *m_completionPort))
+        return false;
+    start(session);
+    return true;
 }
 
 void UdpNatRelay::open(const UdpWaitingFlows::Opening &flow)
 {
     UdpNatSessionPtr session;
-    bool isOurs = false;
     try {
         session = std::make_shared<UdpNatSession>(flow.key, flow.target,
-                                                  flow.target.port == dnsPort ? m_directPort : m_proxyPort);
+                                                  flow.target.port == dnsPort ? m_directPort : m_proxyPort, m_log);
         const bool isOpen = session->open(m_proxyHost, m_stopEvent, *m_completionPort);
         tell(m_proxyWitness, session->socksPort(), session->proxySighting());
-        if (!isOpen)
-            return giveUp(flow);
-        isOurs = insert(session);
+        if (isOpen)
+            return start(session);
     } catch (const std::bad_alloc &) {
-        return giveUp(flow);
+        session.reset();
     }
-    if (isOurs) {
-        session->startReceiving(
-            *m_completionPort,
-            [this](UdpNatSession &answered, std::span<const std::uint8_t> payload) { onAnswer(answered, payload); });
-    }
+    giveUp(flow);
 }
 
 void UdpNatRelay::giveUp(const UdpWaitingFlows::Opening &flow)
 {
     // The stop has failed it: shutdown drops what waits, and nobody is to open a flow for it elsewhere.
-    if (isStopping())
+    if (isStopping() || !m_initialized)
         return;
-    UdpWaitingFlows::Datagrams datagrams;
-    {
-        const std::lock_guard lock(m_mutex);
-        if (!m_initialized)
-            return;
-        datagrams = m_waiting.take(flow.key);
-    }
-    qCWarning(lcRuvod).nospace().noquote()
-        << "[UDP-NAT] Failed to create SOCKS5 UDP session for " << formatEndpoint(flow.target);
+    const UdpWaitingFlows::Datagrams datagrams = takeWaiting(flow.key);
+    m_log.sessionFailed(flow.target);
     if (!m_fallback)
         return;
     for (const std::vector<std::uint8_t> &datagram : datagrams)
         m_fallback(flow.key, datagram);
+}
+
+UdpWaitingFlows::Datagrams UdpNatRelay::takeWaiting(const FlowKey &flow)
+{
+    const std::lock_guard lock(m_mutex);
+    for (Lane *lane : lanes()) {
+        if (lane->waiting.contains(flow))
+            return lane->waiting.take(flow);
+    }
+    return {};
+}
+
+void UdpNatRelay::start(const UdpNatSessionPtr &session)
+{
+    if (insert(session)) {
+        session->startReceiving(
+            *m_completionPort,
+            [this](UdpNatSession &answered, std::span<const std::uint8_t> payload) { onAnswer(answered, payload); });
+    }
 }
 
 /// Puts an open session into the maps and sends what waits for it. Nothing overtakes that: it happens under the
@@ -127,14 +208,17 @@ bool UdpNatRelay::insert(const UdpNatSessionPtr &session)
         return false;
     if (const auto stale = m_flows.find(session->key()); stale != m_flows.end())
         remove(UdpNatSessionPtr(stale->second));
-    if (m_flows.size() >= m_sessionLimit)
-        remove(UdpNatSessionPtr(m_byActivity.front()));
+    std::list<UdpNatSessionPtr> &byActivity = inboundOf(session->target()).byActivity;
+    if (byActivity.size() >= m_sessionLimit)
+        remove(UdpNatSessionPtr(byActivity.front()));
     m_flows.emplace(session->key(), session);
     session->lastActivity = m_clock();
     session->position = place.begin();
-    m_byActivity.splice(m_byActivity.end(), place);
-    for (const std::vector<std::uint8_t> &datagram : m_waiting.take(session->key()))
-        session->send(datagram);
+    byActivity.splice(byActivity.end(), place);
+    for (Lane *lane : lanes()) {
+        for (const std::vector<std::uint8_t> &datagram : lane->waiting.take(session->key()))
+            session->send(datagram);
+    }
     return true;
 }
 
@@ -149,29 +233,28 @@ void UdpNatRelay::onAnswer(UdpNatSession &session, std::span<const std::uint8_t>
         touch(session);
     }
     const auto &[client, requested] = session.key();
-    const PacketBytes packet = buildUdpPacket(requested.address, requested.port, client.address, client.port,
-                                              payload.data(), payload.size());
-    if (m_packetOutput && !packet.empty())
-        m_packetOutput(packet.data(), packet.size());
+    try {
+        const PacketBytes packet = buildUdpPacket(requested.address, requested.port, client.address, client.port,
+                                                  payload.data(), payload.size());
+        if (m_packetOutput && !packet.empty())
+            m_packetOutput(packet.data(), packet.size());
+    } catch (const std::bad_alloc &) {
+        // The answer is lost.
+    }
 }
 
 void UdpNatRelay::touch(UdpNatSession &session)
 {
+    std::list<UdpNatSessionPtr> &byActivity = inboundOf(session.target()).byActivity;
     session.lastActivity = m_clock();
-    m_byActivity.splice(m_byActivity.end(), m_byActivity, session.position);
+    byActivity.splice(byActivity.end(), byActivity, session.position);
 }
 
 void UdpNatRelay::remove(const UdpNatSessionPtr &session)
 {
     session->close();
-    forget(*session);
-}
-
-void UdpNatRelay::forget(const UdpNatSession &session)
-{
-    const FlowKey key = session.key();
-    m_byActivity.erase(session.position);
-    m_flows.erase(key);
+    inboundOf(session->target()).byActivity.erase(session->position);
+    m_flows.erase(session->key());
 }
 
 void UdpNatRelay::expireIdle()
@@ -181,9 +264,12 @@ void UdpNatRelay::expireIdle()
     {
         const std::lock_guard lock(m_mutex);
         const SteadyTime now = m_clock();
-        while (!m_byActivity.empty() && now - m_byActivity.front()->lastActivity >= idleTime) {
-            m_flows.erase(m_byActivity.front()->key());
-            expired.splice(expired.end(), m_byActivity, m_byActivity.begin());
+        for (Lane *lane : lanes()) {
+            std::list<UdpNatSessionPtr> &flows = lane->byActivity;
+            while (!flows.empty() && now - flows.front()->lastActivity >= idleTime) {
+                m_flows.erase(flows.front()->key());
+                expired.splice(expired.end(), flows, flows.begin());
+            }
         }
     }
     for (const UdpNatSessionPtr &session : expired)
@@ -194,14 +280,17 @@ void UdpNatRelay::shutdown()
 {
     if (!m_initialized.exchange(false))
         return;
-    m_openers.stop();
+    for (Lane *lane : lanes())
+        lane->openers.stop();
     {
         const std::lock_guard lock(m_mutex);
-        for (const UdpNatSessionPtr &session : m_byActivity)
+        for (const auto &[key, session] : m_flows)
             session->close();
         m_flows.clear();
-        m_byActivity.clear();
-        m_waiting.clear();
+        for (Lane *lane : lanes()) {
+            lane->byActivity.clear();
+            lane->waiting.clear();
+        }
     }
     qCDebug(lcRuvod) << "[UDP-NAT] Shutdown complete";
 }

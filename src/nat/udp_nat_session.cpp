@@ -1,6 +1,5 @@
 #include "nat/udp_nat_session.h"
 
-#include "common/log_category.h"
 #include "io/socket_options.h"
 #include "io/timed_io.h"
 #include "socks5/blocking_exchange.h"
@@ -25,20 +24,6 @@ SocketWait::Clock::time_point within(std::chrono::seconds time)
     return SocketWait::Clock::now() + time;
 }
 
-void logFailure(const socks5::SocksFailure &failure)
-{
-    if (failure.step == socks5::ExchangeStep::MethodReply && !failure.isCutOff) {
-        qCWarning(lcRuvod) << "[UDP-NAT] SOCKS5 auth failed:" << failure.version() << failure.code();
-    } else if (failure.step == socks5::ExchangeStep::Reply) {
-        if (failure.bytes.size() < socks5::minReplySize)
-            qCWarning(lcRuvod) << "[UDP-NAT] Invalid UDP ASSOCIATE response, got" << failure.bytes.size() << "bytes";
-        else if (!failure.isCutOff)
-            qCWarning(lcRuvod) << "[UDP-NAT] UDP ASSOCIATE failed:" << failure.code();
-        else // only addresses of other types are longer than what has come
-            qCWarning(lcRuvod) << "[UDP-NAT] Unexpected ATYP in response:" << failure.bytes[replyAddressType];
-    }
-}
-
 /// The association still stands after these. The refusals are those of datagrams before this one: keeping them from
 /// the receives does not keep them from the sends everywhere.
 bool isLossOfOneDatagram(int error)
@@ -55,11 +40,12 @@ WSABUF sendBuffer(std::span<const std::uint8_t> bytes)
 
 } // namespace
 
-UdpNatSession::UdpNatSession(const FlowKey &key, const Endpoint &target, std::uint16_t socksPort)
+UdpNatSession::UdpNatSession(const FlowKey &key, const Endpoint &target, std::uint16_t socksPort, UdpNatLog &log)
     : m_key(key)
     , m_target(target)
     , m_socksPort(socksPort)
     , m_header(socks5::udpHeader(target.address, target.port))
+    , m_log(log)
     , m_buffer(makePageBuffer<std::uint8_t>(bufferSize))
 {}
 
@@ -72,7 +58,13 @@ UdpNatSession::~UdpNatSession()
 
 bool UdpNatSession::open(const std::wstring &proxyHost, HANDLE stopEvent, CompletionPort &completionPort)
 {
-    return connectControl(proxyHost, stopEvent) && openUdpSocket(completionPort);
+    return connectControl(proxyHost, stopEvent) && openUdpSocket(m_relay, completionPort);
+}
+
+bool UdpNatSession::openDirect(std::uint32_t interfaceIndex, CompletionPort &completionPort)
+{
+    m_isDirect = true;
+    return openUdpSocket(socketAddress(m_target.address, m_target.port), completionPort, interfaceIndex);
 }
 
 bool UdpNatSession::connectControl(const std::wstring &proxyHost, HANDLE stopEvent)
@@ -87,7 +79,7 @@ bool UdpNatSession::connectControl(const std::wstring &proxyHost, HANDLE stopEve
     SocketWait wait(stopEvent);
     if (const int error = connectWithin(wait, m_control.get(), proxy, within(connectTimeout)); error != NO_ERROR) {
         m_proxySighting = proxySightingOfConnect(error);
-        qCWarning(lcRuvod) << "[UDP-NAT] Failed to connect to SOCKS5 proxy:" << error;
+        m_log.proxyNotReached(error);
         return false;
     }
     return associateWithProxy(wait, ntohl(proxy.sin_addr.s_addr));
@@ -99,39 +91,42 @@ bool UdpNatSession::associateWithProxy(SocketWait &wait, std::uint32_t proxyAddr
     m_proxySighting =
         proxySightingOf(driveExchange(exchange, wait, m_control.get(), [] { return within(replyTimeout); }));
     if (exchange.state() != socks5::SocksExchange::State::Succeeded) {
-        logFailure(exchange.failure());
+        m_log.exchangeFailed(exchange.failure());
         return false;
     }
     const std::optional<Endpoint> relay = socks5::parseUdpAssociateReply(exchange.reply(), proxyAddress);
     if (!relay) {
-        qCWarning(lcRuvod) << "[UDP-NAT] Unexpected ATYP in response:" << exchange.reply()[replyAddressType];
+        m_log.unexpectedAddressType(exchange.reply()[replyAddressType]);
         return false;
     }
     m_relay = socketAddress(relay->address, relay->port);
     return true;
 }
 
-bool UdpNatSession::openUdpSocket(CompletionPort &completionPort)
+bool UdpNatSession::openUdpSocket(const sockaddr_in &peer, CompletionPort &completionPort,
+                                  std::uint32_t interfaceIndex)
 {
     m_udp.reset(openSocket(SOCK_DGRAM, IPPROTO_UDP));
     const sockaddr_in any = socketAddress(INADDR_ANY, 0);
     if (!m_udp || bind(m_udp.get(), reinterpret_cast<const sockaddr *>(&any), sizeof(any)) != 0) {
-        const int error = WSAGetLastError();
-        qCWarning(lcRuvod) << "[UDP-NAT] Failed to bind UDP socket:" << error;
+        m_log.notBound(WSAGetLastError());
         return false;
     }
-    // Whoever finds the port could answer in the relay's place otherwise.
-    if (!setNonBlocking(m_udp.get()) || !connectDatagrams(m_udp.get(), m_relay)) {
-        const int error = WSAGetLastError();
-        qCWarning(lcRuvod) << "[UDP-NAT] Failed to connect UDP socket:" << error;
+    if (interfaceIndex != 0 && !setUnicastInterface(m_udp.get(), interfaceIndex)) {
+        m_log.notBoundToInterface(interfaceIndex, WSAGetLastError());
+        return false;
+    }
+    // Whoever finds the port could answer in the peer's place otherwise.
+    if (!setNonBlocking(m_udp.get()) || !connectDatagrams(m_udp.get(), peer)) {
+        m_log.notConnected(WSAGetLastError());
         return false;
     }
     keepReceivingAfterRefusals(m_udp.get());
-    if (!completionPort.associate(m_udp.get(), CompletionKey::UdpNatReceive)
-        || !completionPort.associate(m_control.get(), CompletionKey::UdpNatReceive)) {
-        const DWORD error = GetLastError();
-        qCWarning(lcRuvod) << "[UDP-NAT] Failed to associate socket with IOCP:" << error;
-        return false;
+    for (const Socket *socket : {&m_udp, &m_control}) {
+        if (*socket && !completionPort.associate(socket->get(), CompletionKey::UdpNatReceive)) {
+            m_log.notAssociated(GetLastError());
+            return false;
+        }
     }
     return true;
 }
@@ -157,7 +152,7 @@ void UdpNatSession::postReceive()
     const CompletionPort::Issued issued = m_completionPort->issue(m_receive, shared_from_this(), false, receive);
     if (issued.state == CompletionPort::Issued::State::Failed) {
         m_receivePending = false;
-        qCWarning(lcRuvod) << "[UDP-NAT] WSARecvFrom failed:" << issued.error;
+        m_log.receiveFailed(issued.error);
     }
 }
 
@@ -166,7 +161,7 @@ void UdpNatSession::postReceive()
 void UdpNatSession::watchControl()
 {
     const std::lock_guard lock(m_mutex);
-    if (m_closed)
+    if (m_closed || !m_control)
         return;
     const auto receive = [this](DWORD &) {
         WSABUF room{.len = sizeof(m_controlByte), .buf = &m_controlByte};
@@ -189,14 +184,22 @@ void UdpNatSession::onControlReceived(DWORD bytes, DWORD error)
 void UdpNatSession::onReceived(DWORD bytes, DWORD error)
 {
     m_receivePending = false;
-    if (error != NO_ERROR || bytes == 0)
-        return; // silent from now on, but still of use for sending
     const std::span<const std::uint8_t> datagram(m_buffer.get(), bytes);
-    const std::optional<std::size_t> headerSize = socks5::udpHeaderSize(datagram);
-    if (!headerSize)
-        qCWarning(lcRuvod) << "[UDP-NAT] Failed to parse SOCKS5 UDP header";
-    else if (*headerSize < bytes)
-        m_answer(*this, datagram.subspan(*headerSize));
+    if (m_isDirect) {
+        if (error != NO_ERROR) {
+            m_active = false; // no control connection tells when: the next datagram opens another one
+            return;
+        }
+        m_answer(*this, datagram);
+    } else {
+        if (error != NO_ERROR || bytes == 0)
+            return; // silent from now on, but still of use for sending
+        const std::optional<std::size_t> headerSize = socks5::udpHeaderSize(datagram);
+        if (!headerSize)
+            m_log.invalidHeader();
+        else if (*headerSize < bytes)
+            m_answer(*this, datagram.subspan(*headerSize));
+    }
     postReceive();
 }
 
@@ -204,13 +207,18 @@ bool UdpNatSession::send(std::span<const std::uint8_t> payload)
 {
     // Header and payload in one datagram, without putting them into one buffer first.
     WSABUF parts[] = {sendBuffer(m_header), sendBuffer(payload)};
+    const std::span<WSABUF> datagram = std::span(parts).subspan(m_isDirect ? 1 : 0);
     DWORD sent = 0;
-    if (WSASend(m_udp.get(), parts, 2, &sent, 0, nullptr, nullptr) == 0)
+    if (WSASend(m_udp.get(), datagram.data(), static_cast<DWORD>(datagram.size()), &sent, 0, nullptr, nullptr) == 0)
         return true;
     const int error = WSAGetLastError();
     if (isLossOfOneDatagram(error))
         return true;
-    qCWarning(lcRuvod) << "[UDP-NAT] Failed to send to relay:" << error;
+    if (m_isDirect) {
+        m_log.directSendFailed(error);
+        return true; // lost: every other way leads back into the tunnel
+    }
+    m_log.sendFailed(error);
     return false;
 }
 

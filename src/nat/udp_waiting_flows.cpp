@@ -6,9 +6,14 @@ namespace ruvo {
 
 bool UdpWaitingFlows::add(const FlowKey &key, const Endpoint &target, std::span<const std::uint8_t> payload)
 {
-    // Each step that takes memory leaves nothing half done if there is none.
     Datagrams datagram;
     datagram.emplace_back(payload.begin(), payload.end());
+    return takeOver(key, target, std::move(datagram));
+}
+
+bool UdpWaitingFlows::takeOver(const FlowKey &key, const Endpoint &target, Datagrams &&datagrams)
+{
+    // Each step that takes memory leaves nothing half done if there is none.
     auto found = m_flows.find(key);
     const bool isNew = found == m_flows.end();
     if (isNew) {
@@ -20,10 +25,10 @@ bool UdpWaitingFlows::add(const FlowKey &key, const Endpoint &target, std::span<
         found = m_flows.emplace(key, Flow{target, {}, unopened.begin()}).first;
         m_unopened.splice(m_unopened.end(), unopened);
     }
-    Datagrams &datagrams = found->second.datagrams;
-    if (datagrams.size() == maxDatagrams)
-        datagrams.pop_front();
-    datagrams.splice(datagrams.end(), datagram);
+    Datagrams &waiting = found->second.datagrams;
+    waiting.splice(waiting.end(), datagrams);
+    while (waiting.size() > maxDatagrams)
+        waiting.pop_front();
     return isNew;
 }
 

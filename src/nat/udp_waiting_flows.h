@@ -32,10 +32,13 @@ public:
     /// dropping the oldest flow whose opening has not begun: one that is being opened must not come back here and be
     /// opened a second time.
     bool add(const FlowKey &key, const Endpoint &target, std::span<const std::uint8_t> payload);
+    /// The same for datagrams that have waited elsewhere: they are moved here.
+    bool takeOver(const FlowKey &key, const Endpoint &target, Datagrams &&datagrams);
     /// The oldest flow that nobody opens yet; from now on somebody does.
     std::optional<Opening> beginOpening();
     /// Takes a flow out, and gives what has waited. Nothing if it is not here.
     Datagrams take(const FlowKey &key);
+    bool contains(const FlowKey &key) const { return m_flows.contains(key); }
     void clear();
     std::size_t size() const { return m_flows.size(); }
 

@@ -110,7 +110,8 @@ QJsonObject udp(const Target &target, const QStringList &texts)
     if (!port.open())
         return {{"error", "no completion port"}};
     const Endpoint endpoint{parseIpv4(target.host), target.port};
-    const auto session = std::make_shared<UdpNatSession>(FlowKey{}, endpoint, target.proxyPort);
+    UdpNatLog log;
+    const auto session = std::make_shared<UdpNatSession>(FlowKey{}, endpoint, target.proxyPort, log);
     const KernelHandle neverStops(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!session->open(target.proxy.toStdWString(), neverStops.get(), port))
         return {{"opened", false}};

@@ -71,6 +71,31 @@ TEST_F(UdpWaitingFlowsTest, keepsFlowsApart)
     EXPECT_TRUE(take(1).empty());
 }
 
+TEST_F(UdpWaitingFlowsTest, takesOverWhatWaitedElsewhere)
+{
+    UdpWaitingFlows elsewhere;
+    const std::vector<std::uint8_t> bytes{'a'};
+    for (int i = 0; i < 2; ++i)
+        elsewhere.add(flow(1), dns, bytes);
+    EXPECT_TRUE(elsewhere.contains(flow(1)));
+    EXPECT_TRUE(m_flows.takeOver(flow(1), dns, elsewhere.take(flow(1))));
+    EXPECT_FALSE(elsewhere.contains(flow(1)));
+    EXPECT_TRUE(m_flows.contains(flow(1)));
+    EXPECT_FALSE(add(1, "b"));
+    EXPECT_EQ(beginOpening(), 1);
+    EXPECT_EQ(take(1), (std::vector<std::string>{"a", "a", "b"}));
+
+    for (int i = 0; i < 60; ++i)
+        add(2, "old");
+    for (int i = 0; i < 10; ++i)
+        elsewhere.add(flow(2), dns, bytes);
+    EXPECT_FALSE(m_flows.takeOver(flow(2), dns, elsewhere.take(flow(2))));
+    const std::vector<std::string> kept = take(2);
+    ASSERT_EQ(kept.size(), 64u);
+    EXPECT_EQ(kept.front(), "old");
+    EXPECT_EQ(kept.back(), "a");
+}
+
 TEST_F(UdpWaitingFlowsTest, keepsTheNewest64DatagramsOfAFlow)
 {
     for (int i = 0; i < 70; ++i)

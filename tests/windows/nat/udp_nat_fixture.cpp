@@ -19,6 +19,7 @@ void AssociationProxy::serve(ProxyConnection &connection)
 {
     if (connection.receive(3) != QByteArray::fromHex("050100"))
         return;
+    WaitForSingleObject(m_gate.get(), 20000);
     if (m_answers.isMute)
         return connection.waitForEnd();
     connection.send(m_answers.method);

@@ -44,6 +44,9 @@ public:
     /// The next datagram, waited for; empty if there is none.
     Datagram receive() const;
     void answer(const Datagram &to, const QByteArray &bytes) const;
+    /// Says nothing until open.
+    void closeGate() { ResetEvent(m_gate.get()); }
+    void openGate() { SetEvent(m_gate.get()); }
     /// Says something on every control connection, where nothing is to be said.
     void babble();
     /// Ends the control connections that there are.
@@ -56,6 +59,7 @@ private:
     void waitForAll();
 
     const Answers m_answers;
+    const KernelHandle m_gate{CreateEventW(nullptr, TRUE, TRUE, nullptr)};
     Socket m_udp;
     std::mutex m_mutex;
     std::vector<ProxyConnection> m_kept;
