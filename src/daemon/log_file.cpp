@@ -16,9 +16,6 @@ namespace ruvo {
 
 namespace {
 
-/// Of all files: two may be for one path.
-std::atomic<bool> s_rotating = false;
-
 QString oldGeneration(const QString &path)
 {
     return path + QStringLiteral(".old");
@@ -71,9 +68,9 @@ void LogFile::take(const QByteArray &line, bool looksAtSize)
     append(target, line);
     // Never waits: a thread that is held up between its look at the size and its rename would otherwise throw away
     // the old generation that another one made meanwhile.
-    if (looksAtSize && !m_refused && !s_rotating.exchange(true)) {
+    if (looksAtSize && !m_refused && !m_rotating.exchange(true)) {
         rotateIfLarge(target);
-        s_rotating = false;
+        m_rotating = false;
     }
 }
 

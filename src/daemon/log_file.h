@@ -41,6 +41,7 @@ private:
     /// It is no disk file: not to be opened again.
     std::atomic<bool> m_refused;
     std::atomic<quint64> m_leftOut = 0;
+    std::atomic<bool> m_rotating = false;
 };
 
 /// Removes the log at `path` and its old generation. False for an empty path, or if one is there and stays; a missing

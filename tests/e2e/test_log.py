@@ -64,6 +64,35 @@ def test_an_unwritable_or_vanished_log_changes_nothing_else(running):
     hello(running, client)
 
 
+def test_a_pipe_is_no_log_file(running):
+    # Each line would be a client that connects, which is worth a line.
+    client = running.client()
+    hello(running, client)
+    for path in (r"\\.\pipe\ruvod-1", "//./pipe/ruvod-1", r"\\?\pipe\ruvod-1"):
+        assert client.request("client-hello", log_path=path, version="2.0.1")["status"] == "success"
+        assert client.request("clear-logs")["status"] == "success"
+    hello(running, client)
+    other = running.client()
+    assert other.request("heartbeat")["status"] == "success"
+    other.close()
+    running.log.wait_for("Remaining connected clients: 1")
+    assert sum("Client disconnected:" in text for text in running.log.texts()) == 1
+
+
+def test_a_long_path_works(running):
+    client = running.client()
+    name = "/".join(["a folder with a long name"] * 12) + "/daemon.log"
+    hello(running, client, name)
+    assert len(running.log_path(name)) > 300
+    assert b"- Client version:" in file_of(running, name).read_bytes()
+    file_of(running, name).write_bytes(b"x" * (LIMIT + 1))
+    for _ in range(101):
+        hello(running, client, name)
+    assert file_of(running, name + ".old").stat().st_size > LIMIT
+    assert client.request("clear-logs")["status"] == "success"
+    assert not file_of(running, name + ".old").exists()
+
+
 def test_a_log_that_grew_too_large_becomes_the_old_generation(running):
     client = running.client()
     hello(running, client)

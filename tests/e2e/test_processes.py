@@ -225,6 +225,9 @@ def test_while_the_service_stops_clients_are_served_but_nothing_new_starts(runni
     newcomer = running.connect()
     assert newcomer.wait_closed() == 2 and newcomer.messages == []
     running.wait_for_state(1, timeout=30)
+    # Ten seconds of grace: the manager hears after five of them that it still goes on.
+    points = [entry["check-point"] for entry in running.journal.calls("SetServiceStatus", state=3)]
+    assert len(points) >= 2 and points == list(range(1, len(points) + 1))
     wait_for(lambda: running.windows_processes("testchild.exe") == [], 10, "the end of the child")
     assert client.events("finished") == []
 
