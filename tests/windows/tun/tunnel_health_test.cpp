@@ -86,7 +86,8 @@ TEST_F(TunnelHealth, isToldOfOnceAfterFiveRefusedConnections)
     expectDeath(m_closed);
     for (int i = 0; i < 10; ++i)
         connectFromHere();
-    EXPECT_TRUE(waitUntil([this] { return m_log.linesWith("Failed to connect to SOCKS5 proxy").size() == 15; }));
+    // All fifteen have failed by now; of the lines that say so no more than ten are written.
+    EXPECT_TRUE(waitUntil([this] { return m_log.linesWith("Failed to connect to SOCKS5 proxy").size() == 10; }));
     EXPECT_EQ(m_deaths, 1);
     EXPECT_EQ(deathLines().size(), 1);
 }
