@@ -28,6 +28,8 @@ Tunnel::Tunnel(TunnelSettings settings)
         addProxyProcess(name);
     for (const std::wstring &name : m_settings.directProcesses)
         addDirectProcess(name);
+    for (const std::wstring &name : m_settings.alwaysDirectProcesses)
+        m_upstreamChoice.addAlwaysDirectProcess(name);
 }
 
 Tunnel::~Tunnel()

@@ -106,6 +106,7 @@ private:
     void openDispatcher();
     TcpNatPath tcpNatPath();
     std::optional<RelayRoute> routeFor(const TcpNatSession &session) const;
+    UdpWay udpWayFor(const FlowKey &flow) const;
     void closePaths();
     void housekeeping();
     void startThreads();

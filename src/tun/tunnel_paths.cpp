@@ -45,6 +45,10 @@ void Tunnel::openUdpNat()
 {
     m_udpNatRelay = std::make_unique<UdpNatRelay>(m_stopEvent.get());
     m_udpNatRelay->setProxyWitness(proxyWitness());
+    m_udpNatRelay->setQuestions({
+        .wayFor = [this](const FlowKey &flow) { return udpWayFor(flow); },
+        .physicalInterface = [this] { return m_physicalInterface.load(); },
+    });
     const auto send = [this](const std::uint8_t *packet, std::size_t length) {
         m_adapter->sendPacket(packet, static_cast<std::uint32_t>(length));
     };
@@ -128,6 +132,26 @@ std::optional<RelayRoute> Tunnel::routeFor(const TcpNatSession &session) const
         .isDirect = upstream.isDirect,
         .proxyPort = upstream.port,
     };
+}
+
+/// What would go round for ever: the proxy's own datagrams to a relay address inside the tunnel, and a core's that it
+/// has not bound to an interface.
+UdpWay Tunnel::udpWayFor(const FlowKey &flow) const
+{
+    if (flow.source.address != m_tunnelIp)
+        return UdpWay::Associate; // another machine's: its port says nothing about this one's programs
+    const std::uint32_t owner = PortOwnerLookup::udpOwnerPid(flow.source);
+    if (owner == 0)
+        return UdpWay::Associate;
+    if (owner == GetCurrentProcessId()) {
+        static CappedLog s_loops(5, 1000);
+        if (s_loops.take()) {
+            qCWarning(lcRuvod).nospace().noquote() << "[UDP-NAT] Own datagram to " << formatEndpoint(flow.destination)
+                                                   << " came back through the tunnel, dropping it";
+        }
+        return UdpWay::Drop;
+    }
+    return m_upstreamChoice.isAlwaysDirect(PortOwnerLookup::processImage(owner)) ? UdpWay::Direct : UdpWay::Associate;
 }
 
 /// Nothing reaches the tables any more: workers and flow control are gone, and the dispatcher drops everything.

@@ -41,6 +41,7 @@ TunnelSettings settingsOf(const TunnelConfiguration &configuration)
                               configuration.bypassIps.end());
     settings.proxyProcesses = wide(configuration.proxyProcesses);
     settings.directProcesses = wide(configuration.directProcesses);
+    settings.alwaysDirectProcesses.assign(std::begin(alwaysDirect), std::end(alwaysDirect));
     settings.directProcesses.insert(settings.directProcesses.end(), std::begin(alwaysDirect), std::end(alwaysDirect));
     return settings;
 }

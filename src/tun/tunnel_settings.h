@@ -23,6 +23,8 @@ struct TunnelSettings
     /// Executable names, compared without regard to case.
     std::vector<std::wstring> proxyProcesses = {};
     std::vector<std::wstring> directProcesses = {};
+    /// The ones whose datagrams go direct as well. Each stands among the direct processes too.
+    std::vector<std::wstring> alwaysDirectProcesses = {};
 };
 
 /// What a client asked for, with what always goes direct: public resolvers, and the proxy cores' own processes.

@@ -50,6 +50,11 @@ void UpstreamChoice::addDirectProcess(const std::wstring &name)
     m_directProcesses.insert(lowerCase(name));
 }
 
+void UpstreamChoice::addAlwaysDirectProcess(const std::wstring &name)
+{
+    m_alwaysDirectProcesses.insert(lowerCase(name));
+}
+
 UpstreamDecision UpstreamChoice::decide(const std::wstring &processPath, std::uint32_t dstIp,
                                         std::uint16_t dstPort) const
 {
@@ -70,6 +75,11 @@ UpstreamDecision UpstreamChoice::decide(const std::wstring &processPath, std::ui
         return proxied;
     // Who is on neither list is proxied, like who is on the proxy list.
     return m_directProcesses.contains(executableName(processPath)) ? direct : proxied;
+}
+
+bool UpstreamChoice::isAlwaysDirect(const std::wstring &processPath) const
+{
+    return m_alwaysDirectProcesses.contains(executableName(processPath));
 }
 
 } // namespace ruvo

@@ -23,12 +23,15 @@ public:
     /// Executable names; compared without regard to case.
     void addProxyProcess(const std::wstring &name);
     void addDirectProcess(const std::wstring &name);
+    void addAlwaysDirectProcess(const std::wstring &name);
     const std::set<std::uint32_t> &bypassIps() const { return m_bypassIps; }
 
     /// Where a connection or flow goes, and whether one of the rules keeps it away from the proxy: port 53, a bypass
     /// address, a direct process. `processPath` is the image of the process that owns it, or empty; `dstIp` is 0 for
     /// IPv6.
     UpstreamDecision decide(const std::wstring &processPath, std::uint32_t dstIp, std::uint16_t dstPort) const;
+    /// Whether what this process sends goes direct in every case, datagrams too.
+    bool isAlwaysDirect(const std::wstring &processPath) const;
     /// The port of that decision alone.
     std::uint16_t chooseUpstreamPort(const std::wstring &processPath, std::uint32_t dstIp,
                                      std::uint16_t dstPort) const
@@ -43,6 +46,7 @@ private:
     // Lower case.
     std::set<std::wstring> m_proxyProcesses;
     std::set<std::wstring> m_directProcesses;
+    std::set<std::wstring> m_alwaysDirectProcesses;
 };
 
 } // namespace ruvo

@@ -1,16 +1,21 @@
 """Connections past the proxy: the daemon's own, to bypass addresses and port 53, around the tunnel's routes."""
 
+import socket
+import struct
 import time
 
 import pytest
 
-from bench import both_ends, core, sockets, traffic, tunnel
+from bench import both_ends, core, programs, sockets, traffic, tunnel
 from bench.both_ends import DIRECT_PORT
 from bench.network import ROUTE_METRIC, ip
+from bench.scripted_socks import ASSOCIATE, Socks
 
 pytestmark = pytest.mark.parametrize("bench", [("host", "net")], indirect=True)
 
 BYPASSED = traffic.SERVERS[1]
+# Where the scripted proxy is.
+PROXY = 30808
 
 
 def tell_nothing(client):
@@ -101,3 +106,45 @@ def test_without_a_physical_interface_a_direct_connection_ends_at_once_instead_o
         tunnel.stop(core_client)
     finally:
         ip("-n", host, "route", "add", "default", "via", "192.0.2.1", "metric", ROUTE_METRIC)
+
+
+def test_datagrams_of_a_core_leave_through_the_physical_interface(running, core_client):
+    # Both are on a client's list: only the core's datagrams go direct.
+    tunnel.start(core_client, direct_processes=["shop.exe", "sing-box.exe"])
+    host, port = traffic.ECHO
+    assert programs.run_windows(running, "sing-box.exe", "udp", host, port, "of a core") == "of a core"
+    tell_nothing(core_client)
+    assert programs.run_windows(running, "shop.exe", "udp", host, port, "of a program") == "of a program"
+    core.wait_for_taken(core_client, "proxy", "udp", f"{host}:{port}")
+
+
+def test_without_a_physical_interface_the_datagrams_of_a_core_are_dropped(running, core_client):
+    host, port = traffic.ECHO
+    running.log.expect(rf"^\[UDP-NAT\] No physical interface for the direct flow to {host}:{port}, dropping it$")
+    running.log.expect(r"^Default route leads into the tunnel itself, skipping bypass routes, ifIndex: \d+$")
+    namespace = running.network.name("host")
+    ip("-n", namespace, "route", "del", "default")
+    try:
+        tunnel.start(core_client)
+        with programs.WindowsClient(running, "sing-box.exe", "udp", host, port, "of a core") as client:
+            client.expect("sent")
+            running.log.wait_for("[UDP-NAT] No physical interface for the direct flow to ")
+        tell_nothing(core_client)
+        tunnel.stop(core_client)
+    finally:
+        ip("-n", namespace, "route", "add", "default", "via", "192.0.2.1", "metric", ROUTE_METRIC)
+
+
+def test_a_proxy_that_names_a_relay_inside_the_tunnel_makes_no_loop(running, core_client):
+    running.log.expect(rf"^\[UDP-NAT\] Own datagram to {traffic.SERVER}:4444 came back through the tunnel, ")
+    relay = b"\x05\x00\x00\x01" + socket.inet_aton(traffic.SERVER) + struct.pack("!H", 4444)
+    with Socks(running, PROXY, lambda request, number: relay) as proxy:
+        tunnel.start(core_client, proxy_port=PROXY)
+        with sockets.udp(running) as endpoint:
+            endpoint.sendto(b"round and round", traffic.ECHO)
+            running.log.wait_for("[UDP-NAT] Own datagram to ")
+            with sockets.udp(running) as other:
+                other.sendto(b"another flow", traffic.ECHO)
+                proxy.wait_for_requests(ASSOCIATE, 2)
+        tunnel.stop(core_client)
+        assert len(proxy.of(ASSOCIATE)) == 2, "one for each flow of an application"

@@ -160,6 +160,28 @@ def test_a_proxy_that_falls_silent_delays_nothing_but_what_is_new(running, core_
                 waiting.result(20).close()
 
 
+def test_a_silent_proxy_holds_no_new_query_up(running, mutable_proxies):
+    running.log.allow(r"^\[UDP-NAT\] Failed to (create SOCKS5 UDP session for |connect to SOCKS5 proxy: 10004$)")
+    proxy, _ = mutable_proxies
+    proxy.mute = True
+    # More new flows than there are threads that open associations.
+    flows = [sockets.udp(running) for _ in range(50)]
+    try:
+        for each in flows:
+            each.sendto(b"new", traffic.ECHO)
+        began = time.monotonic()
+        for identity in range(20):
+            with sockets.udp(running) as names:
+                names.sendto(query(identity), RESOLVER)
+                assert is_answer(names.recv(1000), identity)
+        took = time.monotonic() - began
+        print(f"\n20 queries from new ports beside 50 flows that wait: {took * 1000:.0f} ms")
+        assert took < 4, "a handshake waits for 5 s"
+    finally:
+        for each in flows:
+            each.close()
+
+
 def test_a_client_that_keeps_its_port_gets_answers_from_a_core_that_was_restarted(running, tunnel_client):
     core.allow_kill(running)
     with sockets.udp(running) as endpoint, sockets.udp(running) as names:

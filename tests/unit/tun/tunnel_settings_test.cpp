@@ -42,6 +42,7 @@ TEST(TunnelSettings, alwaysSendResolversAndCoresDirect)
     const std::vector<std::wstring> cores = {L"xray.exe", L"sing-box.exe", L"antifilter.exe"};
     EXPECT_EQ(settingsOf(configuration).bypassIps, resolvers);
     EXPECT_EQ(settingsOf(configuration).directProcesses, cores);
+    EXPECT_EQ(settingsOf(configuration).alwaysDirectProcesses, cores);
 
     configuration.bypassIps = {0xCB00714D};
     configuration.directProcesses = QStringList{"game.exe"};
@@ -50,6 +51,7 @@ TEST(TunnelSettings, alwaysSendResolversAndCoresDirect)
               (std::vector<std::uint32_t>{0x08080808, 0x08080404, 0x01010101, 0x01000001, 0xCB00714D}));
     EXPECT_EQ(settings.directProcesses,
               (std::vector<std::wstring>{L"game.exe", L"xray.exe", L"sing-box.exe", L"antifilter.exe"}));
+    EXPECT_EQ(settings.alwaysDirectProcesses, cores) << "what a client lists is for connections";
 }
 
 } // namespace

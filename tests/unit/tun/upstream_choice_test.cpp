@@ -76,6 +76,18 @@ TEST(UpstreamChoice, tellsDirectFromProxiedWhereBothInboundsAreOne)
     }
 }
 
+TEST(UpstreamChoice, tellsWhoAlwaysGoesDirectFromWhoseConnectionsDo)
+{
+    UpstreamChoice choice = filledChoice();
+    choice.addAlwaysDirectProcess(L"Core.exe");
+    EXPECT_TRUE(choice.isAlwaysDirect(L"C:\\Program Files\\CORE.EXE"));
+    EXPECT_TRUE(choice.isAlwaysDirect(L"core.exe"));
+    EXPECT_FALSE(choice.isAlwaysDirect(L"C:\\core.exe\\game.exe"));
+    EXPECT_FALSE(choice.isAlwaysDirect(L"C:\\game.exe"));
+    EXPECT_FALSE(choice.isAlwaysDirect(L"[PID:1234]"));
+    EXPECT_FALSE(choice.isAlwaysDirect({}));
+}
+
 TEST(UpstreamChoice, startsWithTheUsualPorts)
 {
     const UpstreamChoice choice;
