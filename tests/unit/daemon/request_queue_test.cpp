@@ -180,8 +180,8 @@ TEST_F(RequestQueueTest, goesOnWithTheOthersWhileAHandlerRunsALoop)
     handler = [this](const QString &request) {
         if (request != "a1")
             return;
+        EXPECT_TRUE(waitUntil([this] { return handled.contains("b2"); })) << "though nothing new came";
         addDeparture("a");
-        EXPECT_TRUE(waitUntil([this] { return handled.contains("b2"); }));
         add("b", 3, 3);
         EXPECT_TRUE(waitUntil([this] { return handled.contains("b3"); }));
         EXPECT_TRUE(queue->isBusy("a"));
