@@ -14,7 +14,9 @@ namespace {
 
 // What reading and writing takes. The bit that is left out makes further instances; a file calls it appending, which
 // is why writing would bring it along.
-static_assert(((FILE_GENERIC_READ | FILE_GENERIC_WRITE) & ~FILE_CREATE_PIPE_INSTANCE) == 0x12019b);
+constexpr DWORD reading = FILE_GENERIC_READ;
+constexpr DWORD writing = FILE_GENERIC_WRITE;
+static_assert(((reading | writing) & ~DWORD{FILE_CREATE_PIPE_INSTANCE}) == 0x12019b);
 
 QString failed(const char *function)
 {

@@ -14,8 +14,8 @@
 
 namespace ruvo {
 
-SocksClient::SocksClient(const std::wstring &proxyHost, std::uint16_t proxyPort, HANDLE stopEvent)
-    : m_proxyHost(proxyHost), m_proxyPort(proxyPort), m_wait(stopEvent)
+SocksClient::SocksClient(std::wstring proxyHost, std::uint16_t proxyPort, HANDLE stopEvent)
+    : m_proxyHost(std::move(proxyHost)), m_proxyPort(proxyPort), m_wait(stopEvent)
 {}
 
 bool SocksClient::parseProxyAddress(in_addr &address) const

@@ -26,7 +26,7 @@ public:
     static constexpr std::chrono::seconds attemptTimeout{10};
 
     /// `proxyHost` is a dotted IPv4 address: names are not resolved. `stopEvent` (not owned) may be null.
-    SocksClient(const std::wstring &proxyHost, std::uint16_t proxyPort, HANDLE stopEvent = nullptr);
+    SocksClient(std::wstring proxyHost, std::uint16_t proxyPort, HANDLE stopEvent = nullptr);
 
     // On the caller's own thread, waiting.
     /// On failure the socket is closed again.

@@ -89,7 +89,7 @@ private:
 
     Inbound &main() { return m_inbounds[0]; }
     Inbound *find(std::uint16_t port);
-    Inbound &otherThan(const Inbound &inbound) { return m_inbounds[&inbound == &m_inbounds[0] ? 1 : 0]; }
+    Inbound &otherThan(const Inbound &inbound) { return m_inbounds[&inbound == &main() ? 1 : 0]; }
     void tellOfDeath(Inbound &inbound);
     // All under m_mutex.
     void noteFailure(Inbound &inbound, SteadyTime at);
