@@ -46,6 +46,7 @@ function(ruvod_load_from_system32 target)
     # Nothing refers to it, and the linker leaves such objects out.
     target_link_options(${target} PRIVATE -Wl,--undefined=ruvoLoadConfiguration)
     set(script "${PROJECT_SOURCE_DIR}/cmake/point_to_load_configuration.py")
-    add_custom_command(TARGET ${target} POST_BUILD COMMAND "${script}" "${CMAKE_NM}" "$<TARGET_FILE:${target}>" VERBATIM)
+    add_custom_command(TARGET ${target} POST_BUILD
+        COMMAND "${script}" "${CMAKE_NM}" "$<TARGET_FILE:${target}>" VERBATIM)
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${script}")
 endfunction()

@@ -37,8 +37,8 @@ def require(is_so, otherwise):
 
 
 def address_of_symbol(nm, executable):
-    lines = subprocess.run([nm, executable], check=True, capture_output=True, text=True, timeout=60).stdout.splitlines()
-    found = [line.split()[0] for line in lines if line.endswith(f" {SYMBOL}")]
+    symbols = subprocess.run([nm, executable], check=True, capture_output=True, text=True, timeout=60).stdout
+    found = [line.split()[0] for line in symbols.splitlines() if line.endswith(f" {SYMBOL}")]
     require(len(found) == 1, f"{len(found)} symbols are named {SYMBOL}")
     return int(found[0], 16)
 

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 namespace ruvo {
@@ -22,6 +21,8 @@ constexpr DWORD serviceMainTimeout = 30000; // ms
 
 /// How often the manager is told that a stop goes on.
 constexpr DWORD stopReportInterval = 5000; // ms
+/// After so many, two minutes, a stop counts as hung: all waits within one are far shorter.
+constexpr int maxStopReports = 24;
 
 constexpr DWORD firstUserControl = 128;
 constexpr DWORD lastUserControl = 255;
@@ -224,8 +225,8 @@ void WindowsService::stop()
     SetEvent(m_stopEvent.get());
     try {
         m_stopReporter = std::thread([this] { repeatStopPending(); });
-    } catch (const std::system_error &) {
-        // No thread can be had: the one report has to do.
+    } catch (...) {
+        // No thread can be had, or no memory for one: the one report has to do.
     }
 }
 
@@ -233,8 +234,14 @@ void WindowsService::stop()
 // tunnel to take down: without further ones the manager would take the service for hung.
 void WindowsService::repeatStopPending()
 {
-    while (WaitForSingleObject(m_serviceMainDone.get(), stopReportInterval) == WAIT_TIMEOUT)
+    for (int reports = 0; reports < maxStopReports; ++reports) {
+        if (WaitForSingleObject(m_serviceMainDone.get(), stopReportInterval) != WAIT_TIMEOUT)
+            return;
         m_status.reportStopPending();
+    }
+    // The daemon's thread hangs, as in a log file that blocks. The dispatcher returns at this report, and the first
+    // thread, which then waits for the daemon in vain, ends the process.
+    m_status.reportFailed();
 }
 
 } // namespace ruvo

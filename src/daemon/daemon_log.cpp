@@ -40,7 +40,9 @@ std::shared_ptr<LogFile> fileFor(const QString &path)
 
 void use(const std::shared_ptr<LogFile> &file, const QString &path)
 {
-    destination().current = file;
+    const std::shared_ptr<LogFile> before = destination().current.exchange(file);
+    if (before != file)
+        file->takeOverLeftOut(*before);
     qCDebug(lcRuvod) << "Daemon log path set to:" << path;
 }
 

@@ -25,6 +25,9 @@ public:
     /// Whether lines go to `path` unless something is wrong there.
     bool isFor(const QString &path) const { return m_path == path && !m_refused; }
 
+    /// Counts among its own the lines that another file was not given and has not told of.
+    void takeOverLeftOut(LogFile &other) { m_leftOut += other.m_leftOut.exchange(0); }
+
     /// Makes the folders that a given path needs.
     void makeFolders();
     /// Appends a whole line; if `looksAtSize`, a file that has grown too large becomes the old generation then.

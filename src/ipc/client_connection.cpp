@@ -5,6 +5,8 @@
 #include <QJsonDocument>
 #include <QRandomGenerator>
 
+#include <utility>
+
 namespace ruvo {
 
 ClientConnection::ClientConnection(QObject *parent)
@@ -40,19 +42,35 @@ void ClientConnection::setHeldBack(bool held)
     m_heldBack = held;
     // What came meanwhile is not signalled again.
     if (!held)
-        QMetaObject::invokeMethod(this, &ClientConnection::onDataReady, Qt::QueuedConnection);
+        readOnLater();
+}
+
+void ClientConnection::readOnLater()
+{
+    if (std::exchange(m_readsOnLater, true))
+        return;
+    const auto readOn = [this] {
+        m_readsOnLater = false;
+        onDataReady();
+    };
+    QMetaObject::invokeMethod(this, readOn, Qt::QueuedConnection);
 }
 
 void ClientConnection::onDataReady()
 {
     deliverMessages();
     // Taken from the socket only once everything before it is delivered: else a client that is held back again and
-    // again would have its bytes collected here, instead of waiting with them.
-    while (!m_heldBack && m_socket->bytesAvailable() > 0) {
-        m_readBuffer.append(m_socket->readAll());
+    // again would have its bytes collected here, instead of waiting with them. A slice at a time, as what is no
+    // message takes time too, and holds nobody back.
+    if (!m_heldBack && m_socket->bytesAvailable() > 0) {
+        m_readBuffer.append(m_socket->read(sliceSize));
         deliverMessages();
     }
-    if (m_isLeaving && !m_heldBack)
+    if (m_heldBack)
+        return;
+    if (m_socket->bytesAvailable() > 0)
+        readOnLater();
+    else if (m_isLeaving)
         emit clientDisconnected(m_clientId);
 }
 

@@ -22,6 +22,8 @@ public:
     static constexpr qint64 maxUnsentBytes = 64 * 1024 * 1024;
     /// What the socket reads before it is taken from it, in bytes.
     static constexpr qint64 readAheadLimit = 1024 * 1024;
+    /// What is taken from the socket before the event loop has its turn again, in bytes.
+    static constexpr qint64 sliceSize = 64 * 1024;
 
     explicit ClientConnection(QObject *parent = nullptr);
     ~ClientConnection() override;
@@ -36,6 +38,9 @@ public:
     /// and so does its departure. Takes effect at once, also from within messageReceived; the end of it in the event
     /// loop.
     void setHeldBack(bool held);
+
+    /// Whether this end of the client's pipe is still open.
+    bool isOpen() const { return m_socket && m_socket->state() != QLocalSocket::UnconnectedState; }
 
     /// 1 to 16 lower-case hexadecimal digits; the client's key everywhere.
     QString clientId() const { return m_clientId; }
@@ -60,6 +65,7 @@ private slots:
 
 private:
     void deliverMessages();
+    void readOnLater();
 
     const QString m_clientId;
     quint32 m_sessionId = 0;
@@ -69,6 +75,7 @@ private:
     qsizetype m_messageSize = 0;
     bool m_heldBack = false;
     bool m_isLeaving = false;
+    bool m_readsOnLater = false;
 };
 
 } // namespace ruvo

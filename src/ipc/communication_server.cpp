@@ -215,12 +215,15 @@ void CommunicationServer::removeInactiveSessions(const QList<quint32> &active)
     }
 }
 
-// Clients of a session stay when its pipe goes, and so do their instances of it. A connection that has left the
-// table holds its own until its deferred deletion.
+// Clients of a session stay when its pipe goes, and so do their instances of it: also those of connections that have
+// left the table, until they are closed. One that was closed by its client proves nothing, though it may still be
+// there: the name may be a stranger's meanwhile.
 bool CommunicationServer::hasConnectionsOf(quint32 sessionId) const
 {
     const auto connections = findChildren<ClientConnection *>(Qt::FindDirectChildrenOnly);
-    return std::ranges::any_of(connections, [sessionId](auto *client) { return client->sessionId() == sessionId; });
+    return std::ranges::any_of(connections, [sessionId](const ClientConnection *client) {
+        return client->sessionId() == sessionId && client->isOpen();
+    });
 }
 
 void CommunicationServer::serveSession(quint32 sessionId)

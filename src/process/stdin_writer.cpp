@@ -53,11 +53,11 @@ struct StdinWriter::Queue
         const std::lock_guard lock(mutex);
         if (stopped)
             return Added::Stopped;
-        if (waitingBytes + cost > maxWaitingBytes)
-            return std::exchange(refusing, true) ? Added::RefusedAgain : Added::Refused;
         // Half of it, as a child that reads a byte now and then would make room for a refusal each time.
         if (waitingBytes <= maxWaitingBytes / 2)
             refusing = false;
+        if (waitingBytes + cost > maxWaitingBytes)
+            return std::exchange(refusing, true) ? Added::RefusedAgain : Added::Refused;
         requests.push_back({bytes, cost});
         waitingBytes += cost;
         return Added::Waiting;

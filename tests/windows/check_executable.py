@@ -109,9 +109,12 @@ def problems(objdump, windres, nm, version, executable):
     imports = imported_dlls(objdump, executable)
     if not imports:
         yield "no imports were found: the check itself is broken"
-    for dll in sorted(imports):
-        if dll.lower() not in DLLS[os.path.basename(executable)]:
-            yield f"imports {dll}"
+    expected = DLLS[os.path.basename(executable)]
+    found = {dll.lower() for dll in imports}
+    for dll in sorted(found - expected):
+        yield f"imports {dll}"
+    for dll in sorted(expected - found):
+        yield f"no longer imports {dll}: take it from the list"
 
     resources = output(windres, "-J", "coff", "-O", "rc", "-i", executable)
     numbers = version.replace(".", ", ") + ", 0"

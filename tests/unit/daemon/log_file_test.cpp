@@ -84,6 +84,20 @@ TEST_F(LogFileTest, countsAnewAfterItHasSaidHowMany)
                               "WARNING: Lines left out of the log file while it could not be written: 1", "last"}));
 }
 
+TEST_F(LogFileTest, saysHowManyAnotherFileHasLostBeforeIt)
+{
+    takeSlowly("slow\n");
+    m_file.take("lost\n", false);
+    LogFile next(m_path, [this] { return now(); });
+    next.takeOverLeftOut(m_file);
+    next.take("first\n", false);
+    wait(5s);
+    m_file.take("again\n", false);
+    EXPECT_EQ(lines(),
+              (QByteArrayList{"slow", "WARNING: Lines left out of the log file while it could not be written: 1",
+                              "first", "again"}));
+}
+
 TEST_F(LogFileTest, saysHowManyOnceItCanBeWrittenAgain)
 {
     takeSlowly("slow\n");

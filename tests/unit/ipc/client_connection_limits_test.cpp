@@ -111,5 +111,25 @@ TEST_F(ClientConnectionTest, readsAheadSoMuchAndNoMore)
     EXPECT_TRUE(received[0]["text"].toString() == text);
 }
 
+// What is no message is dropped here, and so never held back.
+TEST_F(ClientConnectionTest, letsTheEventLoopHaveItsTurnAfterEachSlice)
+{
+    attach();
+    connection.setHeldBack(true);
+    constexpr qsizetype frames = ClientConnection::readAheadLimit / 7;
+    pair.client().write(PipeClient::frame("{}") + PipeClient::frame("[1]").repeated(frames)
+                        + PipeClient::frame(R"({"n":1})"));
+    ASSERT_TRUE(waitUntil([this] { return pair.accepted()->bytesAvailable() >= ClientConnection::readAheadLimit; }));
+    qint64 unread = -1;
+    handler = [&](const QJsonObject &) {
+        if (unread < 0)
+            QMetaObject::invokeMethod(
+                &connection, [&] { unread = pair.accepted()->bytesAvailable(); }, Qt::QueuedConnection);
+    };
+    connection.setHeldBack(false);
+    EXPECT_TRUE(waitUntil([this] { return received.size() == 2; }));
+    EXPECT_GE(unread, ClientConnection::readAheadLimit - 2 * ClientConnection::sliceSize);
+}
+
 } // namespace
 } // namespace ruvo

@@ -25,13 +25,14 @@ QStringList callsOf(RuvodProcess &process, const QString &prefix)
     return calls;
 }
 
-/// Winsock is started first and cleaned up last, once.
+/// Nothing is asked of Windows before the process is hardened.
 void expectHardenedFirst(RuvodProcess &process)
 {
     EXPECT_EQ(process.calls().value(0), "SetDefaultDllDirectories(0x800)");
     EXPECT_TRUE(process.calls().value(1).startsWith("SetProcessMitigationPolicy(0xa, "));
 }
 
+/// Winsock is started next and cleaned up last, once.
 void expectWinsockAround(RuvodProcess &process)
 {
     expectHardenedFirst(process);

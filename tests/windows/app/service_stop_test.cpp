@@ -121,6 +121,25 @@ TEST_IN_OWN_PROCESS(ServiceStop, reportsAStopThatTakesLongEveryFiveSeconds)
     EXPECT_EQ(hurried.waits, pending); // of which the last was ended by the daemon's end
 }
 
+TEST_IN_OWN_PROCESS(ServiceStop, givesAStopUpThatDoesNotEndWithinTwoMinutes)
+{
+    const HurriedReports hurried;
+    FakeServiceManager manager(FakeServiceManager::Returns::whenStopped);
+    Service service;
+    Service::self().setRunCallback([&] {
+        Service::self().reportRunning();
+        EXPECT_TRUE(manager.waitUntilDispatcherReturned()); // which nothing else brings about
+        Service::self().reportStopped();
+    });
+    std::jthread script([&] {
+        EXPECT_TRUE(manager.waitForState(SERVICE_RUNNING));
+        EXPECT_EQ(manager.control(SERVICE_CONTROL_STOP), DWORD{NO_ERROR});
+    });
+    EXPECT_EQ(Service::self().run(), 0);
+    EXPECT_EQ(hurried.waits, 24);
+    EXPECT_EQ(texts(manager).back(), failed);
+}
+
 TEST_IN_OWN_PROCESS(ServiceStop, reportsNothingOfThatOnceItHasStopped)
 {
     const HurriedReports hurried;
