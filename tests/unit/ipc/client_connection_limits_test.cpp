@@ -7,6 +7,7 @@
 namespace ruvo {
 namespace {
 
+using test::PipeClient;
 using test::waitUntil;
 
 constexpr qint64 mebibyte = 1024 * 1024;
