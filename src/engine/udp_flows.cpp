@@ -88,6 +88,7 @@ UdpFlowPtr UdpFlows::makeFlow(const UdpFlowId &id)
     PortExchangePlan plan{.peer = {m_context.proxyAddress, upstream.port},
                           .request = socks5::requestBytes(socks5::UdpAssociation()),
                           .key = CompletionKey::UdpFlow,
+                          .resetsWhenGivenUp = true,
                           .noDelay = true,
                           .deadline = m_services.clock() + handshakeTimeout};
     flow->setExchange(std::make_shared<PortExchange>(

@@ -34,8 +34,9 @@ bool ConnectionThreads::post(Job job)
 
 bool ConnectionThreads::startThread()
 {
-    m_threads.emplace_back();
-    const auto thread = std::prev(m_threads.end());
+    // In a list of its own until the thread runs: what fails before, also by exceptions, leaves nothing behind.
+    std::list<Thread> one(1);
+    const auto thread = one.begin();
     auto start = std::make_unique<Start>(Start{this, thread});
     thread->handle.reset(reinterpret_cast<HANDLE>(_beginthreadex(
         nullptr, stackSize, &ConnectionThreads::main, start.get(), STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr)));
@@ -43,10 +44,10 @@ bool ConnectionThreads::startThread()
         const int error = errno;
         if (m_failures.take())
             qCWarning(lcRuvod) << "Failed to start a connection thread:" << error;
-        m_threads.erase(thread);
         return false;
     }
     static_cast<void>(start.release()); // the thread's own now
+    m_threads.splice(m_threads.end(), one);
     ++m_running;
     return true;
 }

@@ -92,13 +92,18 @@ inline void resetWhenClosed(SOCKET socket)
     setsockopt(socket, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char *>(&now), sizeof(now));
 }
 
-/// A datagram that its receiver refused (ICMP "port unreachable") fails the next receive otherwise, and with it all
-/// that is still to come. Failure does not matter.
+/// mswsock.h of this compiler lacks it: whether a datagram that ran out of hops fails a receive.
+inline constexpr DWORD udpNetReset = _WSAIOW(IOC_VENDOR, 15);
+
+/// A datagram that its receiver refused (ICMP "port unreachable") or that did not reach it ("time exceeded") fails
+/// the next receive otherwise, and with it all that is still to come. Failure does not matter.
 inline void keepReceivingAfterRefusals(SOCKET socket)
 {
-    BOOL off = FALSE;
-    DWORD size = 0;
-    WSAIoctl(socket, SIO_UDP_CONNRESET, &off, sizeof(off), nullptr, 0, &size, nullptr, nullptr);
+    for (const DWORD what : {DWORD{SIO_UDP_CONNRESET}, udpNetReset}) {
+        BOOL off = FALSE;
+        DWORD size = 0;
+        WSAIoctl(socket, what, &off, sizeof(off), nullptr, 0, &size, nullptr, nullptr);
+    }
 }
 
 } // namespace ruvo

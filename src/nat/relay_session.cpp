@@ -78,8 +78,8 @@ bool RelaySession::associate(Side &side, const char *failure)
         return true;
     }
     const DWORD error = GetLastError();
-    static CappedLog s_failures(10, 100);
-    if (s_failures.take())
+    static CappedLog s_failures[] = {CappedLog(10, 100), CappedLog(10, 100)}; // of the client's side and the other
+    if (s_failures[&side == &m_client ? 0 : 1].take())
         qCWarning(lcRuvod) << failure << error;
     return false;
 }
@@ -128,8 +128,8 @@ std::optional<DWORD> RelaySession::postReceive(Direction &direction, bool throug
     }
     if (issued.state == IssuedState::Done)
         return issued.bytes;
-    static CappedLog s_failures(10, 100);
-    if (!isSilent(issued.error) && s_failures.take())
+    static CappedLog s_failures[] = {CappedLog(10, 100), CappedLog(10, 100)}; // of the upload and the download
+    if (!isSilent(issued.error) && s_failures[&direction == &m_upload ? 0 : 1].take())
         qCWarning(lcRuvod) << direction.receiveFailure << issued.error;
     close(Closing::Abortive);
     return std::nullopt;

@@ -11,6 +11,15 @@
 
 namespace ruvo {
 
+namespace {
+
+/// Flows that are dropped without being asked about again, and for how long: each look-up reads whole tables of
+/// Windows, and datagrams that go round come fast.
+constexpr std::size_t maxDropped = 1024;
+constexpr std::chrono::seconds dropTime{1};
+
+} // namespace
+
 bool UdpNatRelay::initialize(const Settings &settings, CompletionPort &completionPort, PacketOutput packetOutput)
 {
     m_tunnelValue = settings.tunnelValue;
@@ -40,8 +49,12 @@ bool UdpNatRelay::forward(const FlowKey &flow, const Endpoint &target, std::span
             touch(*found->second);
             return true;
         }
+        if (isDropped(flow))
+            return true;
         lane = &laneToWaitIn(flow, target);
-        if (!lane->waiting.add(flow, target, payload) || !takeOpener(*lane))
+        // A known flow has somebody who opens it, unless no thread could be had when it came.
+        const bool isNew = lane->waiting.add(flow, target, payload);
+        if ((!isNew && lane->opening > 0) || !takeOpener(*lane))
             return true;
     } catch (const std::bad_alloc &) {
         return true;
@@ -56,7 +69,19 @@ UdpNatRelay::Lane &UdpNatRelay::laneToWaitIn(const FlowKey &flow, const Endpoint
     Lane &inbound = inboundOf(target);
     const bool isTunnelDns = realDestination(flow.destination, m_tunnelValue) != flow.destination;
     const bool isAsked = m_questions.wayFor && !isTunnelDns && !inbound.waiting.contains(flow);
-    return isAsked ? m_unasked : inbound;
+    return isAsked ? unaskedOf(target) : inbound;
+}
+
+/// Under the mutex.
+bool UdpNatRelay::isDropped(const FlowKey &flow)
+{
+    const auto found = m_dropped.find(flow);
+    if (found == m_dropped.end())
+        return false;
+    if (m_clock() < found->second)
+        return true;
+    m_dropped.erase(found);
+    return false;
 }
 
 /// Under the mutex: whether another thread may open what waits. startOpener has to follow.
@@ -102,7 +127,7 @@ void UdpNatRelay::openWaiting(Lane &lane)
             }
         }
         try {
-            if (&lane == &m_unasked)
+            if (&lane == &m_unasked || &lane == &m_unaskedDns)
                 ask(*flow);
             else
                 open(*flow);
@@ -121,6 +146,9 @@ void UdpNatRelay::ask(const UdpWaitingFlows::Opening &flow)
         return;
     // Not to the fallback: the proxy would send it through the tunnel again.
     takeWaiting(flow.key);
+    const std::lock_guard lock(m_mutex);
+    if (m_dropped.size() < maxDropped)
+        m_dropped.insert_or_assign(flow.key, m_clock() + dropTime);
 }
 
 void UdpNatRelay::handOn(const UdpWaitingFlows::Opening &flow)
@@ -128,7 +156,7 @@ void UdpNatRelay::handOn(const UdpWaitingFlows::Opening &flow)
     Lane &inbound = inboundOf(flow.target);
     {
         const std::lock_guard lock(m_mutex);
-        if (!inbound.waiting.takeOver(flow.key, flow.target, m_unasked.waiting.take(flow.key))
+        if (!inbound.waiting.takeOver(flow.key, flow.target, unaskedOf(flow.target).waiting.take(flow.key))
             || !takeOpener(inbound))
             return;
     }
@@ -264,6 +292,7 @@ void UdpNatRelay::expireIdle()
     {
         const std::lock_guard lock(m_mutex);
         const SteadyTime now = m_clock();
+        std::erase_if(m_dropped, [now](const auto &dropped) { return now >= dropped.second; });
         for (Lane *lane : lanes()) {
             std::list<UdpNatSessionPtr> &flows = lane->byActivity;
             while (!flows.empty() && now - flows.front()->lastActivity >= idleTime) {
@@ -287,6 +316,7 @@ void UdpNatRelay::shutdown()
         for (const auto &[key, session] : m_flows)
             session->close();
         m_flows.clear();
+        m_dropped.clear();
         for (Lane *lane : lanes()) {
             lane->byActivity.clear();
             lane->waiting.clear();

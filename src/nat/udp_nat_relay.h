@@ -127,12 +127,14 @@ private:
     };
 
     bool isStopping() const;
-    std::array<Lane *, 3> lanes() { return {&m_unasked, &m_dns, &m_proxied}; }
+    std::array<Lane *, 4> lanes() { return {&m_unaskedDns, &m_unasked, &m_dns, &m_proxied}; }
     Lane &inboundOf(const Endpoint &target) { return target.port == dnsPort ? m_dns : m_proxied; }
+    Lane &unaskedOf(const Endpoint &target) { return target.port == dnsPort ? m_unaskedDns : m_unasked; }
     Lane &laneToWaitIn(const FlowKey &flow, const Endpoint &target);
     static bool takeOpener(Lane &lane);
     void startOpener(Lane &lane);
     void openWaiting(Lane &lane);
+    bool isDropped(const FlowKey &flow);
     void ask(const UdpWaitingFlows::Opening &flow);
     void handOn(const UdpWaitingFlows::Opening &flow);
     bool openDirect(const UdpWaitingFlows::Opening &flow);
@@ -162,7 +164,10 @@ private:
 
     mutable std::mutex m_mutex;
     std::map<FlowKey, UdpNatSessionPtr> m_flows;
-    /// Flows whose way is not known yet. The answer takes no time, and what opens there does not block.
+    /// New flows that are to be dropped, and until when they are without being asked about again.
+    std::map<FlowKey, SteadyTime> m_dropped;
+    /// Flows whose way is not known yet. The answer does not wait for anything, nor does what opens there.
+    Lane m_unaskedDns{2};
     Lane m_unasked{2};
     Lane m_dns{16};
     Lane m_proxied{16};

@@ -216,7 +216,10 @@ bool UdpNatSession::send(std::span<const std::uint8_t> payload)
         return true;
     if (m_isDirect) {
         m_log.directSendFailed(error);
-        return true; // lost: every other way leads back into the tunnel
+        // Lost: every other way leads back into the tunnel. The socket keeps the address and the interface of the
+        // moment in which it was connected, so the next datagram opens another.
+        m_active = false;
+        return true;
     }
     m_log.sendFailed(error);
     return false;

@@ -62,7 +62,7 @@ public:
     /// Nothing is received any more.
     void close();
 
-    /// Whether the proxy still keeps the association; of a direct flow, whether it still hears answers.
+    /// Whether the proxy still keeps the association; of a direct flow, whether its socket still works.
     bool isActive() const { return m_active; }
 
     /// Of UdpNatRelay, under its mutex.

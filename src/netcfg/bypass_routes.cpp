@@ -39,6 +39,7 @@ DWORD remove(const BypassRoute &route, const BypassRouteNotes &notes)
 // the route: written before, and the process killed in between, it would name a route of somebody else's.
 void BypassRoutes::add(const BypassRoute &route)
 {
+    m_routes.reserve(m_routes.size() + 1); // a route that cannot be remembered is not made
     MIB_IPFORWARD_ROW2 row = rowOf(route);
     row.Metric = 0;
     row.Protocol = RouteProtocolNetMgmt;

@@ -192,9 +192,17 @@ void PortExchange::finish(std::unique_lock<std::mutex> lock, Outcome outcome)
 {
     m_over = true;
     Callback callback = std::move(m_callback);
-    m_socket.reset();
+    giveUpSocket();
     lock.unlock();
     callback(std::move(outcome));
+}
+
+/// Under the mutex. Nothing to do where the outcome has taken it.
+void PortExchange::giveUpSocket()
+{
+    if (m_socket && m_plan.resetsWhenGivenUp)
+        resetWhenClosed(m_socket.get());
+    m_socket.reset();
 }
 
 bool PortExchange::cancel()
@@ -204,7 +212,7 @@ bool PortExchange::cancel()
     if (std::exchange(m_over, true))
         return false;
     dropped = std::move(m_callback);
-    m_socket.reset();
+    giveUpSocket();
     return true;
 }
 

@@ -30,6 +30,8 @@ struct PortExchangePlan
     bool noDelay = false;
     /// Called once, inside start, with the new socket before it is bound; may be null.
     std::function<void(SOCKET)> prepare = {};
+    /// A connection that is given up is reset: its port does not stay in TIME_WAIT.
+    bool resetsWhenGivenUp = false;
     /// When expireIfOverdue ends it.
     SteadyTime deadline = SteadyTime::max();
 };
@@ -132,6 +134,7 @@ private:
     Outcome established();
     int completionError(DWORD portError);
     Outcome failureAt(StepsOfCall steps, int error);
+    void giveUpSocket();
     void finish(std::unique_lock<std::mutex> lock, Outcome outcome);
 
     void onCompleted(DWORD bytes, DWORD error);

@@ -62,6 +62,8 @@ void Tunnel::stop()
     if (!m_completionPort.drain(drainTimeout)) {
         qCWarning(lcRuvod) << "[RUVO-TUN] Operations still in flight at the stop:" << m_completionPort.inFlight();
     }
+    // What is still in flight is never handled once the port is closed: it holds its own memory, but refers to what
+    // goes from here on.
     m_completionPort.close();
     m_firewall.reset(); // removes the filters
     m_adapter->stopReading();

@@ -228,13 +228,14 @@ TEST_F(UdpNatFailureTest, isToldOfNoRefusals)
     const ImportRedirection<IMPORT(WSAIoctl)> watched(
         [&, next = ImportRedirection<IMPORT(WSAIoctl)>::current()](SOCKET socket, DWORD code, void *in, DWORD inSize,
                                                                    auto... rest) {
-            if (code == SIO_UDP_CONNRESET && inSize == sizeof(BOOL) && *static_cast<const BOOL *>(in) == FALSE)
+            if ((code == SIO_UDP_CONNRESET || code == udpNetReset) && inSize == sizeof(BOOL)
+                && *static_cast<const BOOL *>(in) == FALSE)
                 ++switchedOff;
             return next(socket, code, in, inSize, rest...);
         });
     startRelay();
     establish(5000);
-    EXPECT_EQ(switchedOff, 1);
+    EXPECT_EQ(switchedOff, 2);
 }
 
 TEST_F(UdpNatFailureTest, opensAnewWhenTheControlConnectionCannotBeWatched)

@@ -49,6 +49,28 @@ TEST_F(UdpNatRelayTest, dropsNoDnsFlowForOthers)
         EXPECT_EQ(m_direct->receive().bytes, dnsHeader + "query");
 }
 
+// Whose a flow is takes time to find out, too.
+TEST_F(UdpNatRelayTest, dropsNoDnsFlowForOthersThatAreAskedAbout)
+{
+    const KernelHandle gate(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    m_relay->setQuestions({.wayFor =
+                               [&](const FlowKey &flow) {
+                                   if (flow.destination.port != 53)
+                                       WaitForSingleObject(gate.get(), 20000);
+                                   return UdpWay::Associate;
+                               },
+                           .physicalInterface = [] { return 0u; }});
+    startRelay();
+    for (std::uint16_t port = 1; port <= 1100; ++port)
+        ASSERT_TRUE(forward(port, "in vain"));
+    for (std::uint16_t port = 1; port <= manyFlows; ++port) {
+        ASSERT_TRUE(forwardTo(53, port, "query"));
+        EXPECT_EQ(m_direct->receive().bytes, dnsHeader + "query");
+    }
+    SetEvent(gate.get());
+    m_relay->shutdown(); // before the gate goes
+}
+
 TEST_F(UdpNatRelayTest, keepsABoundedNumberOfAssociationsForEachInbound)
 {
     constexpr std::uint16_t limit = 5;

@@ -93,6 +93,20 @@ TEST_P(UdpNatOpenersTest, areTriedForAgainAfterNoneCouldBeHad)
         EXPECT_EQ(m_proxy->receive().bytes, header + "waits") << port;
 }
 
+// It may be the only one.
+TEST_P(UdpNatOpenersTest, areTriedForAgainForTheSameFlow)
+{
+    startRelay();
+    {
+        const NoThreads none(GetParam());
+        ASSERT_TRUE(forward(5000, "waits"));
+        EXPECT_EQ(none.asked(), 1);
+    }
+    ASSERT_TRUE(forward(5000, "opens"));
+    EXPECT_EQ(m_proxy->receive().bytes, header + "waits");
+    EXPECT_EQ(m_proxy->receive().bytes, header + "opens");
+}
+
 INSTANTIATE_TEST_SUITE_P(, UdpNatOpenersTest, ::testing::Bool(),
                          [](const auto &tested) { return tested.param ? "ThereWasNoMemory" : "ThereWasNoThread"; });
 

@@ -115,10 +115,10 @@ TEST_F(TunnelUdpWay, ofTheDaemonsOwnDatagramsLeadsNowhere)
     m_owner = somePid;
     dispatch(tunnelIp, 5001);
     expectAssociations(1);
-    for (int i = 0; i < 20; ++i) {
+    for (std::uint16_t i = 0; i < 20; ++i) {
         const int before = m_lookUps;
         m_owner = GetCurrentProcessId();
-        dispatch(tunnelIp, 5002);
+        dispatch(tunnelIp, static_cast<std::uint16_t>(5002 + i));
         EXPECT_TRUE(waitUntil([&] { return m_lookUps == before + 1; }));
     }
     m_tunnel->stop();
