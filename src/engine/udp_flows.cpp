@@ -88,8 +88,8 @@ UdpFlowPtr UdpFlows::makeFlow(const UdpFlowId &id)
     PortExchangePlan plan{.peer = {m_context.proxyAddress, upstream.port},
                           .request = socks5::requestBytes(socks5::UdpAssociation()),
                           .key = CompletionKey::UdpFlow,
-                          .resetsWhenGivenUp = true,
                           .noDelay = true,
+                          .resetsWhenGivenUp = true,
                           .deadline = m_services.clock() + handshakeTimeout};
     flow->setExchange(std::make_shared<PortExchange>(
         *m_services.completionPort, std::move(plan),

@@ -1,5 +1,6 @@
 // Each call of a flow fails once: the flow goes and leaves nothing behind, and the next datagram opens a new one.
 
+#include "io/socket_options.h"
 #include "windows/engine/udp_flows_fixture.h"
 
 #include "support/qt_printers.h"

@@ -1,5 +1,6 @@
 // Associations that cannot be opened, and calls of open ones that fail.
 
+#include "io/socket_options.h"
 #include "windows/io/socket_type.h"
 #include "windows/nat/udp_nat_fixture.h"
 
